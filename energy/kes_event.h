@@ -3,7 +3,7 @@
 #ifndef KES_EVENT_H
 #define KES_EVENT_H
 
-#include "kes_string.h"
+#include "kes_containers.h"
 
 namespace kes {
 

@@ -15,6 +15,7 @@
 #include <cstring>
 
 namespace kes {
+namespace test {
 
 namespace {
 
@@ -24,7 +25,7 @@ uint64_t now_ms()
         std::chrono::steady_clock::now().time_since_epoch()).count());
 }
 
-void send_all(int i_fd, const kesTestBytes& i_bytes)
+void send_all(int i_fd, const Bytes& i_bytes)
 {
     size_t done = 0;
     while (done < i_bytes.size()) {
@@ -37,7 +38,7 @@ void send_all(int i_fd, const kesTestBytes& i_bytes)
 
 } // namespace
 
-uint16_t kesTestCrc(const uint8_t* i_pData, size_t i_size)
+uint16_t Crc16(const uint8_t* i_pData, size_t i_size)
 {
     uint16_t crc = 0xFFFF;
     for (size_t i = 0; i < i_size; ++i) {
@@ -48,17 +49,17 @@ uint16_t kesTestCrc(const uint8_t* i_pData, size_t i_size)
     return crc;
 }
 
-kesTestBytes kesTestWithCrc(kesTestBytes i_frame)
+Bytes WithCrc(Bytes i_frame)
 {
-    uint16_t crc = kesTestCrc(i_frame.data(), i_frame.size());
+    uint16_t crc = Crc16(i_frame.data(), i_frame.size());
     i_frame.push_back(static_cast<uint8_t>(crc & 0xFF));
     i_frame.push_back(static_cast<uint8_t>(crc >> 8));
     return i_frame;
 }
 
-kesTestBytes kesTestHex(const std::string& i_text)
+Bytes Hex(const std::string& i_text)
 {
-    kesTestBytes out;
+    Bytes out;
     int high = -1;
     for (char c : i_text) {
         int v;
@@ -80,7 +81,7 @@ kesTestBytes kesTestHex(const std::string& i_text)
     return out;
 }
 
-std::string kesTestToHex(const kesTestBytes& i_bytes)
+std::string ToHex(const Bytes& i_bytes)
 {
     std::string out;
     char part[4];
@@ -91,7 +92,7 @@ std::string kesTestToHex(const kesTestBytes& i_bytes)
     return out;
 }
 
-kesTestGateway::Fault kesTestGateway::MakeFault(EFault i_kind, unsigned int i_value, const kesTestBytes& i_raw)
+TestGateway::Fault TestGateway::MakeFault(EFault i_kind, unsigned int i_value, const Bytes& i_raw)
 {
     Fault fault;
     fault.kind = i_kind;
@@ -100,17 +101,17 @@ kesTestGateway::Fault kesTestGateway::MakeFault(EFault i_kind, unsigned int i_va
     return fault;
 }
 
-kesTestGateway::kesTestGateway() : m_accepted(0), m_listener(-1), m_port(0), m_running(false)
+TestGateway::TestGateway() : m_accepted(0), m_listener(-1), m_port(0), m_running(false)
 {
     m_wake[0] = m_wake[1] = -1;
 }
 
-kesTestGateway::~kesTestGateway()
+TestGateway::~TestGateway()
 {
     Stop();
 }
 
-bool kesTestGateway::Start(uint16_t i_port)
+bool TestGateway::Start(uint16_t i_port)
 {
     Stop();
     int fd = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -132,11 +133,11 @@ bool kesTestGateway::Start(uint16_t i_port)
     m_listener = fd;
     m_port = ntohs(addr.sin_port);
     m_running = true;
-    m_thread = std::thread(&kesTestGateway::service, this);
+    m_thread = std::thread(&TestGateway::service, this);
     return true;
 }
 
-void kesTestGateway::Stop()
+void TestGateway::Stop()
 {
     if (!m_running)
         return;
@@ -155,106 +156,106 @@ void kesTestGateway::Stop()
     m_running = false;
 }
 
-bool kesTestGateway::IsRunning() const
+bool TestGateway::IsRunning() const
 {
     return m_running;
 }
 
-uint16_t kesTestGateway::GetPort() const
+uint16_t TestGateway::GetPort() const
 {
     return m_port;
 }
 
-std::string kesTestGateway::GetAddress() const
+std::string TestGateway::GetAddress() const
 {
     return "127.0.0.1:" + std::to_string(m_port);
 }
 
-void kesTestGateway::SetRegisters(uint8_t i_unit, uint16_t i_first, const std::vector<uint16_t>& i_values)
+void TestGateway::SetRegisters(uint8_t i_unit, uint16_t i_first, const std::vector<uint16_t>& i_values)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     for (size_t i = 0; i < i_values.size(); ++i)
         m_registers[(static_cast<uint32_t>(i_unit) << 16) | static_cast<uint16_t>(i_first + i)] = i_values[i];
 }
 
-void kesTestGateway::RemoveRegisters(uint8_t i_unit, uint16_t i_first, uint16_t i_count)
+void TestGateway::RemoveRegisters(uint8_t i_unit, uint16_t i_first, uint16_t i_count)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     for (uint32_t i = 0; i < i_count; ++i)
         m_registers.erase((static_cast<uint32_t>(i_unit) << 16) | static_cast<uint16_t>(i_first + i));
 }
 
-void kesTestGateway::ClearRegisters()
+void TestGateway::ClearRegisters()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_registers.clear();
 }
 
-void kesTestGateway::PushFault(const Fault& i_fault)
+void TestGateway::PushFault(const Fault& i_fault)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_faults.push_back(i_fault);
 }
 
-void kesTestGateway::ClearFaults()
+void TestGateway::ClearFaults()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_faults.clear();
 }
 
-std::vector<kesTestBytes> kesTestGateway::GetRequests() const
+std::vector<Bytes> TestGateway::GetRequests() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_requests;
 }
 
-size_t kesTestGateway::GetRequestCount() const
+size_t TestGateway::GetRequestCount() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_requests.size();
 }
 
-void kesTestGateway::ClearRequests()
+void TestGateway::ClearRequests()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_requests.clear();
 }
 
-bool kesTestGateway::WaitForRequests(size_t i_count, unsigned int i_milliseconds) const
+bool TestGateway::WaitForRequests(size_t i_count, unsigned int i_milliseconds) const
 {
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_requestArrived.wait_for(lock, std::chrono::milliseconds(i_milliseconds),
                                      [&] { return m_requests.size() >= i_count; });
 }
 
-unsigned int kesTestGateway::GetAcceptedCount() const
+unsigned int TestGateway::GetAcceptedCount() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_accepted;
 }
 
-kesTestBytes kesTestGateway::Answer(const kesTestBytes& i_request) const
+Bytes TestGateway::Answer(const Bytes& i_request) const
 {
-    if (i_request.size() != 8 || i_request[1] != 3 || kesTestCrc(i_request.data(), 6) != (i_request[6] | (i_request[7] << 8)))
-        return kesTestBytes();
+    if (i_request.size() != 8 || i_request[1] != 3 || Crc16(i_request.data(), 6) != (i_request[6] | (i_request[7] << 8)))
+        return Bytes();
     uint16_t first = static_cast<uint16_t>((i_request[2] << 8) | i_request[3]);
     uint16_t count = static_cast<uint16_t>((i_request[4] << 8) | i_request[5]);
     if (count == 0 || count > 125)
-        return kesTestBytes();
-    kesTestBytes reply = {i_request[0], 3, static_cast<uint8_t>(count * 2)};
+        return Bytes();
+    Bytes reply = {i_request[0], 3, static_cast<uint8_t>(count * 2)};
     std::lock_guard<std::mutex> lock(m_mutex);
     for (uint32_t i = 0; i < count; ++i) {
         auto it = m_registers.find((static_cast<uint32_t>(i_request[0]) << 16) | static_cast<uint16_t>(first + i));
         if (it == m_registers.end())
-            return kesTestBytes();
+            return Bytes();
         reply.push_back(static_cast<uint8_t>(it->second >> 8));
         reply.push_back(static_cast<uint8_t>(it->second & 0xFF));
     }
-    return kesTestWithCrc(reply);
+    return WithCrc(reply);
 }
 
 // Length of the first frame in the input, or 0 while it is incomplete.
-size_t kesTestGateway::request_length(const kesTestBytes& i_input)
+size_t TestGateway::request_length(const Bytes& i_input)
 {
     if (i_input.size() < 2)
         return 0;
@@ -267,14 +268,14 @@ size_t kesTestGateway::request_length(const kesTestBytes& i_input)
     return i_input.size() >= length ? length : 0;
 }
 
-void kesTestGateway::serve_input(Connection& io_connection, bool* o_close)
+void TestGateway::serve_input(Connection& io_connection, bool* o_close)
 {
     *o_close = false;
     for (;;) {
         size_t length = request_length(io_connection.input);
         if (length == 0)
             return;
-        kesTestBytes request(io_connection.input.begin(), io_connection.input.begin() + static_cast<long>(length));
+        Bytes request(io_connection.input.begin(), io_connection.input.begin() + static_cast<long>(length));
         io_connection.input.erase(io_connection.input.begin(), io_connection.input.begin() + static_cast<long>(length));
 
         Fault fault = MakeFault(FaultNone);
@@ -288,7 +289,7 @@ void kesTestGateway::serve_input(Connection& io_connection, bool* o_close)
         }
         m_requestArrived.notify_all();
 
-        kesTestBytes reply = Answer(request);
+        Bytes reply = Answer(request);
         uint64_t delay = 0;
         switch (fault.kind) {
         case FaultNone:
@@ -305,11 +306,11 @@ void kesTestGateway::serve_input(Connection& io_connection, bool* o_close)
             if (!reply.empty()) {
                 reply.resize(reply.size() - 2);
                 reply[fault.kind == FaultWrongUnit ? 0 : 1] = static_cast<uint8_t>(fault.value);
-                reply = kesTestWithCrc(reply);
+                reply = WithCrc(reply);
             }
             break;
         case FaultException:
-            reply = kesTestWithCrc({request[0], static_cast<uint8_t>(request[1] | 0x80), static_cast<uint8_t>(fault.value)});
+            reply = WithCrc({request[0], static_cast<uint8_t>(request[1] | 0x80), static_cast<uint8_t>(fault.value)});
             break;
         case FaultShort:
             reply.resize(reply.size() > fault.value ? reply.size() - fault.value : 0);
@@ -321,7 +322,7 @@ void kesTestGateway::serve_input(Connection& io_connection, bool* o_close)
             *o_close = true;
             return;
         case FaultRaw:
-            reply = fault.value ? kesTestWithCrc(fault.raw) : fault.raw;
+            reply = fault.value ? WithCrc(fault.raw) : fault.raw;
             break;
         }
         if (reply.empty())
@@ -333,7 +334,7 @@ void kesTestGateway::serve_input(Connection& io_connection, bool* o_close)
     }
 }
 
-void kesTestGateway::close_connection(size_t i_index)
+void TestGateway::close_connection(size_t i_index)
 {
     int fd = m_connections[i_index].fd;
     for (size_t i = m_delayed.size(); i-- > 0;)
@@ -344,7 +345,7 @@ void kesTestGateway::close_connection(size_t i_index)
     m_connections.erase(m_connections.begin() + static_cast<long>(i_index));
 }
 
-void kesTestGateway::service()
+void TestGateway::service()
 {
     for (;;) {
         std::vector<pollfd> fds;
@@ -397,7 +398,7 @@ void kesTestGateway::service()
             if (fd >= 0) {
                 int yes = 1;
                 ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes));
-                m_connections.push_back(Connection{fd, kesTestBytes()});
+                m_connections.push_back(Connection{fd, Bytes()});
                 std::lock_guard<std::mutex> lock(m_mutex);
                 ++m_accepted;
             }
@@ -405,4 +406,5 @@ void kesTestGateway::service()
     }
 }
 
+} // namespace test
 } // namespace kes

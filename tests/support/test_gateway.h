@@ -5,8 +5,8 @@
 // all in the table gets no answer, the way a bus without such a device stays
 // silent. Faults queued with PushFault apply to the next requests, one each,
 // so a test can script any reply shape.
-#ifndef KES_TEST_GATEWAY_H
-#define KES_TEST_GATEWAY_H
+#ifndef KES_TEST_TEST_GATEWAY_H
+#define KES_TEST_TEST_GATEWAY_H
 
 #include <condition_variable>
 #include <cstdint>
@@ -18,18 +18,19 @@
 #include <vector>
 
 namespace kes {
+namespace test {
 
-typedef std::vector<uint8_t> kesTestBytes;
+typedef std::vector<uint8_t> Bytes;
 
 // Modbus CRC-16, written apart from the framework's so that a test never
 // checks the frame code against itself.
-uint16_t kesTestCrc(const uint8_t* i_pData, size_t i_size);
-kesTestBytes kesTestWithCrc(kesTestBytes i_frame);
+uint16_t Crc16(const uint8_t* i_pData, size_t i_size);
+Bytes WithCrc(Bytes i_frame);
 // "01 03 00 64" -> bytes; blanks are ignored.
-kesTestBytes kesTestHex(const std::string& i_text);
-std::string kesTestToHex(const kesTestBytes& i_bytes);
+Bytes Hex(const std::string& i_text);
+std::string ToHex(const Bytes& i_bytes);
 
-class kesTestGateway {
+class TestGateway {
 public:
     enum EFault {
         FaultNone,          // answer normally
@@ -46,12 +47,12 @@ public:
     struct Fault {
         EFault kind;
         unsigned int value;
-        kesTestBytes raw;
+        Bytes raw;
     };
-    static Fault MakeFault(EFault i_kind, unsigned int i_value = 0, const kesTestBytes& i_raw = kesTestBytes());
+    static Fault MakeFault(EFault i_kind, unsigned int i_value = 0, const Bytes& i_raw = Bytes());
 
-    kesTestGateway();
-    ~kesTestGateway();
+    TestGateway();
+    ~TestGateway();
 
     // Listens on 127.0.0.1; port 0 takes a free one. Start after Stop may reuse
     // the old port, so a test can bring a gateway back where it was.
@@ -70,7 +71,7 @@ public:
     void ClearFaults();
 
     // Requests as received, in order, each one whole frame.
-    std::vector<kesTestBytes> GetRequests() const;
+    std::vector<Bytes> GetRequests() const;
     size_t GetRequestCount() const;
     void ClearRequests();
     bool WaitForRequests(size_t i_count, unsigned int i_milliseconds) const;
@@ -78,29 +79,29 @@ public:
 
     // The normal reply to one request from the register table, empty when the
     // gateway would stay silent. The service thread uses it; tests may too.
-    kesTestBytes Answer(const kesTestBytes& i_request) const;
+    Bytes Answer(const Bytes& i_request) const;
 
 private:
     struct Connection {
         int fd;
-        kesTestBytes input;
+        Bytes input;
     };
     struct Delayed {
         int fd;
         uint64_t due;
-        kesTestBytes bytes;
+        Bytes bytes;
     };
 
     void service();
     void serve_input(Connection& io_connection, bool* o_close);
-    static size_t request_length(const kesTestBytes& i_input);
+    static size_t request_length(const Bytes& i_input);
     void close_connection(size_t i_index);
 
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_requestArrived;
     std::map<uint32_t, uint16_t> m_registers; // (unit << 16) | register
     std::deque<Fault> m_faults;
-    std::vector<kesTestBytes> m_requests;
+    std::vector<Bytes> m_requests;
     unsigned int m_accepted;
 
     // service thread only, once started
@@ -114,6 +115,7 @@ private:
     bool m_running;
 };
 
+} // namespace test
 } // namespace kes
 
 #endif
