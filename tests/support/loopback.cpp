@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <ftw.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <pty.h>
@@ -15,9 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace kes
-{
-namespace test
+namespace kes_test
 {
 
 namespace
@@ -29,11 +26,6 @@ int remaining_ms(Clock::time_point i_deadline)
 {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(i_deadline - Clock::now()).count();
     return left > 0 ? (int)left : 0;
-}
-
-int remove_entry(const char* i_path, const struct stat*, int, struct FTW*)
-{
-    return remove(i_path);
 }
 
 } // namespace
@@ -173,19 +165,6 @@ void LoopbackServer::Join()
         m_thread.join();
 }
 
-TempDir::TempDir()
-{
-    char pattern[] = "/tmp/kes_test_XXXXXX";
-    const char* made = mkdtemp(pattern);
-    m_path = made != nullptr ? made : "";
-}
-
-TempDir::~TempDir()
-{
-    if (!m_path.empty())
-        nftw(m_path.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
-}
-
 PtyPair::PtyPair(const std::string& i_linkName) : m_master(-1)
 {
     m_linkPath = m_dir.Path() + "/" + i_linkName;
@@ -231,5 +210,4 @@ bool PtyPair::Replug()
     return open_pair();
 }
 
-} // namespace test
-} // namespace kes
+} // namespace kes_test

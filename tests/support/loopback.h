@@ -5,15 +5,15 @@
 // an ephemeral port, and a pseudo-terminal pair reachable through a symlink
 // (e.g. <temp>/dev/ttyUSB0). Every wait here is bounded.
 
+#include "test_process.h"
+
 #include <atomic>
 #include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
-namespace kes
-{
-namespace test
+namespace kes_test
 {
 
 typedef std::vector<unsigned char> Bytes;
@@ -69,20 +69,6 @@ private:
     std::atomic<int> m_accepted{0};
 };
 
-// A folder under /tmp removed with its content at the end.
-class TempDir
-{
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::string& Path() const { return m_path; }
-
-private:
-    std::string m_path;
-};
-
 // openpty pair. The test keeps the master side; the slave is opened by the
 // code under test through LinkPath(), a symlink in a temporary folder
 // (<temp>/dev/ttyUSB0 unless told otherwise). Raw mode is set by whoever
@@ -108,7 +94,7 @@ public:
 private:
     bool open_pair();
 
-    TempDir m_dir;
+    kes_test::TempDir m_dir;
     int m_master;
     std::string m_slavePath;
     std::string m_linkPath;
@@ -130,7 +116,6 @@ private:
     std::thread m_thread;
 };
 
-} // namespace test
-} // namespace kes
+} // namespace kes_test
 
 #endif
