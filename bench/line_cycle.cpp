@@ -25,8 +25,8 @@
 
 using namespace kes;
 using kes::Energy::kesEnergyLine;
-using kes::test::Bytes;
-using kes::test::TestGateway;
+using kes_test::Bytes;
+using kes_test::TestGateway;
 
 namespace {
 
@@ -129,7 +129,7 @@ int main(int argc, char** argv)
         fprintf(stderr, "the test gateway does not start\n");
         return 2;
     }
-    kes::test::ErrorCapture log; // a clean console; failures are counted below
+    kes_test::ErrorCapture log; // a clean console; failures are counted below
 
     kesEnergySystem::EXECUTION_COUNT = 2;
     kesEnergyLine line(1);
@@ -148,7 +148,7 @@ int main(int argc, char** argv)
             g_firstAddress = address;
         gateway.SetRegisters(type, address, std::vector<uint16_t>(registers, static_cast<uint16_t>(i)));
         line.AddDevice(type, address);
-        Bytes request = kes::test::WithCrc({type, 3, static_cast<uint8_t>(address >> 8),
+        Bytes request = kes_test::WithCrc({type, 3, static_cast<uint8_t>(address >> 8),
                                              static_cast<uint8_t>(address & 0xFF), 0,
                                              static_cast<uint8_t>(registers)});
         leastPerCycle += median_round_trip(gateway.GetPort(), request, 2u * registers + 5u) +

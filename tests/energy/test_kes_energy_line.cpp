@@ -14,8 +14,8 @@
 
 using namespace kes;
 using kes::Energy::kesEnergyLine;
-using kes::test::ErrorCapture;
-using kes::test::TestGateway;
+using kes_test::ErrorCapture;
+using kes_test::TestGateway;
 
 namespace {
 

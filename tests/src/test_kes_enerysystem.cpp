@@ -13,11 +13,11 @@
 #include "test_process.h"
 
 using namespace kes;
-using kes::test::Bytes;
-using kes::test::ErrorCapture;
-using kes::test::Hex;
-using kes::test::TestGateway;
-using kes::test::WithCrc;
+using kes_test::Bytes;
+using kes_test::ErrorCapture;
+using kes_test::Hex;
+using kes_test::TestGateway;
+using kes_test::WithCrc;
 
 namespace {
 
@@ -272,7 +272,7 @@ TEST_F(EnergySystemTest, EveryReadDecodesItsRegisters)
         Bytes expected = WithCrc({row.unit, 3, static_cast<uint8_t>(row.address >> 8),
                                   static_cast<uint8_t>(row.address & 0xFF), 0,
                                   static_cast<uint8_t>(row.registers.size())});
-        EXPECT_EQ(kes::test::ToHex(expected), kes::test::ToHex(requests[0]));
+        EXPECT_EQ(kes_test::ToHex(expected), kes_test::ToHex(requests[0]));
     }
     EXPECT_EQ(0u, m_log.Count()) << m_log.Dump();
 }
@@ -325,12 +325,12 @@ TEST_F(EnergySystemTest, PanelRequestAndReplyOnTheWire)
 {
     Open();
     m_gateway.SetRegisters(1, 300, {0x5DC0, 0x00FA});
-    EXPECT_EQ(kes::test::ToHex(WithCrc(Hex("01 03 04 5D C0 00 FA"))),
-              kes::test::ToHex(m_gateway.Answer(WithCrc(Hex("01 03 01 2C 00 02")))));
+    EXPECT_EQ(kes_test::ToHex(WithCrc(Hex("01 03 04 5D C0 00 FA"))),
+              kes_test::ToHex(m_gateway.Answer(WithCrc(Hex("01 03 01 2C 00 02")))));
     float voltage = 0, temperature = 0;
     ASSERT_EQ(kesErrorOk, m_system.ReadPanelVoltTemp(300, &voltage, &temperature));
     ASSERT_EQ(1u, m_gateway.GetRequestCount());
-    EXPECT_EQ(kes::test::ToHex(WithCrc(Hex("01 03 01 2C 00 02"))), kes::test::ToHex(m_gateway.GetRequests()[0]));
+    EXPECT_EQ(kes_test::ToHex(WithCrc(Hex("01 03 01 2C 00 02"))), kes_test::ToHex(m_gateway.GetRequests()[0]));
     EXPECT_FLOAT_EQ(240.00f, voltage);
     EXPECT_FLOAT_EQ(25.0f, temperature);
 }
