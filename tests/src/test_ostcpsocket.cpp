@@ -342,3 +342,21 @@ TEST(OsTcpSocket, ThreadsResolveNamesAtOnce)
         worker.join();
     EXPECT_EQ(threads * rounds, connected.load());
 }
+
+TEST(OsTcpSocket, DescriptorAboveFdSetSize)
+{
+    Gate done;
+    LoopbackServer server;
+    server.Serve([&](int fd, int) {
+        kes_test::WriteAll(fd, Bytes{1, 2, 3});
+        done.Wait(5000);
+    });
+    kes_test::DescriptorFloor floor;
+    if (!floor.IsReached())
+        GTEST_SKIP() << "descriptor limit too low";
+    kesOsTcpSocket socket;
+    ASSERT_EQ(kesErrorOk, socket.Open(server.Address().c_str(), 0));
+    EXPECT_TRUE(socket.IsReadyToReceive(2000));
+    EXPECT_TRUE(socket.IsReadyToSend(0));
+    done.Open();
+}

@@ -100,6 +100,23 @@ private:
     std::string m_linkPath;
 };
 
+// Takes every free descriptor below i_floor (FD_SETSIZE by default), so that
+// the next descriptor opened is at or above it; gives them back at the end.
+class DescriptorFloor
+{
+public:
+    explicit DescriptorFloor(int i_floor = -1);
+    ~DescriptorFloor();
+    DescriptorFloor(const DescriptorFloor&) = delete;
+    DescriptorFloor& operator=(const DescriptorFloor&) = delete;
+    // false when the descriptor limit is too low to reach the floor
+    bool IsReached() const { return m_reached; }
+
+private:
+    std::vector<int> m_taken;
+    bool m_reached;
+};
+
 // Runs a peer procedure on a thread and joins it in the destructor.
 class PeerThread
 {
