@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "error_capture.h"
+#include "loopback.h"
 #include "test_gateway.h"
 #include "test_process.h"
 
@@ -458,6 +459,61 @@ TEST_F(EnergySystemTest, FailureTextsOfTheWrapper)
         ASSERT_EQ(2u, records.size()) << m_log.Dump();
         EXPECT_NE(std::string::npos, records[1].find(row.text)) << records[1];
     }
+}
+
+// On a serial line the adapter echoes every frame, a short reply is a count
+// rather than a time-out, and a missing echo ends the exchange at the send.
+TEST(EnergySystemSerial, ReplyShapesOnAnEchoingLine)
+{
+    struct Row {
+        const char* name;
+        bool echo;
+        const char* reply;
+        const char* text; // empty: success
+    };
+    const Row rows[] = {
+        {"echo and reply", true, "01 03 04 5D C0 00 FA", ""},
+        {"no echo", false, "", "Can not send data to the bus at address:300"},
+        {"echo, then 5 of 9 bytes", true, "01 03 04 5D C0", "Received 5 bytes but requested 9 at address:300"},
+        {"echo, then nothing", true, "", "Received 0 bytes but requested 9 at address:300"},
+    };
+    kes_test::PtyPair pty;
+    ASSERT_TRUE(pty.IsValid());
+    unsigned char savedCount = kesEnergySystem::EXECUTION_COUNT;
+    kesEnergySystem::EXECUTION_COUNT = 1;
+    ErrorCapture log;
+    kesEnergySystem system;
+    ASSERT_EQ(kesErrorOk, system.OpenCommunication(pty.LinkPath().c_str(), 0, 300, 5, 30)) << log.Dump();
+    const Bytes request = WithCrc(Hex("01 03 01 2C 00 02"));
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        log.Clear();
+        Bytes seen;
+        kes_test::PeerThread peer([&] {
+            seen = kes_test::ReadFor(pty.Master(), request.size(), 3000);
+            if (row.echo)
+                kes_test::WriteAll(pty.Master(), seen);
+            Bytes reply = Hex(row.reply);
+            if (reply.size() == 7)
+                reply = WithCrc(reply);
+            if (!reply.empty())
+                kes_test::WriteAll(pty.Master(), reply);
+        });
+        float voltage = -1;
+        kesEError result = system.ReadPanelVoltTemp(300, &voltage, nullptr);
+        peer.Join();
+        EXPECT_EQ(kes_test::ToHex(request), kes_test::ToHex(seen));
+        if (!*row.text) {
+            EXPECT_EQ(kesErrorOk, result) << log.Dump();
+            EXPECT_FLOAT_EQ(240.0f, voltage);
+        } else {
+            EXPECT_EQ(kesErrorFailed, result);
+            EXPECT_TRUE(log.Contains(row.text)) << log.Dump();
+            EXPECT_FALSE(log.Contains("Response timeout")) << log.Dump();
+        }
+        EXPECT_TRUE(system.IsConnected());
+    }
+    kesEnergySystem::EXECUTION_COUNT = savedCount;
 }
 
 // ---------------------------------------------------------------- attempts
