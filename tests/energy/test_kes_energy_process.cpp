@@ -95,6 +95,19 @@ TEST(DaemonLog, RecordsGoToTheLogFileToo)
     EXPECT_EQ(log.find("\x1b["), std::string::npos);
 }
 
+// Whether the process has a handler for SIGTERM yet, polled for at most two seconds.
+bool CatchesSigterm(pid_t pid)
+{
+    for (int i = 0; i < 2000; ++i) {
+        std::string status = kes_test::ReadFile("/proc/" + std::to_string(pid) + "/status");
+        size_t at = status.find("SigCgt:");
+        if (at != std::string::npos && (std::stoull(status.substr(at + 7), nullptr, 16) & (1ull << (SIGTERM - 1))))
+            return true;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return false;
+}
+
 TEST(DaemonSigterm, StopsTheWaitingDaemonWithinASecond)
 {
     TempDir dir;
@@ -102,8 +115,11 @@ TEST(DaemonSigterm, StopsTheWaitingDaemonWithinASecond)
     for (int delayMs : {0, 300}) {
         ChildProcess child;
         ASSERT_TRUE(child.Start({BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir", dir.Path()}));
-        // The first case sends at once, while the daemon is still starting.
-        std::this_thread::sleep_for(std::chrono::milliseconds(delayMs ? delayMs : 5));
+        // The first case sends as soon as the handler exists, while the daemon is still starting.
+        if (delayMs)
+            std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+        else
+            ASSERT_TRUE(CatchesSigterm(child.Pid()));
         auto sent = std::chrono::steady_clock::now();
         child.Signal(SIGTERM);
         EXPECT_EQ(child.Wait(3000), 0) << child.Output();
