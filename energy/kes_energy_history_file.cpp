@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "kes_energy_history_text.h"
@@ -92,6 +93,10 @@ kesEError kesEnergyHistoryReplaceFile(const kesString& i_path, const kesString& 
 
 kesEError kesEnergyHistoryReadFile(const kesString& i_path, kesString* o_text)
 {
+    // Room for the tick's growth, so the text is never moved to a larger buffer.
+    struct stat info;
+    if (stat(i_path.c_str(), &info) == 0 && info.st_size > 0)
+        o_text->reserve(static_cast<size_t>(info.st_size) + static_cast<size_t>(info.st_size) / 8 + 65536);
     if (kesOsFile::GetFileTextSource(i_path, o_text) != kesErrorOk)
     {
         kesString message("Can not read file data ");

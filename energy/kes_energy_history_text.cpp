@@ -262,15 +262,16 @@ void kesEnergyHistoryMergeDay(kesString* io_text, const kesString& i_header, con
         return;
     }
 
+    // Only the hour's block changes: it is rebuilt apart and put back in place,
+    // so the rest of a large day is neither copied nor moved but for its tail.
     const kesString& text = *io_text;
+    const size_t blockStart = header + i_header.size();
     size_t extra = 0;
     for (const kesString& row : i_rows)
         extra += row.size() + 1;
-    kesString merged;
-    merged.reserve(text.size() + extra);
-
-    size_t copied = 0;
-    size_t line = header + i_header.size();
+    kesString block;
+    block.reserve(extra);
+    size_t line = blockStart;
     size_t r = 0;
     // Rows extend the block's lines in order; a header or the end of the text ends the block.
     for (; r < i_rows.size(); ++r)
@@ -278,22 +279,19 @@ void kesEnergyHistoryMergeDay(kesString* io_text, const kesString& i_header, con
         const size_t lf = line < text.size() && is_digit(text[line]) ? text.find('\n', line) : std::string::npos;
         if (lf == std::string::npos)
             break;
-        merged.append(text, copied, lf - copied);
-        merged.push_back('|');
+        block.append(text, line, lf - line);
+        block.push_back('|');
         // The row behind its first bar; a row without one goes whole.
-        merged.append(i_rows[r], i_rows[r].find('|') + 1, std::string::npos);
-        copied = lf;
+        block.append(i_rows[r], i_rows[r].find('|') + 1, std::string::npos);
+        block.push_back('\n');
         line = lf + 1;
     }
-    merged.append(text, copied, line - copied);
-    copied = line;
     for (; r < i_rows.size(); ++r)
     {
-        merged.append(i_rows[r]);
-        merged.push_back('\n');
+        block.append(i_rows[r]);
+        block.push_back('\n');
     }
-    merged.append(text, copied, std::string::npos);
-    io_text->swap(merged);
+    io_text->replace(blockStart, line - blockStart, block);
 }
 
 void kesEnergyHistoryAppendRows(kesString* io_text, const kesEnergyHistoryRowIndex& i_source,
