@@ -154,7 +154,6 @@ int main(int argc, char** argv)
         for (const std::string& name : written)
             writtenBytes += FileSize(dir.File(name));
     }
-    const std::string tickDay = kes_test::ReadFile(dir.File("d"));
     std::vector<kesString> outputs;
     for (const std::string& name : written)
         outputs.push_back(kes_test::ReadFile(dir.File(name)));
@@ -183,7 +182,6 @@ int main(int argc, char** argv)
         DirectTick(dir, in, rows);
         directTimes.push_back(Seconds(start));
     }
-    const std::string directDay = kes_test::ReadFile(dir.File("d"));
 
     // Both versions' texts for the same rows, compared.
     bool same = true;
@@ -217,7 +215,5 @@ int main(int argc, char** argv)
     std::printf("  direct whole-text scan        %8.1f ms, ratio to io %.2f, %.1f times the tick\n", direct * 1e3,
                 direct / io, direct / tick);
     std::printf("  texts of both versions equal  %s\n", tickOnly ? "not compared" : same ? "yes" : "NO");
-    std::printf("  day file of the tick          %zu bytes (direct version %zu bytes)\n", tickDay.size(),
-                directDay.size());
     return same ? 0 : 1;
 }

@@ -44,20 +44,20 @@ void append_row(kesString* io_text, const kesString& i_uid, const kesString& i_f
 }
 
 // Only the latest total of the day remains, so the rows are read from the back.
-double energy_last_total(const std::vector<kesEnergyHistoryRowIndex::Rest>& i_rests, kesEnergyHistoryPieces* io_pieces)
+double energy_last_total(const std::vector<kesEnergyHistoryRowIndex::Rest>& i_rests)
 {
     for (size_t r = i_rests.size(); r-- > 0;)
     {
-        io_pieces->Split(i_rests[r].begin, i_rests[r].end);
-        const size_t n = io_pieces->Count();
-        if (n <= 3)
-            continue;
-        size_t latest = 0;
-        for (size_t i = 3; i < n; i += 4)
-            if (!io_pieces->IsEmptyChar(i))
-                latest = i;
-        if (latest != 0)
-            return io_pieces->AsDouble(latest);
+        kesEnergyHistoryPieces pieces(i_rests[r].begin, i_rests[r].end);
+        const char* latest = 0;
+        const char* begin;
+        const char* end;
+        // The totals are the pieces 3, 7, 11 and so on.
+        for (size_t i = 0; pieces.Next(&begin, &end); ++i)
+            if (i % 4 == 3 && !is_empty_char(begin, end))
+                latest = begin;
+        if (latest)
+            return kesEnergyHistoryAsDouble(latest);
     }
     return 0.0;
 }
@@ -73,8 +73,8 @@ double energy_sum(const std::vector<kesEnergyHistoryRowIndex::Rest>& i_rests)
 
 // Average of the groups' averages, smallest minimum, largest maximum; a group
 // without a sample counts as 0. False if no group was found.
-bool value_figures(const std::vector<kesEnergyHistoryRowIndex::Rest>& i_rests, kesEnergyHistoryPieces* io_pieces,
-                   double* o_average, double* o_minimum, double* o_maximum)
+bool value_figures(const std::vector<kesEnergyHistoryRowIndex::Rest>& i_rests, double* o_average,
+                   double* o_minimum, double* o_maximum)
 {
     double sum = 0.0;
     double count = 0.0;
@@ -82,14 +82,17 @@ bool value_figures(const std::vector<kesEnergyHistoryRowIndex::Rest>& i_rests, k
     double maximum = -1e308;
     for (const kesEnergyHistoryRowIndex::Rest& rest : i_rests)
     {
-        io_pieces->Split(rest.begin, rest.end);
-        const size_t n = io_pieces->Count();
-        if (n <= 2)
-            continue;
-        // A group cut short by a hand edit is skipped rather than read past.
-        for (size_t g = 0; g + 3 <= n; g += 3)
+        kesEnergyHistoryPieces pieces(rest.begin, rest.end);
+        const char* group[3][2];
+        int taken = 0;
+        // Groups of three from the first piece; one cut short by a hand edit
+        // is never completed and so never read past.
+        while (pieces.Next(&group[taken][0], &group[taken][1]))
         {
-            if (io_pieces->IsEmptyChar(g))
+            if (++taken < 3)
+                continue;
+            taken = 0;
+            if (is_empty_char(group[0][0], group[0][1]))
             {
                 if (!(0.0 > minimum))
                     minimum = 0.0;
@@ -98,9 +101,9 @@ bool value_figures(const std::vector<kesEnergyHistoryRowIndex::Rest>& i_rests, k
             }
             else
             {
-                sum += io_pieces->AsDouble(g);
-                const double low = io_pieces->AsDouble(g + 1);
-                const double high = io_pieces->AsDouble(g + 2);
+                sum += kesEnergyHistoryAsDouble(group[0][0]);
+                const double low = kesEnergyHistoryAsDouble(group[1][0]);
+                const double high = kesEnergyHistoryAsDouble(group[2][0]);
                 if (!(low > minimum))
                     minimum = low;
                 if (!(high < maximum))
@@ -166,27 +169,28 @@ void kesEnergyHistoryEndLines(kesString* io_text)
         io_text->push_back('\n');
 }
 
-void kesEnergyHistoryPieces::Split(const char* i_begin, const char* i_end)
+bool kesEnergyHistoryPieces::Next(const char** o_begin, const char** o_end)
 {
-    m_pieces.clear();
-    const char* s = i_begin;
-    for (;;)
+    while (!m_bDone)
     {
-        const char* bar = static_cast<const char*>(std::memchr(s, '|', static_cast<size_t>(i_end - s)));
+        const char* bar = static_cast<const char*>(std::memchr(m_pNext, '|', static_cast<size_t>(m_pEnd - m_pNext)));
         if (!bar)
         {
-            m_pieces.emplace_back(s, i_end);
-            return;
+            *o_begin = m_pNext;
+            *o_end = m_pEnd;
+            m_bDone = true;
+            return true;
         }
-        if (bar != s)
-            m_pieces.emplace_back(s, bar);
-        s = bar + 1;
+        const char* begin = m_pNext;
+        m_pNext = bar + 1;
+        if (bar != begin)
+        {
+            *o_begin = begin;
+            *o_end = bar;
+            return true;
+        }
     }
-}
-
-bool kesEnergyHistoryPieces::IsEmptyChar(size_t i) const
-{
-    return is_empty_char(m_pieces[i].first, m_pieces[i].second);
+    return false;
 }
 
 kesEnergyHistoryRowIndex::kesEnergyHistoryRowIndex(const kesString& i_source) : m_source(i_source)
@@ -300,12 +304,11 @@ void kesEnergyHistoryAppendRows(kesString* io_text, const kesEnergyHistoryRowInd
                                 const kesEnergyHistoryPulseTotal& i_pulseTotal)
 {
     std::vector<kesEnergyHistoryRowIndex::Rest> rests;
-    kesEnergyHistoryPieces pieces;
 
     for (const kesString& uid : i_energyUids)
     {
         i_source.Find(uid, &rests);
-        const double energy = i_rules.energy == kesEnergyHistoryEnergyLastTotal ? energy_last_total(rests, &pieces)
+        const double energy = i_rules.energy == kesEnergyHistoryEnergyLastTotal ? energy_last_total(rests)
                                                                                   : energy_sum(rests);
         append_row(io_text, uid, kesString::FromDouble(energy, i_rules.energyPrecision));
     }
@@ -316,7 +319,7 @@ void kesEnergyHistoryAppendRows(kesString* io_text, const kesEnergyHistoryRowInd
         double average = 0.0;
         double minimum = 0.0;
         double maximum = 0.0;
-        if (!value_figures(rests, &pieces, &average, &minimum, &maximum))
+        if (!value_figures(rests, &average, &minimum, &maximum))
             continue;
         kesString fields = kesString::FromDouble(average, 1);
         fields.push_back('|');

@@ -24,18 +24,20 @@ double kesEnergyHistoryAsDouble(const char* i_text);
 // row stays a whole line and a header is never glued to a cut row.
 void kesEnergyHistoryEndLines(kesString* io_text);
 
-// The pieces of one line split at "|", as kesString::GetSplit cuts them:
+// Walks the pieces of one line split at "|", as kesString::GetSplit cuts them:
 // empty pieces are dropped, except the one behind the last bar.
 class kesEnergyHistoryPieces
 {
 public:
-    void Split(const char* i_begin, const char* i_end);
-    size_t Count() const { return m_pieces.size(); }
-    bool IsEmptyChar(size_t i) const;
-    double AsDouble(size_t i) const { return kesEnergyHistoryAsDouble(m_pieces[i].first); }
+    kesEnergyHistoryPieces(const char* i_begin, const char* i_end) : m_pNext(i_begin), m_pEnd(i_end), m_bDone(false) {}
+
+    // The next piece; false after the last.
+    bool Next(const char** o_begin, const char** o_end);
 
 private:
-    std::vector<std::pair<const char*, const char*> > m_pieces;
+    const char* m_pNext;
+    const char* m_pEnd;
+    bool m_bDone;
 };
 
 // The rows of a source text by UID. A row is found as the search for a line

@@ -75,11 +75,13 @@ TEST(HistoryPieces, CutAsGetSplitCuts)
     for (const char* text : cases) {
         kesArray<kesString> expected;
         kesString(text).GetSplit(&expected, "|");
-        kesEnergyHistoryPieces pieces;
-        pieces.Split(text, text + std::strlen(text));
-        ASSERT_EQ(expected.size(), pieces.Count()) << "'" << text << "'";
-        for (size_t i = 0; i < expected.size(); ++i)
-            EXPECT_EQ(kesString::AsDouble(expected[i]), pieces.AsDouble(i));
+        kesEnergyHistoryPieces pieces(text, text + std::strlen(text));
+        kesArray<kesString> got;
+        const char* begin;
+        const char* end;
+        while (pieces.Next(&begin, &end))
+            got.AddBack(kesString(begin, static_cast<size_t>(end - begin)));
+        EXPECT_EQ(expected, got) << "'" << text << "'";
     }
 }
 
