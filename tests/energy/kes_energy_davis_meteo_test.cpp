@@ -1,0 +1,452 @@
+#include "kes_energy_davis_meteo.h"
+#include "kes_error.h"
+#include "kes_net_test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using kes::kesString;
+using kes::Energy::kesEnergyDavisMeteo;
+using Clock = std::chrono::steady_clock;
+using kes_net_test::LogCapture;
+using kes_net_test::ReadFile;
+using kes_net_test::TempFolder;
+
+// A station gateway on loopback: accepts one client, plays it a byte script
+// and holds the connection until hung up.
+class StationFeeder {
+public:
+    StationFeeder()
+    {
+        m_listen = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof(address);
+        if (bind(m_listen, reinterpret_cast<sockaddr*>(&address), size) == 0 && listen(m_listen, 4) == 0 &&
+            getsockname(m_listen, reinterpret_cast<sockaddr*>(&address), &size) == 0)
+            m_port = ntohs(address.sin_port);
+    }
+    ~StationFeeder()
+    {
+        HangUp();
+        close(m_listen);
+    }
+    kesString Address() const { return kesString(("127.0.0.1:" + std::to_string(m_port)).c_str()); }
+
+    void Play(const std::string& bytes)
+    {
+        m_player = std::thread([this, bytes] {
+            pollfd waiting{m_listen, POLLIN, 0};
+            if (poll(&waiting, 1, 5000) != 1)
+                return;
+            m_client = accept(m_listen, nullptr, nullptr);
+            size_t sent = 0;
+            while (m_client >= 0 && sent < bytes.size()) {
+                ssize_t part = send(m_client, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+                if (part <= 0)
+                    break;
+                sent += static_cast<size_t>(part);
+            }
+        });
+    }
+
+    void HangUp()
+    {
+        if (m_player.joinable())
+            m_player.join();
+        if (m_client >= 0)
+            close(m_client);
+        m_client = -1;
+    }
+
+private:
+    int m_listen = -1;
+    int m_client = -1;
+    unsigned short m_port = 0;
+    std::thread m_player;
+};
+
+// A port on loopback where nobody listens.
+unsigned short DeadPort()
+{
+    int probe = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof(address);
+    bind(probe, reinterpret_cast<sockaddr*>(&address), size);
+    getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
+    close(probe);
+    return ntohs(address.sin_port);
+}
+
+// Keeps what the reader cut from the stream, and still writes the files.
+class RecordingMeteo : public kesEnergyDavisMeteo {
+public:
+    explicit RecordingMeteo(unsigned int pause) : kesEnergyDavisMeteo(pause) {}
+    ~RecordingMeteo() override { Stop(); }
+
+    void OnData(const kesString& data) override
+    {
+        kesEnergyDavisMeteo::OnData(data);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_records.push_back(data);
+        m_arrived.notify_all();
+    }
+    bool WaitRecords(size_t count)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_arrived.wait_for(lock, std::chrono::seconds(20), [&] {
+            return m_records.size() >= count;
+        });
+    }
+    std::vector<std::string> Records()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_records;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_arrived;
+    std::vector<std::string> m_records;
+};
+
+std::string LocalStamp()
+{
+    time_t now = time(nullptr);
+    tm local{};
+    localtime_r(&now, &local);
+    char text[32];
+    snprintf(text, sizeof(text), "%.4i%.2i%.2i%.2i%.2i%.2i", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
+             local.tm_hour, local.tm_min, local.tm_sec);
+    return text;
+}
+
+// Matches a text in which each "@" stands for a 14-digit time stamp, and
+// gives the stamps found.
+bool MatchStamped(const std::string& expected, const std::string& actual, std::vector<std::string>* stamps)
+{
+    std::string pattern;
+    for (char c : expected) {
+        if (c == '@')
+            pattern += "([0-9]{14})";
+        else if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos)
+            pattern += std::string("\\") + c;
+        else if (c == '\0')
+            pattern += "\\x00";
+        else
+            pattern += c;
+    }
+    std::smatch found;
+    if (!std::regex_match(actual, found, std::regex(pattern)))
+        return false;
+    for (size_t i = 1; i < found.size(); ++i)
+        stamps->push_back(found[i].str());
+    return true;
+}
+
+// The two files for one record of the nine used values, in file order.
+std::string Current(const std::vector<std::string>& v)
+{
+    return "{\"timestamp\":\"@\",\"wind_direction\":\"" + v[0] + "\",\"wind_speed\":\"" + v[1] +
+           "\",\"outside_temperature\":\"" + v[2] + "\",\"outside_humidity\":\"" + v[3] + "\",\"uv_radiation\":\"" +
+           v[4] + "\",\"solar_radiation\":\"" + v[5] + "\",\"last_minute_rain\":\"" + v[6] +
+           "\",\"inside_temperature\":\"" + v[7] + "\",\"pressure\":\"" + v[8] + "\"}";
+}
+
+// "~" stands for a zero byte, which a literal cannot hold.
+std::string Z(std::string text)
+{
+    for (char& c : text)
+        if (c == '~')
+            c = '\0';
+    return text;
+}
+
+std::string Line(const std::vector<std::string>& v)
+{
+    std::string line = "@";
+    for (const std::string& value : v)
+        line += "|" + value;
+    return line + "\n";
+}
+
+const std::string GOOD = "1,2,180,3.4,21.5,56,0.3,412,0.0,9,10,23.1,1013.2";
+const std::string GOOD_RECORD = "1|2|180|3.4|21.5|56|0.3|412|0.0|9|10|23.1|1013.2";
+const std::vector<std::string> GOOD_VALUES = {"180", "3.4", "21.5", "56", "0.3", "412", "0.0", "23.1", "1013.2"};
+const std::string OTHER = "7|8|270|1.1|-3.5|91|0|0|0.2|9|10|19.8|998.4";
+const std::vector<std::string> OTHER_VALUES = {"270", "1.1", "-3.5", "91", "0", "0", "0.2", "19.8", "998.4"};
+
+struct StreamCase {
+    const char* name;
+    std::string stream;
+    std::vector<std::string> records; // as handed to OnData
+    std::string current;              // "meteo_c" afterwards, "@" for the stamp
+    std::string log;                  // "meteo" afterwards
+};
+
+std::ostream& operator<<(std::ostream& out, const StreamCase& c)
+{
+    return out << c.name;
+}
+
+const StreamCase STREAM_CASES[] = {
+    {"commas", "<" + GOOD + ">", {GOOD_RECORD}, Current(GOOD_VALUES), Line(GOOD_VALUES)},
+    {"bars", "<" + GOOD_RECORD + ">", {GOOD_RECORD}, Current(GOOD_VALUES), Line(GOOD_VALUES)},
+    {"mixed_separators",
+     "<1|2,180|3.4,21.5|56,0.3|412,0.0|9,10|23.1,1013.2>",
+     {GOOD_RECORD},
+     Current(GOOD_VALUES),
+     Line(GOOD_VALUES)},
+    {"bytes_between_records",
+     "\r\nnoise<" + GOOD + ">\r\n\x01 x<" + OTHER + ">\n",
+     {GOOD_RECORD, OTHER},
+     Current(OTHER_VALUES),
+     Line(GOOD_VALUES) + Line(OTHER_VALUES)},
+    {"close_without_open", "<" + GOOD + ">stray>", {GOOD_RECORD, ""}, "", Line(GOOD_VALUES)},
+    {"second_open_inside",
+     "<1,2,180,3.4<,21.5,56,0.3,412,0.0,9,10,23.1,1013.2>",
+     {GOOD_RECORD},
+     Current(GOOD_VALUES),
+     Line(GOOD_VALUES)},
+    {"twelve_entries",
+     "<1,2,180,3.4,21.5,56,0.3,412,0.0,9,10,23.1>",
+     {"1|2|180|3.4|21.5|56|0.3|412|0.0|9|10|23.1"},
+     "",
+     ""},
+    {"fourteen_entries", "<" + GOOD + ",5>", {GOOD_RECORD + "|5"}, "", ""},
+    {"empty_last_field",
+     "<1,2,180,3.4,21.5,56,0.3,412,0.0,9,10,23.1,>",
+     {"1|2|180|3.4|21.5|56|0.3|412|0.0|9|10|23.1|"},
+     Current({"180", "3.4", "21.5", "56", "0.3", "412", "0.0", "23.1", ""}),
+     Line({"180", "3.4", "21.5", "56", "0.3", "412", "0.0", "23.1", ""})},
+    {"empty_middle_field",
+     "<1,2,,3.4,21.5,56,0.3,412,0.0,9,10,23.1,1013.2>",
+     {"1|2||3.4|21.5|56|0.3|412|0.0|9|10|23.1|1013.2"},
+     "",
+     ""},
+    // the gap closes up: the fields behind it move one place early
+    {"fourteen_fields_one_empty",
+     "<1,,2,180,3.4,21.5,56,0.3,412,0.0,9,10,23.1,1013.2>",
+     {"1||2|180|3.4|21.5|56|0.3|412|0.0|9|10|23.1|1013.2"},
+     Current(GOOD_VALUES),
+     Line(GOOD_VALUES)},
+    {"quotation_mark",
+     "<1,2,\"N\",3.4,21.5,56,0.3,412,0.0,9,10,23.1,1013.2>",
+     {"1|2|\"N\"|3.4|21.5|56|0.3|412|0.0|9|10|23.1|1013.2"},
+     Current({"\"N\"", "3.4", "21.5", "56", "0.3", "412", "0.0", "23.1", "1013.2"}),
+     Line({"\"N\"", "3.4", "21.5", "56", "0.3", "412", "0.0", "23.1", "1013.2"})},
+    {"zero_byte_in_field",
+     Z("<1,2,1~80,3.4,21.5,56,0.3,412,0.0,9,10,23.1,1013.2>"),
+     {Z("1|2|1~80|3.4|21.5|56|0.3|412|0.0|9|10|23.1|1013.2")},
+     Current({Z("1~80"), "3.4", "21.5", "56", "0.3", "412", "0.0", "23.1", "1013.2"}),
+     Line({Z("1~80"), "3.4", "21.5", "56", "0.3", "412", "0.0", "23.1", "1013.2"})},
+    {"two_records_back_to_back",
+     "<" + GOOD + "><" + GOOD + ">",
+     {GOOD_RECORD, GOOD_RECORD},
+     Current(GOOD_VALUES),
+     Line(GOOD_VALUES) + Line(GOOD_VALUES)},
+    {"bad_record_after_good", "<" + GOOD + "><1,2,3>", {GOOD_RECORD, "1|2|3"}, "", Line(GOOD_VALUES)},
+};
+
+} // namespace
+
+class DavisMeteoStream : public ::testing::TestWithParam<StreamCase> {};
+
+TEST_P(DavisMeteoStream, CutsRecordsAndWritesFiles)
+{
+    const StreamCase& c = GetParam();
+    TempFolder folder;
+    StationFeeder feeder;
+    RecordingMeteo meteo(1);
+    meteo.SetAddress(feeder.Address(), 0);
+    meteo.SetHistoryFolder(folder.path.c_str());
+
+    std::string before = LocalStamp();
+    feeder.Play(c.stream);
+    ASSERT_EQ(meteo.Start(), kes::kesErrorOk);
+    ASSERT_TRUE(meteo.WaitRecords(c.records.size()));
+    std::string after = LocalStamp();
+    EXPECT_EQ(meteo.Stop(), kes::kesErrorOk);
+
+    EXPECT_EQ(meteo.Records(), c.records);
+
+    std::vector<std::string> currentStamps, logStamps;
+    std::string current = ReadFile(folder.path + "/meteo_c");
+    std::string log = ReadFile(folder.path + "/meteo");
+    EXPECT_TRUE(MatchStamped(c.current, current, &currentStamps)) << current;
+    EXPECT_TRUE(MatchStamped(c.log, log, &logStamps)) << log;
+
+    // the stamp is the local time of the record, the same in both files
+    for (const std::string& stamp : logStamps) {
+        EXPECT_LE(before, stamp);
+        EXPECT_GE(after, stamp);
+    }
+    if (!currentStamps.empty()) {
+        ASSERT_FALSE(logStamps.empty());
+        EXPECT_EQ(currentStamps[0], logStamps.back());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Records, DavisMeteoStream, ::testing::ValuesIn(STREAM_CASES),
+                         [](const ::testing::TestParamInfo<StreamCase>& info) {
+                             return std::string(info.param.name);
+                         });
+
+TEST(DavisMeteoConnection, GatewayHangingUpLeavesTheClientIdle)
+{
+    LogCapture captured;
+    TempFolder folder;
+    StationFeeder feeder;
+    RecordingMeteo meteo(20);
+    meteo.SetAddress(feeder.Address(), 0);
+    meteo.SetHistoryFolder(folder.path.c_str());
+
+    // the second record is cut off by the hang-up and must not count
+    feeder.Play("<" + GOOD + "><1,2,180,3.4,21.5,56,0.3,412,0.0,9,10,23.1,");
+    ASSERT_EQ(meteo.Start(), kes::kesErrorOk);
+    ASSERT_TRUE(meteo.WaitRecords(1));
+    std::string current = ReadFile(folder.path + "/meteo_c");
+    std::string log = ReadFile(folder.path + "/meteo");
+    feeder.HangUp();
+
+    // the reader keeps failing on the closed socket, once per pass
+    auto deadline = Clock::now() + std::chrono::seconds(10);
+    while (captured.Count("Socket is close.") < 3 && Clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_GE(captured.Count("Socket is close."), 3u);
+
+    EXPECT_EQ(meteo.Stop(), kes::kesErrorOk);
+    EXPECT_EQ(meteo.Records().size(), 1u);
+    EXPECT_EQ(ReadFile(folder.path + "/meteo_c"), current);
+    EXPECT_EQ(ReadFile(folder.path + "/meteo"), log);
+}
+
+TEST(DavisMeteoConnection, StopEndsAReaderWaitingOnASilentGateway)
+{
+    StationFeeder feeder;
+    TempFolder folder;
+    kesEnergyDavisMeteo meteo;
+    meteo.SetAddress(feeder.Address(), 0);
+    meteo.SetHistoryFolder(folder.path.c_str());
+    feeder.Play("");
+    ASSERT_EQ(meteo.Start(), kes::kesErrorOk);
+    std::this_thread::sleep_for(std::chrono::milliseconds(120));
+
+    // bounded by the receive time-out and one pause: about 350 ms
+    auto started = Clock::now();
+    EXPECT_EQ(meteo.Stop(), kes::kesErrorOk);
+    auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started).count();
+    EXPECT_LT(took, 700);
+}
+
+TEST(DavisMeteoConnection, StopWithoutStartDoesNothing)
+{
+    LogCapture captured;
+    kesEnergyDavisMeteo meteo;
+    EXPECT_EQ(meteo.Stop(), kes::kesErrorOk);
+    EXPECT_EQ(meteo.Stop(), kes::kesErrorOk);
+    EXPECT_EQ(captured.Text(), "");
+}
+
+TEST(DavisMeteoConnection, StartWithoutGatewayFailsAndStaysStopped)
+{
+    LogCapture captured;
+    kesEnergyDavisMeteo meteo;
+    meteo.SetAddress(("127.0.0.1:" + std::to_string(DeadPort())).c_str(), 0);
+    EXPECT_EQ(meteo.Start(), kes::kesErrorFailed);
+    EXPECT_EQ(captured.Count("Can not open socket for davis meteo"), 1u);
+    EXPECT_EQ(meteo.Stop(), kes::kesErrorOk);
+}
+
+TEST(DavisMeteoConnection, AddressIsKeptWhileRunning)
+{
+    StationFeeder feeder;
+    TempFolder folder;
+    RecordingMeteo meteo(1);
+    meteo.SetAddress(feeder.Address(), 0);
+    meteo.SetHistoryFolder(folder.path.c_str());
+    feeder.Play("");
+    ASSERT_EQ(meteo.Start(), kes::kesErrorOk);
+    {
+        LogCapture captured;
+        meteo.SetAddress(("127.0.0.1:" + std::to_string(DeadPort())).c_str(), 0);
+        EXPECT_EQ(captured.Count("You must stop the line before to reset the address"), 1u);
+    }
+    EXPECT_EQ(meteo.Stop(), kes::kesErrorOk);
+    // the listener's backlog takes the second connection: the old address held
+    EXPECT_EQ(meteo.Start(), kes::kesErrorOk);
+    EXPECT_EQ(meteo.Stop(), kes::kesErrorOk);
+}
+
+struct FolderCase {
+    const char* name;
+    const char* suffix; // appended to the temporary folder
+};
+
+class DavisMeteoFolder : public ::testing::TestWithParam<FolderCase> {};
+
+TEST_P(DavisMeteoFolder, FilesLandInTheFolderWhateverItsTrailingSeparators)
+{
+    TempFolder folder;
+    kesEnergyDavisMeteo meteo;
+    meteo.SetHistoryFolder((folder.path + GetParam().suffix).c_str());
+    meteo.OnData(GOOD_RECORD.c_str());
+    std::vector<std::string> stamps;
+    EXPECT_TRUE(MatchStamped(Current(GOOD_VALUES), ReadFile(folder.path + "/meteo_c"), &stamps));
+    EXPECT_TRUE(MatchStamped(Line(GOOD_VALUES), ReadFile(folder.path + "/meteo"), &stamps));
+}
+
+INSTANTIATE_TEST_SUITE_P(Forms, DavisMeteoFolder,
+                         ::testing::Values(FolderCase{"bare", ""}, FolderCase{"one", "/"}, FolderCase{"three", "///"}),
+                         [](const ::testing::TestParamInfo<FolderCase>& info) {
+                             return std::string(info.param.name);
+                         });
+
+TEST(DavisMeteoFiles, MissingFolderLosesTheRecordWithAReport)
+{
+    LogCapture captured;
+    TempFolder folder;
+    kesEnergyDavisMeteo meteo;
+    meteo.SetHistoryFolder((folder.path + "/missing").c_str());
+    meteo.OnData(GOOD_RECORD.c_str());
+    EXPECT_EQ(captured.Count("Can not open file " + folder.path + "/missing/meteo_c"), 1u);
+    EXPECT_EQ(captured.Count("kesError Number : 3"), 1u);
+    EXPECT_FALSE(std::filesystem::exists(folder.path + "/missing"));
+}
+
+TEST(DavisMeteoFiles, UnwritableLogLeavesTheCurrentFileEmpty)
+{
+    LogCapture captured;
+    TempFolder folder;
+    std::filesystem::create_directory(folder.path + "/meteo");
+    kesEnergyDavisMeteo meteo;
+    meteo.SetHistoryFolder(folder.path.c_str());
+    meteo.OnData(GOOD_RECORD.c_str());
+    EXPECT_EQ(captured.Count("Can not open file " + folder.path + "/meteo\n"), 1u);
+    EXPECT_TRUE(std::filesystem::exists(folder.path + "/meteo_c"));
+    EXPECT_EQ(ReadFile(folder.path + "/meteo_c"), "");
+}
