@@ -1,10 +1,11 @@
 #ifndef KES_NET_TEST_SUPPORT_H
 #define KES_NET_TEST_SUPPORT_H
 
-// Helpers of the weather client and datagram tests: a temporary folder, a
-// log sent to a file of its own, and a datagram receiver on loopback.
+// Helpers of the weather client and datagram tests: a log sent to a file of
+// its own, and a datagram receiver on loopback.
 
 #include "kes_error.h"
+#include "test_process.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -12,48 +13,16 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 namespace kes_net_test {
-
-inline std::string ReadFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-class TempFolder {
-public:
-    TempFolder()
-    {
-        char pattern[] = "/tmp/kes_test_XXXXXX";
-        const char* made = mkdtemp(pattern);
-        path = made ? made : "";
-    }
-    ~TempFolder()
-    {
-        std::error_code ignored;
-        if (!path.empty())
-            std::filesystem::remove_all(path, ignored);
-    }
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
-
-    std::string path;
-};
 
 // Sends the log to a file of its own, and nowhere else, for its lifetime.
 class LogCapture {
 public:
     LogCapture() : m_level(kes::kesError::Level), m_file(kes::kesError::LogFile), m_size(kes::kesError::LogFileSize)
     {
-        m_path = m_folder.path + "/log";
+        m_path = m_folder.File("log");
         kes::kesError::LogFile = m_path.c_str();
         kes::kesError::LogFileSize = 0;
         kes::kesError::Level = kes::kesErrorOutFile;
@@ -67,7 +36,7 @@ public:
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    std::string Text() const { return ReadFile(m_path); }
+    std::string Text() const { return kes_test::ReadFile(m_path); }
     size_t Count(const std::string& what) const
     {
         std::string text = Text();
@@ -78,7 +47,7 @@ public:
     }
 
 private:
-    TempFolder m_folder;
+    kes_test::TempDir m_folder;
     std::string m_path;
     unsigned int m_level;
     kes::kesString m_file;

@@ -30,8 +30,8 @@ using kes::kesString;
 using kes::Energy::kesEnergyDavisMeteo;
 using Clock = std::chrono::steady_clock;
 using kes_net_test::LogCapture;
-using kes_net_test::ReadFile;
-using kes_net_test::TempFolder;
+using kes_test::ReadFile;
+using kes_test::TempDir;
 
 // A station gateway on loopback: accepts one client, plays it a byte script
 // and holds the connection until hung up.
@@ -279,11 +279,11 @@ class DavisMeteoStream : public ::testing::TestWithParam<StreamCase> {};
 TEST_P(DavisMeteoStream, CutsRecordsAndWritesFiles)
 {
     const StreamCase& c = GetParam();
-    TempFolder folder;
+    TempDir folder;
     StationFeeder feeder;
     RecordingMeteo meteo(1);
     meteo.SetAddress(feeder.Address(), 0);
-    meteo.SetHistoryFolder(folder.path.c_str());
+    meteo.SetHistoryFolder(folder.Path().c_str());
 
     std::string before = LocalStamp();
     feeder.Play(c.stream);
@@ -295,8 +295,8 @@ TEST_P(DavisMeteoStream, CutsRecordsAndWritesFiles)
     EXPECT_EQ(meteo.Records(), c.records);
 
     std::vector<std::string> currentStamps, logStamps;
-    std::string current = ReadFile(folder.path + "/meteo_c");
-    std::string log = ReadFile(folder.path + "/meteo");
+    std::string current = ReadFile(folder.Path() + "/meteo_c");
+    std::string log = ReadFile(folder.Path() + "/meteo");
     EXPECT_TRUE(MatchStamped(c.current, current, &currentStamps)) << current;
     EXPECT_TRUE(MatchStamped(c.log, log, &logStamps)) << log;
 
@@ -319,18 +319,18 @@ INSTANTIATE_TEST_SUITE_P(Records, DavisMeteoStream, ::testing::ValuesIn(STREAM_C
 TEST(DavisMeteoConnection, GatewayHangingUpLeavesTheClientIdle)
 {
     LogCapture captured;
-    TempFolder folder;
+    TempDir folder;
     StationFeeder feeder;
     RecordingMeteo meteo(20);
     meteo.SetAddress(feeder.Address(), 0);
-    meteo.SetHistoryFolder(folder.path.c_str());
+    meteo.SetHistoryFolder(folder.Path().c_str());
 
     // the second record is cut off by the hang-up and must not count
     feeder.Play("<" + GOOD + "><1,2,180,3.4,21.5,56,0.3,412,0.0,9,10,23.1,");
     ASSERT_EQ(meteo.Start(), kes::kesErrorOk);
     ASSERT_TRUE(meteo.WaitRecords(1));
-    std::string current = ReadFile(folder.path + "/meteo_c");
-    std::string log = ReadFile(folder.path + "/meteo");
+    std::string current = ReadFile(folder.Path() + "/meteo_c");
+    std::string log = ReadFile(folder.Path() + "/meteo");
     feeder.HangUp();
 
     // the reader keeps failing on the closed socket, once per pass
@@ -341,17 +341,17 @@ TEST(DavisMeteoConnection, GatewayHangingUpLeavesTheClientIdle)
 
     EXPECT_EQ(meteo.Stop(), kes::kesErrorOk);
     EXPECT_EQ(meteo.Records().size(), 1u);
-    EXPECT_EQ(ReadFile(folder.path + "/meteo_c"), current);
-    EXPECT_EQ(ReadFile(folder.path + "/meteo"), log);
+    EXPECT_EQ(ReadFile(folder.Path() + "/meteo_c"), current);
+    EXPECT_EQ(ReadFile(folder.Path() + "/meteo"), log);
 }
 
 TEST(DavisMeteoConnection, StopEndsAReaderWaitingOnASilentGateway)
 {
     StationFeeder feeder;
-    TempFolder folder;
+    TempDir folder;
     kesEnergyDavisMeteo meteo;
     meteo.SetAddress(feeder.Address(), 0);
-    meteo.SetHistoryFolder(folder.path.c_str());
+    meteo.SetHistoryFolder(folder.Path().c_str());
     feeder.Play("");
     ASSERT_EQ(meteo.Start(), kes::kesErrorOk);
     std::this_thread::sleep_for(std::chrono::milliseconds(120));
@@ -385,10 +385,10 @@ TEST(DavisMeteoConnection, StartWithoutGatewayFailsAndStaysStopped)
 TEST(DavisMeteoConnection, AddressIsKeptWhileRunning)
 {
     StationFeeder feeder;
-    TempFolder folder;
+    TempDir folder;
     RecordingMeteo meteo(1);
     meteo.SetAddress(feeder.Address(), 0);
-    meteo.SetHistoryFolder(folder.path.c_str());
+    meteo.SetHistoryFolder(folder.Path().c_str());
     feeder.Play("");
     ASSERT_EQ(meteo.Start(), kes::kesErrorOk);
     {
@@ -411,13 +411,13 @@ class DavisMeteoFolder : public ::testing::TestWithParam<FolderCase> {};
 
 TEST_P(DavisMeteoFolder, FilesLandInTheFolderWhateverItsTrailingSeparators)
 {
-    TempFolder folder;
+    TempDir folder;
     kesEnergyDavisMeteo meteo;
-    meteo.SetHistoryFolder((folder.path + GetParam().suffix).c_str());
+    meteo.SetHistoryFolder((folder.Path() + GetParam().suffix).c_str());
     meteo.OnData(GOOD_RECORD.c_str());
     std::vector<std::string> stamps;
-    EXPECT_TRUE(MatchStamped(Current(GOOD_VALUES), ReadFile(folder.path + "/meteo_c"), &stamps));
-    EXPECT_TRUE(MatchStamped(Line(GOOD_VALUES), ReadFile(folder.path + "/meteo"), &stamps));
+    EXPECT_TRUE(MatchStamped(Current(GOOD_VALUES), ReadFile(folder.Path() + "/meteo_c"), &stamps));
+    EXPECT_TRUE(MatchStamped(Line(GOOD_VALUES), ReadFile(folder.Path() + "/meteo"), &stamps));
 }
 
 INSTANTIATE_TEST_SUITE_P(Forms, DavisMeteoFolder,
@@ -429,24 +429,24 @@ INSTANTIATE_TEST_SUITE_P(Forms, DavisMeteoFolder,
 TEST(DavisMeteoFiles, MissingFolderLosesTheRecordWithAReport)
 {
     LogCapture captured;
-    TempFolder folder;
+    TempDir folder;
     kesEnergyDavisMeteo meteo;
-    meteo.SetHistoryFolder((folder.path + "/missing").c_str());
+    meteo.SetHistoryFolder((folder.Path() + "/missing").c_str());
     meteo.OnData(GOOD_RECORD.c_str());
-    EXPECT_EQ(captured.Count("Can not open file " + folder.path + "/missing/meteo_c"), 1u);
+    EXPECT_EQ(captured.Count("Can not open file " + folder.Path() + "/missing/meteo_c"), 1u);
     EXPECT_EQ(captured.Count("kesError Number : 3"), 1u);
-    EXPECT_FALSE(std::filesystem::exists(folder.path + "/missing"));
+    EXPECT_FALSE(std::filesystem::exists(folder.Path() + "/missing"));
 }
 
 TEST(DavisMeteoFiles, UnwritableLogLeavesTheCurrentFileEmpty)
 {
     LogCapture captured;
-    TempFolder folder;
-    std::filesystem::create_directory(folder.path + "/meteo");
+    TempDir folder;
+    std::filesystem::create_directory(folder.Path() + "/meteo");
     kesEnergyDavisMeteo meteo;
-    meteo.SetHistoryFolder(folder.path.c_str());
+    meteo.SetHistoryFolder(folder.Path().c_str());
     meteo.OnData(GOOD_RECORD.c_str());
-    EXPECT_EQ(captured.Count("Can not open file " + folder.path + "/meteo\n"), 1u);
-    EXPECT_TRUE(std::filesystem::exists(folder.path + "/meteo_c"));
-    EXPECT_EQ(ReadFile(folder.path + "/meteo_c"), "");
+    EXPECT_EQ(captured.Count("Can not open file " + folder.Path() + "/meteo\n"), 1u);
+    EXPECT_TRUE(std::filesystem::exists(folder.Path() + "/meteo_c"));
+    EXPECT_EQ(ReadFile(folder.Path() + "/meteo_c"), "");
 }
