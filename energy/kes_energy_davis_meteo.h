@@ -17,9 +17,9 @@ class kesEnergyDavisMeteo {
 public:
     // The pacing of the reader: one byte per pass, then this pause. It keeps
     // the client's cost near zero; the gateway's bursts wait in the socket.
-    static const unsigned int BYTE_PAUSE_MS = 100;
-    static const unsigned int RECEIVE_TIMEOUT_MS = 250;
-    static const unsigned int THREAD_STACK_SIZE = 524288;
+    static constexpr unsigned int BYTE_PAUSE_MS = 100;
+    static constexpr unsigned int RECEIVE_TIMEOUT_MS = 250;
+    static constexpr unsigned int THREAD_STACK_SIZE = 524288;
 
     // i_uBytePause exists for tests, which cannot wait 100 ms per byte.
     explicit kesEnergyDavisMeteo(unsigned int i_uBytePause = BYTE_PAUSE_MS);
@@ -36,8 +36,8 @@ public:
     virtual void OnData(const kesString& i_data);
 
 private:
-    static const unsigned int FLAG_RUNNING = 1;
-    static const unsigned int FLAG_STOP_REQUESTED = 2;
+    static constexpr unsigned int FLAG_RUNNING = 1;
+    static constexpr unsigned int FLAG_STOP_REQUESTED = 2;
 
     kesEError start_threads();
     void term_threads();

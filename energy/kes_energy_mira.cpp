@@ -8,6 +8,8 @@
 namespace kes {
 namespace Energy {
 
+static_assert(sizeof(unsigned int) == 4, "the record holds the item number in four bytes");
+
 unsigned int kesEnergyBuildMiraRecord(unsigned int i_iid, const kesString& i_text,
                                       unsigned char (&o_record)[MIRA_RECORD_MAX])
 {

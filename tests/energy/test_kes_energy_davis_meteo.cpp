@@ -18,7 +18,6 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -149,23 +148,23 @@ std::string LocalStamp()
 // gives the stamps found.
 bool MatchStamped(const std::string& expected, const std::string& actual, std::vector<std::string>* stamps)
 {
-    std::string pattern;
+    size_t at = 0;
     for (char c : expected) {
-        if (c == '@')
-            pattern += "([0-9]{14})";
-        else if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos)
-            pattern += std::string("\\") + c;
-        else if (c == '\0')
-            pattern += "\\x00";
-        else
-            pattern += c;
+        if (c != '@') {
+            if (at >= actual.size() || actual[at] != c)
+                return false;
+            ++at;
+            continue;
+        }
+        if (actual.size() - at < 14)
+            return false;
+        std::string stamp = actual.substr(at, 14);
+        if (stamp.find_first_not_of("0123456789") != std::string::npos)
+            return false;
+        stamps->push_back(stamp);
+        at += 14;
     }
-    std::smatch found;
-    if (!std::regex_match(actual, found, std::regex(pattern)))
-        return false;
-    for (size_t i = 1; i < found.size(); ++i)
-        stamps->push_back(found[i].str());
-    return true;
+    return at == actual.size();
 }
 
 // The two files for one record of the nine used values, in file order.
