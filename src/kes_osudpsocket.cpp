@@ -4,41 +4,13 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <netdb.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <vector>
-
 namespace kes {
 
-namespace {
-
-const kesEOsSocketType UDP_SOCKET_TYPE = static_cast<kesEOsSocketType>(16);
-
-// gethostbyname shares one static result between threads; the reentrant
-// form keeps each look-up on its caller's stack.
-bool resolve_host(const kesString& host, in_addr* address)
-{
-    std::vector<char> scratch(1024);
-    hostent entry;
-    hostent* found = nullptr;
-    int lookupError = 0;
-    int result;
-    while ((result = gethostbyname_r(host.c_str(), &entry, scratch.data(), scratch.size(), &found, &lookupError)) ==
-               ERANGE &&
-           scratch.size() < 65536)
-        scratch.resize(scratch.size() * 2);
-    if (result != 0 || found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr)
-        return false;
-    memcpy(address, found->h_addr_list[0], sizeof(*address));
-    return true;
-}
-
-} // namespace
-
-kesOsUdpSocket::kesOsUdpSocket() : m_uFlags(0), m_iHandle(0), m_sTo(), m_eType(UDP_SOCKET_TYPE)
+kesOsUdpSocket::kesOsUdpSocket() : m_uFlags(0), m_iHandle(0), m_sTo(), m_eType(kesOsSocketTypeUdp)
 {
     if (Reset() != kesErrorOk)
         KES_LOG(kesErrorNetwork, "Can not reset socket");
@@ -56,12 +28,12 @@ kesEError kesOsUdpSocket::Reset()
     if (closed != kesErrorOk)
         return KES_LOG(closed, "Can not close socket");
 
-    int handle = socket(AF_INET, SOCK_DGRAM, 17);
+    int handle = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
     if (handle < 0)
         return KES_LOG_STD(kesErrorNetwork, "Can not create socket");
     if (handle == 0) {
         // Descriptor 0 would read as "no socket": move it above.
-        int moved = fcntl(handle, F_DUPFD, 1);
+        int moved = fcntl(handle, F_DUPFD_CLOEXEC, 1);
         int saved = errno;
         close(handle);
         if (moved < 0) {
@@ -76,21 +48,14 @@ kesEError kesOsUdpSocket::Reset()
 
 kesEError kesOsUdpSocket::SetTo(const kesString& address, unsigned short port)
 {
-    kesString host = address;
-    kesArray<kesString> parts;
-    address.GetSplit(&parts, ":");
-    if (parts.size() >= 2) {
-        host = parts[0];
-        host.SetShrink(" ", true);
-        host.SetShrink(" ", false);
-        port = static_cast<unsigned short>(kesString::AsULong(parts[1], 10));
-    }
+    kesString host;
+    kesOsSplitHostPort(address, &host, &port);
 
     memset(&m_sTo, 0, sizeof(m_sTo));
     m_sTo.sin_family = AF_INET;
     m_sTo.sin_port = htons(port);
-    m_sTo.sin_addr.s_addr = inet_addr(host.c_str());
-    if (m_sTo.sin_addr.s_addr == INADDR_NONE && !resolve_host(host, &m_sTo.sin_addr))
+    m_sTo.sin_addr.s_addr = INADDR_NONE;
+    if (!kesOsResolveIPv4(host, &m_sTo.sin_addr))
         return KES_LOG(kesErrorNetwork, "gethostbyname failed");
     return kesErrorOk;
 }
@@ -207,17 +172,9 @@ bool kesOsUdpSocket::is_ready(bool forReceive, unsigned int milliseconds)
         KES_LOG(kesErrorNetwork, "Socket is not valid.");
         return false;
     }
-    if (m_iHandle >= FD_SETSIZE) {
-        KES_LOG(kesErrorNetwork, "select(...) failed: descriptor beyond FD_SETSIZE");
-        return false;
-    }
-    fd_set set;
-    FD_ZERO(&set);
-    FD_SET(m_iHandle, &set);
-    timeval time;
-    time.tv_sec = milliseconds / 1000;
-    time.tv_usec = (milliseconds % 1000) * 1000;
-    int ready = select(m_iHandle + 1, forReceive ? &set : nullptr, forReceive ? nullptr : &set, nullptr, &time);
+    // poll has no ceiling on the descriptor number, unlike select
+    pollfd waiting = {m_iHandle, static_cast<short>(forReceive ? POLLIN : POLLOUT), 0};
+    int ready = poll(&waiting, 1, static_cast<int>(milliseconds > 0x7FFFFFFFu ? 0x7FFFFFFFu : milliseconds));
     if (ready < 0) {
         KES_LOG_STD(kesErrorNetwork, "select(...) failed");
         return false;

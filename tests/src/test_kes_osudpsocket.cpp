@@ -91,7 +91,7 @@ TEST(UdpSocket, CloseWithNothingSentIsSilentAndRepeatable)
     LogCapture captured;
     kesOsUdpSocket socket;
     EXPECT_TRUE(socket.IsValid());
-    EXPECT_EQ(socket.GetType(), static_cast<kes::kesEOsSocketType>(16));
+    EXPECT_EQ(socket.GetType(), kes::kesOsSocketTypeUdp);
     EXPECT_EQ(socket.Close(), kes::kesErrorOk);
     EXPECT_FALSE(socket.IsValid());
     EXPECT_EQ(socket.Close(), kes::kesErrorOk);
