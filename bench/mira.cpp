@@ -3,7 +3,7 @@
 // value with a receiver listening and with none.
 
 #include "kes_energy_mira.h"
-#include "kes_net_test_support.h"
+#include "datagram_receiver.h"
 
 #include <chrono>
 #include <cstdio>
@@ -31,13 +31,13 @@ int main(int argc, char** argv)
 
     double listened;
     {
-        kes_net_test::UdpReceiver receiver;
-        listened = MicrosecondsPerValue(receiver.port, count);
+        kes_test::DatagramReceiver receiver;
+        listened = MicrosecondsPerValue(receiver.Port(), count);
     }
     unsigned short freePort;
     {
-        kes_net_test::UdpReceiver probe;
-        freePort = probe.port;
+        kes_test::DatagramReceiver probe;
+        freePort = probe.Port();
     }
     double unheard = MicrosecondsPerValue(freePort, count);
 

@@ -1,6 +1,7 @@
 #include "kes_energy_davis_meteo.h"
 #include "kes_error.h"
-#include "kes_net_test_support.h"
+#include "error_capture.h"
+#include "loopback.h"
 
 #include <gtest/gtest.h>
 
@@ -28,63 +29,32 @@ namespace {
 using kes::kesString;
 using kes::Energy::kesEnergyDavisMeteo;
 using Clock = std::chrono::steady_clock;
-using kes_net_test::LogCapture;
 using kes_test::ReadFile;
 using kes_test::TempDir;
 
-// A station gateway on loopback: accepts one client, plays it a byte script
-// and holds the connection until hung up.
+// A station gateway on loopback: plays its bytes to the one client, then
+// holds the line until hung up.
 class StationFeeder {
 public:
-    StationFeeder()
+    explicit StationFeeder(const std::string& bytes)
     {
-        m_listen = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof(address);
-        if (bind(m_listen, reinterpret_cast<sockaddr*>(&address), size) == 0 && listen(m_listen, 4) == 0 &&
-            getsockname(m_listen, reinterpret_cast<sockaddr*>(&address), &size) == 0)
-            m_port = ntohs(address.sin_port);
-    }
-    ~StationFeeder()
-    {
-        HangUp();
-        close(m_listen);
-    }
-    kesString Address() const { return kesString(("127.0.0.1:" + std::to_string(m_port)).c_str()); }
-
-    void Play(const std::string& bytes)
-    {
-        m_player = std::thread([this, bytes] {
-            pollfd waiting{m_listen, POLLIN, 0};
-            if (poll(&waiting, 1, 5000) != 1)
-                return;
-            m_client = accept(m_listen, nullptr, nullptr);
-            size_t sent = 0;
-            while (m_client >= 0 && sent < bytes.size()) {
-                ssize_t part = send(m_client, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-                if (part <= 0)
-                    break;
-                sent += static_cast<size_t>(part);
-            }
+        m_server.Serve([this, bytes](int fd, int) {
+            kes_test::WriteAll(fd, bytes.data(), bytes.size());
+            m_hangUp.Wait(20000);
         });
     }
+    ~StationFeeder() { HangUp(); }
 
+    kesString Address() const { return m_server.Address(); }
     void HangUp()
     {
-        if (m_player.joinable())
-            m_player.join();
-        if (m_client >= 0)
-            close(m_client);
-        m_client = -1;
+        m_hangUp.Open();
+        m_server.Join();
     }
 
 private:
-    int m_listen = -1;
-    int m_client = -1;
-    unsigned short m_port = 0;
-    std::thread m_player;
+    kes_test::Gate m_hangUp;
+    kes_test::LoopbackServer m_server;
 };
 
 // A port on loopback where nobody listens.
@@ -279,13 +249,11 @@ TEST_P(DavisMeteoStream, CutsRecordsAndWritesFiles)
 {
     const StreamCase& c = GetParam();
     TempDir folder;
-    StationFeeder feeder;
+    std::string before = LocalStamp();
+    StationFeeder feeder(c.stream);
     RecordingMeteo meteo(1);
     meteo.SetAddress(feeder.Address(), 0);
     meteo.SetHistoryFolder(folder.Path().c_str());
-
-    std::string before = LocalStamp();
-    feeder.Play(c.stream);
     ASSERT_EQ(meteo.Start(), kes::kesErrorOk);
     ASSERT_TRUE(meteo.WaitRecords(c.records.size()));
     std::string after = LocalStamp();
@@ -317,15 +285,13 @@ INSTANTIATE_TEST_SUITE_P(Records, DavisMeteoStream, ::testing::ValuesIn(STREAM_C
 
 TEST(DavisMeteoConnection, GatewayHangingUpLeavesTheClientIdle)
 {
-    LogCapture captured;
+    kes_test::ErrorCapture captured;
     TempDir folder;
-    StationFeeder feeder;
+    // the second record is cut off by the hang-up and must not count
+    StationFeeder feeder("<" + GOOD + "><1,2,180,3.4,21.5,56,0.3,412,0.0,9,10,23.1,");
     RecordingMeteo meteo(20);
     meteo.SetAddress(feeder.Address(), 0);
     meteo.SetHistoryFolder(folder.Path().c_str());
-
-    // the second record is cut off by the hang-up and must not count
-    feeder.Play("<" + GOOD + "><1,2,180,3.4,21.5,56,0.3,412,0.0,9,10,23.1,");
     ASSERT_EQ(meteo.Start(), kes::kesErrorOk);
     ASSERT_TRUE(meteo.WaitRecords(1));
     std::string current = ReadFile(folder.Path() + "/meteo_c");
@@ -334,9 +300,9 @@ TEST(DavisMeteoConnection, GatewayHangingUpLeavesTheClientIdle)
 
     // the reader keeps failing on the closed socket, once per pass
     auto deadline = Clock::now() + std::chrono::seconds(10);
-    while (captured.Count("Socket is close.") < 3 && Clock::now() < deadline)
+    while (captured.CountContaining("Socket is close.") < 3 && Clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_GE(captured.Count("Socket is close."), 3u);
+    EXPECT_GE(captured.CountContaining("Socket is close."), 3u);
 
     EXPECT_EQ(meteo.Stop(), kes::kesErrorOk);
     EXPECT_EQ(meteo.Records().size(), 1u);
@@ -346,12 +312,11 @@ TEST(DavisMeteoConnection, GatewayHangingUpLeavesTheClientIdle)
 
 TEST(DavisMeteoConnection, StopEndsAReaderWaitingOnASilentGateway)
 {
-    StationFeeder feeder;
+    StationFeeder feeder("");
     TempDir folder;
     kesEnergyDavisMeteo meteo;
     meteo.SetAddress(feeder.Address(), 0);
     meteo.SetHistoryFolder(folder.Path().c_str());
-    feeder.Play("");
     ASSERT_EQ(meteo.Start(), kes::kesErrorOk);
     std::this_thread::sleep_for(std::chrono::milliseconds(120));
 
@@ -364,36 +329,35 @@ TEST(DavisMeteoConnection, StopEndsAReaderWaitingOnASilentGateway)
 
 TEST(DavisMeteoConnection, StopWithoutStartDoesNothing)
 {
-    LogCapture captured;
+    kes_test::ErrorCapture captured;
     kesEnergyDavisMeteo meteo;
     EXPECT_EQ(meteo.Stop(), kes::kesErrorOk);
     EXPECT_EQ(meteo.Stop(), kes::kesErrorOk);
-    EXPECT_EQ(captured.Text(), "");
+    EXPECT_EQ(captured.Count(), 0u) << captured.Dump();
 }
 
 TEST(DavisMeteoConnection, StartWithoutGatewayFailsAndStaysStopped)
 {
-    LogCapture captured;
+    kes_test::ErrorCapture captured;
     kesEnergyDavisMeteo meteo;
     meteo.SetAddress(("127.0.0.1:" + std::to_string(DeadPort())).c_str(), 0);
     EXPECT_EQ(meteo.Start(), kes::kesErrorFailed);
-    EXPECT_EQ(captured.Count("Can not open socket for davis meteo"), 1u);
+    EXPECT_EQ(captured.CountContaining("Can not open socket for davis meteo"), 1u);
     EXPECT_EQ(meteo.Stop(), kes::kesErrorOk);
 }
 
 TEST(DavisMeteoConnection, AddressIsKeptWhileRunning)
 {
-    StationFeeder feeder;
+    StationFeeder feeder("");
     TempDir folder;
     RecordingMeteo meteo(1);
     meteo.SetAddress(feeder.Address(), 0);
     meteo.SetHistoryFolder(folder.Path().c_str());
-    feeder.Play("");
     ASSERT_EQ(meteo.Start(), kes::kesErrorOk);
     {
-        LogCapture captured;
+        kes_test::ErrorCapture captured;
         meteo.SetAddress(("127.0.0.1:" + std::to_string(DeadPort())).c_str(), 0);
-        EXPECT_EQ(captured.Count("You must stop the line before to reset the address"), 1u);
+        EXPECT_EQ(captured.CountContaining("You must stop the line before to reset the address"), 1u);
     }
     EXPECT_EQ(meteo.Stop(), kes::kesErrorOk);
     // the listener's backlog takes the second connection: the old address held
@@ -427,25 +391,25 @@ INSTANTIATE_TEST_SUITE_P(Forms, DavisMeteoFolder,
 
 TEST(DavisMeteoFiles, MissingFolderLosesTheRecordWithAReport)
 {
-    LogCapture captured;
+    kes_test::ErrorCapture captured;
     TempDir folder;
     kesEnergyDavisMeteo meteo;
     meteo.SetHistoryFolder((folder.Path() + "/missing").c_str());
     meteo.OnData(GOOD_RECORD.c_str());
-    EXPECT_EQ(captured.Count("Can not open file " + folder.Path() + "/missing/meteo_c"), 1u);
-    EXPECT_EQ(captured.Count("kesError Number : 3"), 1u);
+    EXPECT_EQ(captured.CountContaining("Can not open file " + folder.Path() + "/missing/meteo_c"), 1u);
+    EXPECT_EQ(captured.CountContaining("kesError Number : 3"), 1u);
     EXPECT_FALSE(std::filesystem::exists(folder.Path() + "/missing"));
 }
 
 TEST(DavisMeteoFiles, UnwritableLogLeavesTheCurrentFileEmpty)
 {
-    LogCapture captured;
+    kes_test::ErrorCapture captured;
     TempDir folder;
     std::filesystem::create_directory(folder.Path() + "/meteo");
     kesEnergyDavisMeteo meteo;
     meteo.SetHistoryFolder(folder.Path().c_str());
     meteo.OnData(GOOD_RECORD.c_str());
-    EXPECT_EQ(captured.Count("Can not open file " + folder.Path() + "/meteo\n"), 1u);
+    EXPECT_EQ(captured.CountContaining("Can not open file " + folder.Path() + "/meteo\n"), 1u);
     EXPECT_TRUE(std::filesystem::exists(folder.Path() + "/meteo_c"));
     EXPECT_EQ(ReadFile(folder.Path() + "/meteo_c"), "");
 }

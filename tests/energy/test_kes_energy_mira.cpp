@@ -1,5 +1,6 @@
 #include "kes_energy_mira.h"
-#include "kes_net_test_support.h"
+#include "datagram_receiver.h"
+#include "error_capture.h"
 
 #include <gtest/gtest.h>
 
@@ -12,8 +13,7 @@
 namespace {
 
 using kes::kesString;
-using kes_net_test::LogCapture;
-using kes_net_test::UdpReceiver;
+using kes_test::DatagramReceiver;
 namespace Energy = kes::Energy;
 
 bool HostIsLittleEndian()
@@ -62,8 +62,8 @@ TEST_P(MiraDatagram, ReceiverGetsTheExactRecord)
     if (!HostIsLittleEndian())
         GTEST_SKIP() << "expected bytes are written for a little-endian host";
     const DatagramCase& c = GetParam();
-    UdpReceiver receiver;
-    EXPECT_EQ(Energy::kesEnergySendToMira(c.iid, c.text.c_str(), receiver.port), static_cast<int>(c.bytes.size()));
+    DatagramReceiver receiver;
+    EXPECT_EQ(Energy::kesEnergySendToMira(c.iid, c.text.c_str(), receiver.Port()), static_cast<int>(c.bytes.size()));
     std::string datagram;
     ASSERT_TRUE(receiver.Receive(&datagram));
     EXPECT_EQ(datagram, c.bytes);
@@ -76,10 +76,10 @@ INSTANTIATE_TEST_SUITE_P(Records, MiraDatagram, ::testing::ValuesIn(DATAGRAM_CAS
 
 TEST(MiraDatagramLimits, TextBeyondTheLengthByteIsRefusedWholeWithAReport)
 {
-    LogCapture captured;
-    UdpReceiver receiver;
-    EXPECT_EQ(Energy::kesEnergySendToMira(5, std::string(256, 'b').c_str(), receiver.port), -1);
-    EXPECT_EQ(captured.Count("Text of item 5 is 256 bytes, over 255: not published"), 1u);
+    kes_test::ErrorCapture captured;
+    DatagramReceiver receiver;
+    EXPECT_EQ(Energy::kesEnergySendToMira(5, std::string(256, 'b').c_str(), receiver.Port()), -1);
+    EXPECT_EQ(captured.CountContaining("Text of item 5 is 256 bytes, over 255: not published"), 1u);
     std::string datagram;
     EXPECT_FALSE(receiver.Receive(&datagram, 200));
 
@@ -89,14 +89,14 @@ TEST(MiraDatagramLimits, TextBeyondTheLengthByteIsRefusedWholeWithAReport)
 
 TEST(MiraDatagramLimits, NoReceiverIsNoFailure)
 {
-    LogCapture captured;
+    kes_test::ErrorCapture captured;
     unsigned short freePort;
     {
-        UdpReceiver probe;
-        freePort = probe.port;
+        DatagramReceiver probe;
+        freePort = probe.Port();
     }
     EXPECT_EQ(Energy::kesEnergySendToMira(1, "1", freePort), 6);
-    EXPECT_EQ(captured.Text(), "");
+    EXPECT_EQ(captured.Count(), 0u) << captured.Dump();
 }
 
 // Lines publish from their own threads at once: every datagram must arrive
@@ -104,13 +104,13 @@ TEST(MiraDatagramLimits, NoReceiverIsNoFailure)
 TEST(MiraDatagramLimits, ConcurrentPublishersSendWholeRecords)
 {
     const unsigned int threads = 4, perThread = 50;
-    UdpReceiver receiver;
+    DatagramReceiver receiver;
     std::vector<std::thread> publishers;
     for (unsigned int t = 0; t < threads; ++t)
         publishers.emplace_back([t, &receiver] {
             for (unsigned int i = 0; i < perThread; ++i) {
                 unsigned int iid = t * 1000 + i;
-                Energy::kesEnergySendToMira(iid, kesString::FromULong(iid * 7), receiver.port);
+                Energy::kesEnergySendToMira(iid, kesString::FromULong(iid * 7), receiver.Port());
             }
         });
     for (std::thread& publisher : publishers)

@@ -1,4 +1,5 @@
-#include "kes_net_test_support.h"
+#include "datagram_receiver.h"
+#include "error_capture.h"
 #include "kes_osudpsocket.h"
 
 #include <gtest/gtest.h>
@@ -11,8 +12,7 @@ namespace {
 
 using kes::kesOsUdpSocket;
 using kes::kesString;
-using kes_net_test::LogCapture;
-using kes_net_test::UdpReceiver;
+using kes_test::DatagramReceiver;
 
 struct DestinationCase {
     const char* name;
@@ -39,11 +39,11 @@ class UdpSocketDestination : public ::testing::TestWithParam<DestinationCase> {}
 TEST_P(UdpSocketDestination, DatagramReachesTheReceiver)
 {
     const DestinationCase& c = GetParam();
-    UdpReceiver receiver;
+    DatagramReceiver receiver;
     kesOsUdpSocket socket;
     // a port in the address wins over the argument, which then points nowhere
-    unsigned short argument = c.portInAddress ? static_cast<unsigned short>(receiver.port ^ 1) : receiver.port;
-    ASSERT_EQ(socket.SetTo(Fill(c.address, receiver.port).c_str(), argument), kes::kesErrorOk);
+    unsigned short argument = c.portInAddress ? static_cast<unsigned short>(receiver.Port() ^ 1) : receiver.Port();
+    ASSERT_EQ(socket.SetTo(Fill(c.address, receiver.Port()).c_str(), argument), kes::kesErrorOk);
     ASSERT_EQ(socket.Send("ping", 4), 4);
     std::string datagram;
     ASSERT_TRUE(receiver.Receive(&datagram));
@@ -62,9 +62,9 @@ INSTANTIATE_TEST_SUITE_P(Addresses, UdpSocketDestination,
 
 TEST(UdpSocket, EmptyDatagramIsSent)
 {
-    UdpReceiver receiver;
+    DatagramReceiver receiver;
     kesOsUdpSocket socket;
-    ASSERT_EQ(socket.SetTo("127.0.0.1", receiver.port), kes::kesErrorOk);
+    ASSERT_EQ(socket.SetTo("127.0.0.1", receiver.Port()), kes::kesErrorOk);
     EXPECT_EQ(socket.Send("", 0), 0);
     std::string datagram = "not empty";
     ASSERT_TRUE(receiver.Receive(&datagram));
@@ -73,9 +73,9 @@ TEST(UdpSocket, EmptyDatagramIsSent)
 
 TEST(UdpSocket, EachSendIsOneWholeDatagram)
 {
-    UdpReceiver receiver;
+    DatagramReceiver receiver;
     kesOsUdpSocket socket;
-    ASSERT_EQ(socket.SetTo("127.0.0.1", receiver.port), kes::kesErrorOk);
+    ASSERT_EQ(socket.SetTo("127.0.0.1", receiver.Port()), kes::kesErrorOk);
     std::string big(1400, 'x');
     ASSERT_EQ(socket.Send(big.data(), static_cast<unsigned int>(big.size())), 1400);
     ASSERT_EQ(socket.Send("tail", 4), 4);
@@ -88,19 +88,19 @@ TEST(UdpSocket, EachSendIsOneWholeDatagram)
 
 TEST(UdpSocket, CloseWithNothingSentIsSilentAndRepeatable)
 {
-    LogCapture captured;
+    kes_test::ErrorCapture captured;
     kesOsUdpSocket socket;
     EXPECT_TRUE(socket.IsValid());
     EXPECT_EQ(socket.GetType(), kes::kesOsSocketTypeUdp);
     EXPECT_EQ(socket.Close(), kes::kesErrorOk);
     EXPECT_FALSE(socket.IsValid());
     EXPECT_EQ(socket.Close(), kes::kesErrorOk);
-    EXPECT_EQ(captured.Text(), "");
+    EXPECT_EQ(captured.Count(), 0u) << captured.Dump();
 }
 
 TEST(UdpSocket, ClosedSocketRefusesEveryOperationWithAReport)
 {
-    LogCapture captured;
+    kes_test::ErrorCapture captured;
     kesOsUdpSocket socket;
     ASSERT_EQ(socket.Close(), kes::kesErrorOk);
     EXPECT_EQ(socket.Send("x", 1), -1);
@@ -109,19 +109,19 @@ TEST(UdpSocket, ClosedSocketRefusesEveryOperationWithAReport)
     EXPECT_EQ(socket.GetReceiveTimeOut(), 0u);
     EXPECT_EQ(socket.GetSendTimeOut(), 0u);
     EXPECT_EQ(socket.GetMaxMessageSize(), 0u);
-    EXPECT_EQ(captured.Count("Socket is invalid."), 6u);
+    EXPECT_EQ(captured.CountContaining("Socket is invalid."), 6u);
     EXPECT_FALSE(socket.IsReadyToSend(0));
     EXPECT_FALSE(socket.IsReadyToReceive(0));
-    EXPECT_EQ(captured.Count("Socket is not valid."), 2u);
+    EXPECT_EQ(captured.CountContaining("Socket is not valid."), 2u);
 }
 
 TEST(UdpSocket, ResetAfterCloseSendsAgain)
 {
-    UdpReceiver receiver;
+    DatagramReceiver receiver;
     kesOsUdpSocket socket;
     ASSERT_EQ(socket.Close(), kes::kesErrorOk);
     ASSERT_EQ(socket.Reset(), kes::kesErrorOk);
-    ASSERT_EQ(socket.SetTo("127.0.0.1", receiver.port), kes::kesErrorOk);
+    ASSERT_EQ(socket.SetTo("127.0.0.1", receiver.Port()), kes::kesErrorOk);
     EXPECT_EQ(socket.Send("again", 5), 5);
     std::string datagram;
     ASSERT_TRUE(receiver.Receive(&datagram));
@@ -130,10 +130,10 @@ TEST(UdpSocket, ResetAfterCloseSendsAgain)
 
 TEST(UdpSocket, UnknownHostIsReportedAndTheSendGoesNowhere)
 {
-    LogCapture captured;
+    kes_test::ErrorCapture captured;
     kesOsUdpSocket socket;
     EXPECT_EQ(socket.SetTo("no-such-host.invalid", 9), kes::kesErrorNetwork);
-    EXPECT_EQ(captured.Count("gethostbyname failed"), 1u);
+    EXPECT_EQ(captured.CountContaining("gethostbyname failed"), 1u);
     // the destination is the all-ones address: refused, never a crash
     EXPECT_LE(socket.Send("x", 1), 1);
 }
@@ -157,14 +157,14 @@ TEST(UdpSocket, TimeOutsReadBackAndReadinessAnswers)
 // socket must not mistake for "no socket".
 TEST(UdpSocket, DescriptorZeroIsMovedOutOfTheWay)
 {
-    UdpReceiver receiver;
+    DatagramReceiver receiver;
     int savedInput = dup(0);
     ASSERT_GE(savedInput, 0);
     close(0);
     {
         kesOsUdpSocket socket;
         EXPECT_TRUE(socket.IsValid());
-        EXPECT_EQ(socket.SetTo("127.0.0.1", receiver.port), kes::kesErrorOk);
+        EXPECT_EQ(socket.SetTo("127.0.0.1", receiver.Port()), kes::kesErrorOk);
         EXPECT_EQ(socket.Send("zero", 4), 4);
         EXPECT_EQ(socket.Close(), kes::kesErrorOk);
     }
