@@ -367,20 +367,28 @@ TEST(DavisMeteoConnection, AddressIsKeptWhileRunning)
 
 struct FolderCase {
     const char* name;
-    const char* suffix; // appended to the temporary folder
+    const char* suffix; // appended to the folder
 };
 
+std::ostream& operator<<(std::ostream& out, const FolderCase& c)
+{
+    return out << c.name;
+}
+
+// The path in the report shows the folder as stored: one separator, always.
 class DavisMeteoFolder : public ::testing::TestWithParam<FolderCase> {};
 
-TEST_P(DavisMeteoFolder, FilesLandInTheFolderWhateverItsTrailingSeparators)
+TEST_P(DavisMeteoFolder, MissingFolderLosesTheRecordWithAReport)
 {
+    kes_test::ErrorCapture captured;
     TempDir folder;
     kesEnergyDavisMeteo meteo;
-    meteo.SetHistoryFolder((folder.Path() + GetParam().suffix).c_str());
+    meteo.SetHistoryFolder((folder.Path() + "/missing" + GetParam().suffix).c_str());
     meteo.OnData(GOOD_RECORD.c_str());
-    std::vector<std::string> stamps;
-    EXPECT_TRUE(MatchStamped(Current(GOOD_VALUES), ReadFile(folder.Path() + "/meteo_c"), &stamps));
-    EXPECT_TRUE(MatchStamped(Line(GOOD_VALUES), ReadFile(folder.Path() + "/meteo"), &stamps));
+    EXPECT_EQ(captured.CountContaining("Can not open file " + folder.Path() + "/missing/meteo_c\n"), 1u)
+        << captured.Dump();
+    EXPECT_EQ(captured.CountContaining("kesError Number : 3"), 1u);
+    EXPECT_FALSE(std::filesystem::exists(folder.Path() + "/missing"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Forms, DavisMeteoFolder,
@@ -388,18 +396,6 @@ INSTANTIATE_TEST_SUITE_P(Forms, DavisMeteoFolder,
                          [](const ::testing::TestParamInfo<FolderCase>& info) {
                              return std::string(info.param.name);
                          });
-
-TEST(DavisMeteoFiles, MissingFolderLosesTheRecordWithAReport)
-{
-    kes_test::ErrorCapture captured;
-    TempDir folder;
-    kesEnergyDavisMeteo meteo;
-    meteo.SetHistoryFolder((folder.Path() + "/missing").c_str());
-    meteo.OnData(GOOD_RECORD.c_str());
-    EXPECT_EQ(captured.CountContaining("Can not open file " + folder.Path() + "/missing/meteo_c"), 1u);
-    EXPECT_EQ(captured.CountContaining("kesError Number : 3"), 1u);
-    EXPECT_FALSE(std::filesystem::exists(folder.Path() + "/missing"));
-}
 
 TEST(DavisMeteoFiles, UnwritableLogLeavesTheCurrentFileEmpty)
 {
