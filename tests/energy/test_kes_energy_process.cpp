@@ -14,14 +14,14 @@ using kes_test::TempDir;
 
 namespace {
 
-const char* const HELP =
-    "\nKes. Energy Command Help\n"
-    "-conf configuration file ------ [e.g - \"/data/conf.xml\" or \"./conf.xml\"]\n"
-    "-dir data directory ----------- [e.g - \"/data\" or \"./data\"]\n"
-    "-history History time --------- [e.g - save data every minute, possible values are 1-2-3-4-5-6-10-12-15-20-30-60]\n"
-    "-version appliation version --- [e.g - 1.0.0]\n"
-    "-fversion fremwork version ---- [e.g - 1.0.0]\n"
-    "-log log file name ------------ [file application log]\n\n";
+const char* const HELP = "\nKes. Energy Command Help\n"
+                         "-conf configuration file ------ [e.g - \"/data/conf.xml\" or \"./conf.xml\"]\n"
+                         "-dir data directory ----------- [e.g - \"/data\" or \"./data\"]\n"
+                         "-history History time --------- [e.g - save data every minute, possible values are "
+                         "1-2-3-4-5-6-10-12-15-20-30-60]\n"
+                         "-version appliation version --- [e.g - 1.0.0]\n"
+                         "-fversion fremwork version ---- [e.g - 1.0.0]\n"
+                         "-log log file name ------------ [file application log]\n\n";
 
 struct RunCase {
     std::vector<std::string> args;
@@ -76,9 +76,9 @@ TEST(DaemonHelp, IsExactlyTheHelpText)
 
 TEST(DaemonHistoryTime, RoundsUpToADivisorOfSixty)
 {
-    const unsigned long cases[][2] = {{1, 1},   {5, 5},   {7, 10},   {9, 10},  {11, 12}, {13, 15}, {16, 20},
-                                      {21, 30}, {31, 60}, {59, 60},  {60, 60}, {61, 60}, {200, 60},
-                                      {257, 1}, {300, 60}, {0, 60}, {256, 60}};
+    const unsigned long cases[][2] = {{1, 1},    {5, 5},   {7, 10},   {9, 10},  {11, 12}, {13, 15},
+                                      {16, 20},  {21, 30}, {31, 60},  {59, 60}, {60, 60}, {61, 60},
+                                      {200, 60}, {257, 1}, {300, 60}, {0, 60},  {256, 60}};
     for (const auto& c : cases)
         EXPECT_EQ(kes::Energy::kesHistoryTimeFromValue(c[0]), c[1]) << c[0];
 }
@@ -125,8 +125,7 @@ TEST(DaemonSigterm, StopsTheWaitingDaemonWithinASecond)
         EXPECT_EQ(child.Wait(3000), 0) << child.Output();
         auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - sent);
         EXPECT_LT(took.count(), 1000);
-        EXPECT_NE(child.Output().find("Info : [EXIT SUCCESS][FILE:energy/main.cpp][FUNCTION:main]"),
-                  std::string::npos)
+        EXPECT_NE(child.Output().find("Info : [EXIT SUCCESS][FILE:energy/main.cpp][FUNCTION:main]"), std::string::npos)
             << child.Output();
     }
 }
