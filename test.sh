@@ -1,22 +1,30 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs the whole suite twice:
-# a plain build, then AddressSanitizer + UndefinedBehaviorSanitizer.
+# Installs what is missing, builds, and runs the whole suite: a plain build, then
+# AddressSanitizer + UndefinedBehaviorSanitizer; the threaded tests under
+# ThreadSanitizer; and every fuzz target for a short bounded time.
 set -euo pipefail
 cd "$(dirname "$0")"
 source ./scripts/deps.sh
 kes_install_deps
 
 jobs=${KES_JOBS:-2}
+# Tests whose subject runs threads of its own.
+threaded='Thread|Timer|Event|Mutex|Line|Davis|Sigterm|Concurrent|HistorySystem|Socket|Serial|Gateway'
 
 run_suite() {
-  local dir=$1; shift
+  local dir=$1 filter=$2; shift 2
   cmake -S . -B "$dir" "$@" >/dev/null
   cmake --build "$dir" -j"$jobs"
-  (cd "$dir" && ctest --output-on-failure -j"$jobs" --timeout 300)
+  (cd "$dir" && ctest --output-on-failure -j"$jobs" --timeout 300 ${filter:+-R "$filter"})
 }
 
 echo "== plain build =="
-run_suite build
-echo "== sanitizer build (address, undefined) =="
+run_suite build ""
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer =="
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  run_suite build-asan -DKES_SANITIZE=ON
+  run_suite build-asan "" -DKES_SANITIZE=ON
+echo "== ThreadSanitizer, threaded tests =="
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  run_suite build-tsan "$threaded" -DKES_TSAN=ON
+echo "== fuzzing =="
+./scripts/fuzz.sh "${KES_FUZZ_SECONDS:-15}"

@@ -7,7 +7,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <tinyxml.h>
+
 #include "kes_commandlineparser.h"
+#include "kes_energy_davis_meteo.h"
+#include "kes_energy_line.h"
+#include "kes_energy_mira.h"
+#include "kes_enerysystem.h"
 #include "kes_osutility.h"
 #include "kes_time.h"
 
@@ -54,7 +60,10 @@ unsigned char kesHistoryTimeFromValue(unsigned long value)
     return static_cast<unsigned char>(n);
 }
 
-kesEnergy::kesEnergy() : m_uHistoryTime(60), m_pSigtermRelay(nullptr), m_bRelayQuit(false)
+unsigned short kesEnergy::MiraPort = MIRA_PORT;
+
+kesEnergy::kesEnergy()
+    : m_uHistoryTime(60), m_pDavisMeteo(nullptr), m_pSigtermRelay(nullptr), m_bRelayQuit(false)
 {
     m_eTerm.Reset();
     ensure_sigterm_semaphore();
@@ -158,6 +167,26 @@ kesEError kesEnergy::Execute()
     if (!start_sigterm_relay() || !InstallSigtermHandler())
         return KES_LOG_STD(kesErrorFailed, "Can not install the SIGTERM handler");
 
+    if (configure_system() != kesErrorOk)
+        return KES_LOG(kesErrorFailed, "Configuration failed");
+    if (m_History.Init(static_cast<unsigned int>(m_uHistoryTime)) != kesErrorOk)
+        return KES_LOG(kesErrorFailed, "Can not init history system");
+    m_History.SetHistoryFolder(m_sDataDirectory);
+    if (m_History.Start() != kesErrorOk)
+        return KES_LOG(kesErrorFailed, "Can not start history system");
+
+    kesEnergySystem::EXECUTION_COUNT = 2;
+    for (size_t i = 0; i < m_aLines.size(); ++i) {
+        if (m_aLines[i]->Start(kesEnergyLine::RECEIVE_TIMEOUT, kesEnergyLine::ANSWER_PAUSE,
+                               kesEnergyLine::FAILURE_PAUSE) != kesErrorOk)
+            KES_LOG(kesErrorFailed, kesString("Can not start line ") + kesString::FromInt(m_aLines[i]->GetUniqueID()));
+    }
+    if (m_pDavisMeteo) {
+        m_pDavisMeteo->SetHistoryFolder(m_sDataDirectory);
+        if (m_pDavisMeteo->Start() != kesErrorOk)
+            KES_LOG(kesErrorFailed, "Can not start davis meteo");
+    }
+
     if (m_eTerm.WaitSignal(TERM_WAIT_MS))
         return kesErrorOk;
     return KES_LOG(kesErrorFailed, "Event term without segnalization");
@@ -165,11 +194,39 @@ kesEError kesEnergy::Execute()
 
 kesEError kesEnergy::Term()
 {
-    stop_all();
+    clear_line_list();
+    if (m_History.Stop() != kesErrorOk)
+        return KES_LOG(kesErrorFailed, "Can not stop history system");
+    clear_dataaddress_map();
     return kesErrorOk;
 }
 
-void kesEnergy::stop_all() {}
+// Lines first, so that no polling thread still feeds the store when it stops.
+void kesEnergy::stop_all()
+{
+    clear_line_list();
+    m_History.Stop();
+    clear_dataaddress_map();
+}
+
+void kesEnergy::add_to_line_list(kesEnergyLine* line)
+{
+    m_aLines.AddBack(line);
+}
+
+void kesEnergy::clear_line_list()
+{
+    for (size_t i = 0; i < m_aLines.size(); ++i) {
+        m_aLines[i]->Stop();
+        delete m_aLines[i];
+    }
+    m_aLines.clear();
+    if (m_pDavisMeteo) {
+        m_pDavisMeteo->Stop();
+        delete m_pDavisMeteo;
+        m_pDavisMeteo = nullptr;
+    }
+}
 
 void kesEnergy::on_sigint(int)
 {

@@ -1,0 +1,265 @@
+// Protocol engine of one bus: device model, reading records and the
+// measurement reads.
+//
+// On this bus the Modbus unit identifier is the device type, and a device is
+// picked by its register block: module number times 100 is its bus address,
+// the first register of the block.
+#ifndef KES_ENERYSYSTEM_H
+#define KES_ENERYSYSTEM_H
+
+#include "kes_energysocket.h"
+#include "kes_error.h"
+#include "kes_string.h"
+
+namespace kes {
+
+enum kesEEnergyDeviceType : unsigned int {
+    kesEnergyDevicePanel = 1,
+    kesEnergyDeviceString = 2,
+    kesEnergyDeviceAlarm = 3,
+    kesEnergyDeviceAmbient = 4,
+    kesEnergyDevicePulseCounter = 5,
+    kesEnergyDeviceStringTwo = 6,
+    kesEnergyDeviceStringFour = 7,
+    kesEnergyDevicePulseCounterTwo = 8,
+    kesEnergyDevicePulseCounterFive = 9,
+    kesEnergyDeviceStringOne = 10,
+    kesEnergyDeviceStringThree = 11
+};
+
+enum kesEEnergyAlarmStatus : unsigned int {
+    kesEnergyAlarmSuccess = 0,
+    kesEnergyAlarmStringInTension = 1,
+    kesEnergyAlarmPowerNotNull = 2,
+    kesEnergyAlarmBoostNotReached = 3,
+    kesEnergyAlarmPowerBelowMinimum = 4,
+    kesEnergyAlarmPowerAboveMaximum = 5
+};
+
+enum kesEEnergyAlarmCycleStatus : unsigned int {
+    kesEnergyAlarmCycleTerminated = 0,
+    kesEnergyAlarmCycleInProgress = 1
+};
+
+// One device on the bus. Type and module number can change by addressing;
+// the hardware serial number cannot, so records compare by it alone.
+struct kesEnergyDevice {
+    kesEEnergyDeviceType Type;
+    unsigned char Address;
+    unsigned int UniqueID;
+
+    kesEnergyDevice() : Type(kesEnergyDevicePanel), Address(0), UniqueID(0) {}
+    bool operator<(const kesEnergyDevice& i_other) const { return UniqueID < i_other.UniqueID; }
+    bool operator==(const kesEnergyDevice& i_other) const { return UniqueID == i_other.UniqueID; }
+};
+
+// Reading records, one per kind of reading, each led by the bus address.
+struct kesEnergyPanelData {
+    unsigned short address;
+    float voltage;
+    float temperature;
+};
+
+struct kesEnergyStringData {
+    unsigned short address;
+    float voltage;
+    float ampere;
+};
+
+struct kesEnergyStringTwoData {
+    unsigned short address;
+    float voltage;
+    float ampere1;
+    float ampere2;
+};
+
+struct kesEnergyStringThreeData {
+    unsigned short address;
+    float voltage;
+    float ampere1;
+    float ampere2;
+    float ampere3;
+};
+
+struct kesEnergyStringFourData {
+    unsigned short address;
+    float voltage;
+    float ampere1;
+    float ampere2;
+    float ampere3;
+    float ampere4;
+};
+
+struct kesEnergyAlarmData {
+    unsigned short address;
+    float voltage;
+    float ampere;
+    unsigned char status;
+};
+
+struct kesEnergyPulseCounterData {
+    unsigned short address;
+    unsigned int count;
+    unsigned short period;
+};
+
+struct kesEnergyPulseCounterTwoData {
+    unsigned short address;
+    unsigned int count1;
+    unsigned short period1;
+    unsigned int count2;
+    unsigned short period2;
+};
+
+struct kesEnergyPulseCounterFiveData {
+    unsigned short address;
+    unsigned int count1;
+    unsigned short period1;
+    unsigned int count2;
+    unsigned short period2;
+    unsigned int count3;
+    unsigned short period3;
+    unsigned int count4;
+    unsigned short period4;
+    unsigned int count5;
+    unsigned short period5;
+};
+
+class kesIModbusRtuFrame;
+class kesModbusRtuFrame;
+struct kesMeasurementRead;
+
+class kesEnergySystem {
+public:
+    // Attempts per operation before it reports failure.
+    static unsigned char EXECUTION_COUNT;
+    // 2: discovery mutes each device found.
+    static unsigned char MODE;
+
+    // Floors of the timing given to OpenCommunication, in milliseconds.
+    static const unsigned int MIN_RECEIVE_TIMEOUT = 50;
+    static const unsigned int MIN_ANSWER_PAUSE = 5;
+    static const unsigned int MIN_FAILURE_PAUSE = 30;
+
+    kesEnergySystem();
+    virtual ~kesEnergySystem();
+    kesEnergySystem(const kesEnergySystem&) = delete;
+    kesEnergySystem& operator=(const kesEnergySystem&) = delete;
+
+    // Hooks for classes that follow discovery and addressing.
+    virtual void OnDeviceFound(const kesEnergyDevice* i_pDevice);
+    virtual void OnDeviceAddressChanged(const kesEnergyDevice* i_pDevice);
+
+    kesEError OpenCommunication(const kesString& i_sAddress, unsigned short i_usPort, unsigned int i_uiReceiveTimeOut,
+                                unsigned int i_uiAnswerPause, unsigned int i_uiFailurePause);
+    kesEError CloseCommunication();
+    bool IsConnected() const;
+
+    unsigned int GetReceiveTimeOut() const { return m_uiReceiveTimeOut; }
+    unsigned int GetAnswerPause() const { return m_uiAnswerPause; }
+    unsigned int GetFailurePause() const { return m_uiFailurePause; }
+
+    static kesString DeviceTypeToTypeName(kesEEnergyDeviceType i_eType);
+    static kesString AlarmStatusTypeToTypeName(kesEEnergyAlarmStatus i_eStatus);
+    static kesString AlarmCycleStatusTypeToTypeName(kesEEnergyAlarmCycleStatus i_eStatus);
+
+    // Measurement reads: bus address first, then the outputs; any output may be
+    // null. 0 on success; after a failure the outputs keep what they held.
+    kesEError ReadPanelVoltTemp(unsigned short i_usAddress, float* o_pVoltage, float* o_pTemperature);
+    kesEError ReadStringVoltAmpere(unsigned short i_usAddress, float* o_pVoltage, float* o_pAmpere);
+    kesEError ReadStringOneVoltAmpere(unsigned short i_usAddress, float* o_pVoltage, float* o_pAmpere);
+    kesEError ReadStringTwoVoltAmpere(unsigned short i_usAddress, float* o_pVoltage, float* o_pAmpere1,
+                                      float* o_pAmpere2);
+    kesEError ReadStringThreeVoltAmpere(unsigned short i_usAddress, float* o_pVoltage, float* o_pAmpere1,
+                                        float* o_pAmpere2, float* o_pAmpere3);
+    kesEError ReadStringFourVoltAmpere(unsigned short i_usAddress, float* o_pVoltage, float* o_pAmpere1,
+                                       float* o_pAmpere2, float* o_pAmpere3, float* o_pAmpere4);
+    kesEError ReadAlarmVoltAmpere(unsigned short i_usAddress, float* o_pVoltage, float* o_pAmpere);
+    kesEError ReadPulseCounterData(unsigned short i_usAddress, unsigned int* o_pCount, unsigned short* o_pPeriod);
+    kesEError ReadPulseCounterTwoData(unsigned short i_usAddress, unsigned int* o_pCount1, unsigned short* o_pPeriod1,
+                                      unsigned int* o_pCount2, unsigned short* o_pPeriod2);
+    kesEError ReadPulseCounterFiveData(unsigned short i_usAddress,
+                                       unsigned int* o_pCount1, unsigned short* o_pPeriod1, unsigned int* o_pSecond1,
+                                       unsigned int* o_pCount2, unsigned short* o_pPeriod2, unsigned int* o_pSecond2,
+                                       unsigned int* o_pCount3, unsigned short* o_pPeriod3, unsigned int* o_pSecond3,
+                                       unsigned int* o_pCount4, unsigned short* o_pPeriod4, unsigned int* o_pSecond4,
+                                       unsigned int* o_pCount5, unsigned short* o_pPeriod5, unsigned int* o_pSecond5);
+
+protected:
+    // Decodes the data of an accepted reply; returns 0, or a code it has
+    // reported (the exchange then sleeps the answer pause and gives the code).
+    typedef kesEError (*kesReplyDecoder)(const unsigned char* i_pData, unsigned int i_uiSize, void* io_pContext);
+
+    // One request and one reply of known length, checked in order: send count,
+    // time-out, length, CRC, exception, data size, unit and function code.
+    // Every exchange on the bus goes through here.
+    kesEError exchange(kesEnergySocket* io_pChannel, kesIModbusRtuFrame* i_pRequest, bool i_bCheckSend,
+                       unsigned short i_usAddress, unsigned int i_uiReplyLength, unsigned int i_uiDataSize,
+                       kesReplyDecoder i_pDecoder, void* io_pContext, const char* i_szFunction);
+
+    // Runs one attempt up to EXECUTION_COUNT times on an open channel, and
+    // reports i_szFailure with the bus address after the last failure.
+    kesEError execute(kesEError (*i_pAttempt)(kesEnergySystem* io_pSystem, void* io_pContext), void* io_pContext,
+                      const char* i_szFailure, unsigned short i_usAddress, const char* i_szFunction);
+
+    template <class Attempt>
+    kesEError execute(Attempt& io_attempt, const char* i_szFailure, unsigned short i_usAddress,
+                      const char* i_szFunction)
+    {
+        return execute(&call_attempt<Attempt>, &io_attempt, i_szFailure, i_usAddress, i_szFunction);
+    }
+
+    void pause_after_answer() const;
+    void pause_after_failure() const;
+
+    kesEnergySocket m_oSocket;
+
+private:
+    // One measurement exchange, its constants and decoding taken from a row of
+    // the read table.
+    kesEError read_measurement(kesEnergySocket* io_pChannel, const kesMeasurementRead& i_read,
+                               unsigned short i_usAddress, void* const* o_ppOutputs, const char* i_szFunction);
+
+    template <class Attempt>
+    static kesEError call_attempt(kesEnergySystem*, void* io_pAttempt)
+    {
+        return (*static_cast<Attempt*>(io_pAttempt))();
+    }
+
+    kesEError read_response_panel_temp_and_voltage(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
+                                                   float* o_pVoltage, float* o_pTemperature);
+    kesEError read_response_string_voltage_ampere(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
+                                                  float* o_pVoltage, float* o_pAmpere);
+    kesEError read_response_string1_voltage_ampere(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
+                                                   float* o_pVoltage, float* o_pAmpere);
+    kesEError read_response_string2_voltage_ampere(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
+                                                   float* o_pVoltage, float* o_pAmpere1, float* o_pAmpere2);
+    kesEError read_response_string3_voltage_ampere(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
+                                                   float* o_pVoltage, float* o_pAmpere1, float* o_pAmpere2,
+                                                   float* o_pAmpere3);
+    kesEError read_response_string4_voltage_ampere(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
+                                                   float* o_pVoltage, float* o_pAmpere1, float* o_pAmpere2,
+                                                   float* o_pAmpere3, float* o_pAmpere4);
+    kesEError read_response_alarm_voltage_ampere(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
+                                                 float* o_pVoltage, float* o_pAmpere);
+    kesEError read_response_pulsecounter_data(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
+                                              unsigned int* o_pCount, unsigned short* o_pPeriod);
+    kesEError read_response_pulsecountertwo_data(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
+                                                 unsigned int* o_pCount1, unsigned short* o_pPeriod1,
+                                                 unsigned int* o_pCount2, unsigned short* o_pPeriod2);
+    kesEError read_response_pulsecounterfive_data(
+        kesEnergySocket* io_pChannel, unsigned short i_usAddress,
+        unsigned int* o_pCount1, unsigned short* o_pPeriod1, unsigned int* o_pSecond1,
+        unsigned int* o_pCount2, unsigned short* o_pPeriod2, unsigned int* o_pSecond2,
+        unsigned int* o_pCount3, unsigned short* o_pPeriod3, unsigned int* o_pSecond3,
+        unsigned int* o_pCount4, unsigned short* o_pPeriod4, unsigned int* o_pSecond4,
+        unsigned int* o_pCount5, unsigned short* o_pPeriod5, unsigned int* o_pSecond5);
+
+    unsigned int m_uiReceiveTimeOut;
+    unsigned int m_uiAnswerPause;
+    unsigned int m_uiFailurePause;
+};
+
+} // namespace kes
+
+#endif
