@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kes_error.h"
@@ -507,4 +508,44 @@ TEST_F(HistorySystem, StopForgetsTheParameters)
     history->SetClock(LocalMs(2015, 3, 14, 10, 5));
     history->Tick();
     EXPECT_EQ("H|10\n", Read("d"));
+}
+
+TEST_F(HistorySystem, TheTimerTicksAtTheBoundary)
+{
+    // One second before a boundary: the timer's own thread writes the files.
+    std::unique_ptr<FakeClockHistory> history(new FakeClockHistory());
+    history->RegisterParameterDouble(ENERGY, kesEnergyDeviceString, 2);
+    history->SetLocal(2015, 3, 14, 12, 4, 59);
+    history->Init(5);
+    history->SetHistoryFolder(m_dir.Path());
+    history->LetTimerTick(true);
+    ASSERT_EQ(kesErrorOk, history->Start());
+    for (int wait = 0; wait < 100 && !Exists("offset_energy_day"); ++wait)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(kesErrorOk, history->Stop());
+    EXPECT_EQ(0u, Read("d").find("H|12\n101|f|f|f|0\n"));
+}
+
+TEST_F(HistorySystem, SamplesFromOtherThreadsDuringTicks)
+{
+    auto history = Started(5, LocalMs(2015, 3, 14, 10, 0));
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> lines;
+    for (unsigned int uid : {ENERGY, VALUE, PULSE})
+        lines.emplace_back([&history, &stop, uid] {
+            for (int i = 0; i < 100000 && !stop; ++i) {
+                history->SetValueAsDouble(uid, 100 + i % 7);
+                history->SetValueAsInt(uid, i);
+            }
+        });
+    for (int tick = 1; tick <= 6; ++tick) {
+        history->SetClock(LocalMs(2015, 3, 14, 10, 5 * tick));
+        history->Tick();
+    }
+    stop = true;
+    for (std::thread& line : lines)
+        line.join();
+    const std::string day = Read("d");
+    EXPECT_EQ(0u, day.find("H|10\n101|"));
+    EXPECT_EQ(4u, static_cast<unsigned int>(std::count(day.begin(), day.end(), '\n')));
 }
