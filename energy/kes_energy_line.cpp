@@ -134,7 +134,7 @@ static_assert(sizeof(CYCLE) / sizeof(CYCLE[0]) == kesEnergyLine::ListCount, "eve
 
 kesEnergyLine::kesEnergyLine(const unsigned short& i_usId)
     : m_uiStatus(0), m_pThread(nullptr), m_usUniqueID(i_usId), m_usPort(0), m_uiReceiveTimeOut(0),
-      m_uiAnswerPause(0), m_uiFailurePause(0)
+      m_uiAnswerPause(0), m_uiFailurePause(0), m_bExitWanted(false)
 {
 }
 
@@ -273,6 +273,7 @@ kesEError kesEnergyLine::start_threads()
 
 void kesEnergyLine::term_threads()
 {
+    m_bExitWanted = true;
     {
         kesSOsMutex lock(&m_oMutex);
         m_uiStatus |= StatusStopRequested;
@@ -284,10 +285,13 @@ void kesEnergyLine::term_threads()
     }
     kesSOsMutex lock(&m_oMutex);
     m_uiStatus &= ~static_cast<unsigned int>(StatusRunning | StatusStopRequested);
+    m_bExitWanted = false;
 }
 
 bool kesEnergyLine::is_exit()
 {
+    if (m_bExitWanted)
+        return true;
     kesSOsMutex lock(&m_oMutex);
     return (m_uiStatus & StatusStopRequested) != 0;
 }

@@ -3,6 +3,8 @@
 #ifndef KES_ENERGY_LINE_H
 #define KES_ENERGY_LINE_H
 
+#include <atomic>
+
 #include "kes_enerysystem.h"
 #include "kes_error.h"
 #include "kes_event.h"
@@ -43,6 +45,8 @@ public:
 
     explicit kesEnergyLine(const unsigned short& i_usId);
     ~kesEnergyLine();
+    kesEnergyLine(const kesEnergyLine&) = delete;
+    kesEnergyLine& operator=(const kesEnergyLine&) = delete;
 
     unsigned short GetUniqueID() const;
     // Both refused while the line runs.
@@ -70,8 +74,6 @@ private:
     static int list_of_type(int i_iType);
     kesString line_text(const char* i_szWhat) const;
 
-    kesEnergyLine(const kesEnergyLine&);
-    kesEnergyLine& operator=(const kesEnergyLine&);
 
     kesEnergySystem m_oSystem;
     unsigned int m_uiStatus;
@@ -85,6 +87,10 @@ private:
     unsigned int m_uiFailurePause;
     kesArray<unsigned short> m_aDevices[ListCount];
     kesMap<unsigned short, unsigned char> m_mAlarmStatus;
+    // Raised by term_threads before it waits for the mutex: the polling thread
+    // retakes the mutex at once after a failed Reset, and a waiting stop could
+    // otherwise be starved for many passes.
+    std::atomic<bool> m_bExitWanted;
 };
 
 } // namespace Energy

@@ -143,6 +143,8 @@ public:
 
     kesEnergySystem();
     virtual ~kesEnergySystem();
+    kesEnergySystem(const kesEnergySystem&) = delete;
+    kesEnergySystem& operator=(const kesEnergySystem&) = delete;
 
     // Hooks for classes that follow discovery and addressing.
     virtual void OnDeviceFound(const kesEnergyDevice* i_pDevice);

@@ -14,8 +14,8 @@
 
 using namespace kes;
 using kes::Energy::kesEnergyLine;
-using kes::test::ErrorCapture;
-using kes::test::TestGateway;
+using kes_test::ErrorCapture;
+using kes_test::TestGateway;
 
 namespace {
 
@@ -160,6 +160,11 @@ TEST_F(EnergyLineTest, RunningLineRefusesChangesAndStopKeepsItsLists)
     EXPECT_TRUE(m_log.Contains("You must stop the line before to reset the address"));
     EXPECT_EQ(3u, m_line.GetDeviceCount());
 
+    // connected: nothing to do, and no second of sleep
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(kesErrorOk, m_line.Reset());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+
     EXPECT_EQ(kesErrorOk, m_line.Stop());
     EXPECT_EQ(3u, m_line.GetDeviceCount());
     EXPECT_EQ(kesErrorOk, m_line.AddDevice(kesEnergyDevicePanel, 100));
@@ -245,6 +250,33 @@ TEST_F(EnergyLineTest, CycleReadsEveryListInItsOrderAndASilentDeviceGetsOneError
     EXPECT_EQ(2 * errors, m_log.CountContaining("Response timeout received 0 bytes but requested 9 at address:200"));
 }
 
+TEST_F(EnergyLineTest, ChannelClosedInTheMiddleOfAListEndsTheCycleThere)
+{
+    for (unsigned short address : {100, 200, 300}) {
+        m_gateway.SetRegisters(kesEnergyDevicePanel, address, {static_cast<uint16_t>(address * 100), 250});
+        m_line.AddDevice(kesEnergyDevicePanel, address);
+    }
+    // first cycle: Panel 100 answers, the gateway drops the connection on Panel 200
+    m_gateway.PushFault(TestGateway::MakeFault(TestGateway::FaultNone));
+    m_gateway.PushFault(TestGateway::MakeFault(TestGateway::FaultClose));
+    ASSERT_EQ(kesErrorOk, m_line.Start(50, 5, 30));
+    ASSERT_TRUE(wait_for_events(5, 5000)) << m_log.Dump();
+    m_line.Stop();
+
+    std::vector<Seen> seen = seen_events();
+    const int codes[] = {kesEnergyDevicePanel, kesEnergyEventCommunicationError, kesEnergyDevicePanel,
+                         kesEnergyDevicePanel, kesEnergyDevicePanel};
+    const unsigned int addresses[] = {100, 200, 100, 200, 300};
+    for (size_t i = 0; i < 5; ++i) {
+        EXPECT_EQ(codes[i], seen[i].code) << i;
+        EXPECT_EQ(addresses[i], seen[i].address) << i;
+    }
+    EXPECT_TRUE(m_log.Contains("Received 0 bytes but requested 9 at address:200")) << m_log.Dump();
+    // the second attempt finds the channel closed
+    EXPECT_TRUE(m_log.Contains("Can not send data to the bus at address:200")) << m_log.Dump();
+    EXPECT_EQ(2u, m_gateway.GetAcceptedCount());
+}
+
 TEST_F(EnergyLineTest, GatewayLostThenBackResumesWithTheFirstPanel)
 {
     m_gateway.SetRegisters(kesEnergyDevicePanel, 100, {24000, 250});
@@ -289,6 +321,7 @@ TEST_F(EnergyLineTest, StopDuringReconnectionEndsWhenResetReturns)
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(kesErrorOk, m_line.Stop());
     auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    EXPECT_GE(waited.count(), 300) << "the second of Reset runs to its end";
     EXPECT_LT(waited.count(), 2500);
 
     m_log.Clear();

@@ -4,18 +4,20 @@
 
 #include <chrono>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "error_capture.h"
 #include "test_gateway.h"
+#include "test_process.h"
 
 using namespace kes;
-using kes::test::Bytes;
-using kes::test::ErrorCapture;
-using kes::test::Hex;
-using kes::test::TestGateway;
-using kes::test::WithCrc;
+using kes_test::Bytes;
+using kes_test::ErrorCapture;
+using kes_test::Hex;
+using kes_test::TestGateway;
+using kes_test::WithCrc;
 
 namespace {
 
@@ -239,6 +241,19 @@ std::vector<DecodeRow> decode_rows()
     };
 }
 
+void expect_decoded(const DecodeRow& i_row, const std::vector<double>& i_values)
+{
+    ASSERT_EQ(i_row.expected.size(), i_values.size());
+    // counts and periods are exact; scaled values are floats
+    bool counts = i_row.unit == 5 || i_row.unit == 8 || i_row.unit == 9;
+    for (size_t i = 0; i < i_values.size(); ++i) {
+        if (counts)
+            EXPECT_EQ(i_row.expected[i], i_values[i]) << "output " << i;
+        else
+            EXPECT_FLOAT_EQ(static_cast<float>(i_row.expected[i]), static_cast<float>(i_values[i])) << "output " << i;
+    }
+}
+
 TEST_F(EnergySystemTest, EveryReadDecodesItsRegisters)
 {
     Open();
@@ -249,15 +264,7 @@ TEST_F(EnergySystemTest, EveryReadDecodesItsRegisters)
         m_gateway.SetRegisters(row.unit, row.address, row.registers);
         std::vector<double> values;
         ASSERT_EQ(kesErrorOk, row.read(m_system, row.address, values)) << m_log.Dump();
-        ASSERT_EQ(row.expected.size(), values.size());
-        // counts and periods are exact; scaled values are floats
-        bool counts = row.unit == 5 || row.unit == 8 || row.unit == 9;
-        for (size_t i = 0; i < values.size(); ++i) {
-            if (counts)
-                EXPECT_EQ(row.expected[i], values[i]) << "output " << i;
-            else
-                EXPECT_FLOAT_EQ(static_cast<float>(row.expected[i]), static_cast<float>(values[i])) << "output " << i;
-        }
+        expect_decoded(row, values);
 
         // one request: the unit is the device type, the block starts at the bus address
         std::vector<Bytes> requests = m_gateway.GetRequests();
@@ -265,21 +272,65 @@ TEST_F(EnergySystemTest, EveryReadDecodesItsRegisters)
         Bytes expected = WithCrc({row.unit, 3, static_cast<uint8_t>(row.address >> 8),
                                   static_cast<uint8_t>(row.address & 0xFF), 0,
                                   static_cast<uint8_t>(row.registers.size())});
-        EXPECT_EQ(kes::test::ToHex(expected), kes::test::ToHex(requests[0]));
+        EXPECT_EQ(kes_test::ToHex(expected), kes_test::ToHex(requests[0]));
     }
     EXPECT_EQ(0u, m_log.Count()) << m_log.Dump();
+}
+
+// The same table against pymodbus as an RTU-over-TCP gateway: an independent
+// reading of the frames, the CRC and the register order.
+TEST(EnergySystemPymodbus, EveryReadDecodesWhatThePeerHolds)
+{
+    std::vector<DecodeRow> rows = decode_rows();
+    std::map<int, std::string> units;
+    for (const DecodeRow& row : rows) {
+        std::string& text = units[row.unit];
+        text += (text.empty() ? "" : ", ") + ("\"" + std::to_string(row.address) + "\": [");
+        for (size_t i = 0; i < row.registers.size(); ++i)
+            text += (i ? ", " : "") + std::to_string(row.registers[i]);
+        text += "]";
+    }
+    std::string json = "{";
+    for (const auto& unit : units)
+        json += (json.size() > 1 ? ", \"" : "\"") + std::to_string(unit.first) + "\": {" + unit.second + "}";
+    json += "}";
+
+    kes_test::ChildProcess peer;
+    ASSERT_TRUE(peer.Start({"/usr/bin/python3", std::string(KES_SOURCE_DIR) + "/tests/support/pymodbus_gateway.py",
+                            json}));
+    ASSERT_TRUE(peer.WaitForOutput("PORT ", 20000))
+        << "the pymodbus gateway did not start (is python3-pymodbus installed?):\n" << peer.Output();
+    std::string output = peer.Output();
+    unsigned int port = static_cast<unsigned int>(std::stoul(output.substr(output.find("PORT ") + 5)));
+
+    unsigned char savedCount = kesEnergySystem::EXECUTION_COUNT;
+    kesEnergySystem::EXECUTION_COUNT = 1;
+    {
+        ErrorCapture log;
+        kesEnergySystem system;
+        kesString address;
+        address.SetFormat(64, "127.0.0.1:%u", port);
+        ASSERT_EQ(kesErrorOk, system.OpenCommunication(address, 0, 2000, 5, 30));
+        for (const DecodeRow& row : rows) {
+            SCOPED_TRACE(row.name);
+            std::vector<double> values;
+            ASSERT_EQ(kesErrorOk, row.read(system, row.address, values)) << log.Dump();
+            expect_decoded(row, values);
+        }
+    }
+    kesEnergySystem::EXECUTION_COUNT = savedCount;
 }
 
 TEST_F(EnergySystemTest, PanelRequestAndReplyOnTheWire)
 {
     Open();
     m_gateway.SetRegisters(1, 300, {0x5DC0, 0x00FA});
-    EXPECT_EQ(kes::test::ToHex(WithCrc(Hex("01 03 04 5D C0 00 FA"))),
-              kes::test::ToHex(m_gateway.Answer(WithCrc(Hex("01 03 01 2C 00 02")))));
+    EXPECT_EQ(kes_test::ToHex(WithCrc(Hex("01 03 04 5D C0 00 FA"))),
+              kes_test::ToHex(m_gateway.Answer(WithCrc(Hex("01 03 01 2C 00 02")))));
     float voltage = 0, temperature = 0;
     ASSERT_EQ(kesErrorOk, m_system.ReadPanelVoltTemp(300, &voltage, &temperature));
     ASSERT_EQ(1u, m_gateway.GetRequestCount());
-    EXPECT_EQ(kes::test::ToHex(WithCrc(Hex("01 03 01 2C 00 02"))), kes::test::ToHex(m_gateway.GetRequests()[0]));
+    EXPECT_EQ(kes_test::ToHex(WithCrc(Hex("01 03 01 2C 00 02"))), kes_test::ToHex(m_gateway.GetRequests()[0]));
     EXPECT_FLOAT_EQ(240.00f, voltage);
     EXPECT_FLOAT_EQ(25.0f, temperature);
 }

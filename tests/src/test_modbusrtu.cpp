@@ -131,7 +131,7 @@ TEST(ModbusRtuFrame, BytesOnTheWire)
 {
     for (const FrameCase& c : FRAME_CASES)
     {
-        kes::test::ErrorCapture errors;
+        kes_test::ErrorCapture errors;
         EXPECT_EQ(hex(c.expected), hex(c.build())) << c.name;
         EXPECT_EQ(0u, errors.Count()) << c.name << "\n" << errors.Dump();
     }
@@ -352,7 +352,7 @@ TEST(ModbusRtuFrame, SetDataRefusesEmptyInput)
     kesModbusRtuWriteMultipleCoilsFrame frame;
     frame.SetData(DATA4, 4);
     Bytes before = frame_bytes(*frame.GetModbusRtuFramePtr());
-    kes::test::ErrorCapture errors;
+    kes_test::ErrorCapture errors;
     frame.SetData(nullptr, 4);
     frame.SetData(DATA4, 0);
     EXPECT_EQ(before, frame_bytes(*frame.GetModbusRtuFramePtr()));

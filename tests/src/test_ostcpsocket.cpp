@@ -13,10 +13,10 @@
 #include <unistd.h>
 
 using namespace kes;
-using kes::test::Bytes;
-using kes::test::ErrorCapture;
-using kes::test::Gate;
-using kes::test::LoopbackServer;
+using kes_test::Bytes;
+using kes_test::ErrorCapture;
+using kes_test::Gate;
+using kes_test::LoopbackServer;
 
 namespace
 {
@@ -121,10 +121,10 @@ TEST(OsTcpSocket, ReplyShapes)
         Gate done;
         LoopbackServer server;
         server.Serve([&](int fd, int) {
-            kes::test::WriteAll(fd, c.first);
+            kes_test::WriteAll(fd, c.first);
             if (c.pauseMs > 0)
                 std::this_thread::sleep_for(std::chrono::milliseconds(c.pauseMs));
-            kes::test::WriteAll(fd, c.second);
+            kes_test::WriteAll(fd, c.second);
             if (!c.peerCloses)
                 done.Wait(5000);
         });
@@ -206,7 +206,7 @@ TEST(OsTcpSocket, SendWholeBuffersAndEmptyOnes)
 {
     Bytes got;
     LoopbackServer server;
-    server.Serve([&](int fd, int) { got = kes::test::ReadFor(fd, 100000, 3000); });
+    server.Serve([&](int fd, int) { got = kes_test::ReadFor(fd, 100000, 3000); });
     kesOsTcpSocket socket;
     ASSERT_EQ(kesErrorOk, socket.Open(server.Address().c_str(), 0));
     EXPECT_EQ(0, socket.Send("", 0));
@@ -225,7 +225,7 @@ TEST(OsTcpSocket, CloseTwiceAndReopen)
     server.Serve(
         [&](int fd, int index) {
             if (index == 0)
-                firstSawEnd = kes::test::ReadFor(fd, 1, 3000).empty();
+                firstSawEnd = kes_test::ReadFor(fd, 1, 3000).empty();
         },
         3);
     ErrorCapture errors;
@@ -286,7 +286,7 @@ TEST(OsTcpSocket, FlushReceiveDropsPendingBytesAndRestoresTheTimeOut)
     Gate done;
     LoopbackServer server;
     server.Serve([&](int fd, int) {
-        kes::test::WriteAll(fd, Bytes{1, 2, 3, 4, 5});
+        kes_test::WriteAll(fd, Bytes{1, 2, 3, 4, 5});
         done.Wait(5000);
     });
     kesOsTcpSocket socket;
@@ -341,4 +341,22 @@ TEST(OsTcpSocket, ThreadsResolveNamesAtOnce)
     for (std::thread& worker : workers)
         worker.join();
     EXPECT_EQ(threads * rounds, connected.load());
+}
+
+TEST(OsTcpSocket, DescriptorAboveFdSetSize)
+{
+    Gate done;
+    LoopbackServer server;
+    server.Serve([&](int fd, int) {
+        kes_test::WriteAll(fd, Bytes{1, 2, 3});
+        done.Wait(5000);
+    });
+    kes_test::DescriptorFloor floor;
+    if (!floor.IsReached())
+        GTEST_SKIP() << "descriptor limit too low";
+    kesOsTcpSocket socket;
+    ASSERT_EQ(kesErrorOk, socket.Open(server.Address().c_str(), 0));
+    EXPECT_TRUE(socket.IsReadyToReceive(2000));
+    EXPECT_TRUE(socket.IsReadyToSend(0));
+    done.Open();
 }

@@ -2,9 +2,7 @@
 
 #include <mutex>
 
-namespace kes
-{
-namespace test
+namespace kes_test
 {
 
 namespace
@@ -14,7 +12,7 @@ std::mutex g_mutex;
 std::vector<std::string> g_records;
 std::vector<unsigned int> g_codes;
 
-void on_error(const kesError& i_error)
+void on_error(const kes::kesError& i_error)
 {
     std::lock_guard<std::mutex> lock(g_mutex);
     g_records.push_back(i_error.GetDescription());
@@ -23,17 +21,17 @@ void on_error(const kesError& i_error)
 
 } // namespace
 
-ErrorCapture::ErrorCapture() : m_uSavedLevel(kesError::Level), m_pSavedCallBack(kesError::ShowErrorCallBack)
+ErrorCapture::ErrorCapture() : m_uSavedLevel(kes::kesError::Level), m_pSavedCallBack(kes::kesError::ShowErrorCallBack)
 {
     Clear();
-    kesError::ShowErrorCallBack = on_error;
-    kesError::Level = kesErrorOutCallBack;
+    kes::kesError::ShowErrorCallBack = on_error;
+    kes::kesError::Level = kes::kesErrorOutCallBack;
 }
 
 ErrorCapture::~ErrorCapture()
 {
-    kesError::Level = m_uSavedLevel;
-    kesError::ShowErrorCallBack = m_pSavedCallBack;
+    kes::kesError::Level = m_uSavedLevel;
+    kes::kesError::ShowErrorCallBack = m_pSavedCallBack;
 }
 
 std::vector<std::string> ErrorCapture::Records() const
@@ -80,5 +78,4 @@ std::string ErrorCapture::Dump() const
     return text;
 }
 
-} // namespace test
-} // namespace kes
+} // namespace kes_test

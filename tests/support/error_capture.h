@@ -6,9 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace kes
-{
-namespace test
+namespace kes_test
 {
 
 // Routes every kesErrorLog record to a list for the lifetime of the object
@@ -34,10 +32,9 @@ public:
 
 private:
     unsigned int m_uSavedLevel;
-    void (*m_pSavedCallBack)(const kesError&);
+    void (*m_pSavedCallBack)(const kes::kesError&);
 };
 
-} // namespace test
-} // namespace kes
+} // namespace kes_test
 
 #endif

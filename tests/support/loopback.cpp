@@ -7,17 +7,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <ftw.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace kes
-{
-namespace test
+namespace kes_test
 {
 
 namespace
@@ -29,11 +28,6 @@ int remaining_ms(Clock::time_point i_deadline)
 {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(i_deadline - Clock::now()).count();
     return left > 0 ? (int)left : 0;
-}
-
-int remove_entry(const char* i_path, const struct stat*, int, struct FTW*)
-{
-    return remove(i_path);
 }
 
 } // namespace
@@ -173,19 +167,6 @@ void LoopbackServer::Join()
         m_thread.join();
 }
 
-TempDir::TempDir()
-{
-    char pattern[] = "/tmp/kes_test_XXXXXX";
-    const char* made = mkdtemp(pattern);
-    m_path = made != nullptr ? made : "";
-}
-
-TempDir::~TempDir()
-{
-    if (!m_path.empty())
-        nftw(m_path.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
-}
-
 PtyPair::PtyPair(const std::string& i_linkName) : m_master(-1)
 {
     m_linkPath = m_dir.Path() + "/" + i_linkName;
@@ -231,5 +212,39 @@ bool PtyPair::Replug()
     return open_pair();
 }
 
-} // namespace test
-} // namespace kes
+DescriptorFloor::DescriptorFloor(int i_floor) : m_reached(false)
+{
+    int floor = i_floor < 0 ? FD_SETSIZE : i_floor;
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == -1)
+        return;
+    if (limit.rlim_cur < (rlim_t)floor + 64)
+    {
+        limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, (rlim_t)floor + 64);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        getrlimit(RLIMIT_NOFILE, &limit);
+        if (limit.rlim_cur < (rlim_t)floor + 64)
+            return;
+    }
+    for (int guard = 0; guard < floor + 1; ++guard)
+    {
+        int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        if (fd == -1)
+            return;
+        if (fd >= floor)
+        {
+            close(fd);
+            m_reached = true;
+            return;
+        }
+        m_taken.push_back(fd);
+    }
+}
+
+DescriptorFloor::~DescriptorFloor()
+{
+    for (int fd : m_taken)
+        close(fd);
+}
+
+} // namespace kes_test

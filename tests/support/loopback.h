@@ -5,15 +5,15 @@
 // an ephemeral port, and a pseudo-terminal pair reachable through a symlink
 // (e.g. <temp>/dev/ttyUSB0). Every wait here is bounded.
 
+#include "test_process.h"
+
 #include <atomic>
 #include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
-namespace kes
-{
-namespace test
+namespace kes_test
 {
 
 typedef std::vector<unsigned char> Bytes;
@@ -69,20 +69,6 @@ private:
     std::atomic<int> m_accepted{0};
 };
 
-// A folder under /tmp removed with its content at the end.
-class TempDir
-{
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::string& Path() const { return m_path; }
-
-private:
-    std::string m_path;
-};
-
 // openpty pair. The test keeps the master side; the slave is opened by the
 // code under test through LinkPath(), a symlink in a temporary folder
 // (<temp>/dev/ttyUSB0 unless told otherwise). Raw mode is set by whoever
@@ -108,10 +94,27 @@ public:
 private:
     bool open_pair();
 
-    TempDir m_dir;
+    kes_test::TempDir m_dir;
     int m_master;
     std::string m_slavePath;
     std::string m_linkPath;
+};
+
+// Takes every free descriptor below i_floor (FD_SETSIZE by default), so that
+// the next descriptor opened is at or above it; gives them back at the end.
+class DescriptorFloor
+{
+public:
+    explicit DescriptorFloor(int i_floor = -1);
+    ~DescriptorFloor();
+    DescriptorFloor(const DescriptorFloor&) = delete;
+    DescriptorFloor& operator=(const DescriptorFloor&) = delete;
+    // false when the descriptor limit is too low to reach the floor
+    bool IsReached() const { return m_reached; }
+
+private:
+    std::vector<int> m_taken;
+    bool m_reached;
 };
 
 // Runs a peer procedure on a thread and joins it in the destructor.
@@ -130,7 +133,6 @@ private:
     std::thread m_thread;
 };
 
-} // namespace test
-} // namespace kes
+} // namespace kes_test
 
 #endif

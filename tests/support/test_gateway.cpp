@@ -14,8 +14,7 @@
 #include <cstdio>
 #include <cstring>
 
-namespace kes {
-namespace test {
+namespace kes_test {
 
 namespace {
 
@@ -406,5 +405,4 @@ void TestGateway::service()
     }
 }
 
-} // namespace test
-} // namespace kes
+} // namespace kes_test

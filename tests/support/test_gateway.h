@@ -17,10 +17,9 @@
 #include <thread>
 #include <vector>
 
-namespace kes {
-namespace test {
+namespace kes_test {
 
-typedef std::vector<uint8_t> Bytes;
+typedef std::vector<unsigned char> Bytes; // as in loopback.h
 
 // Modbus CRC-16, written apart from the framework's so that a test never
 // checks the frame code against itself.
@@ -122,7 +121,6 @@ private:
     bool m_running;
 };
 
-} // namespace test
-} // namespace kes
+} // namespace kes_test
 
 #endif

@@ -1,0 +1,478 @@
+#include "kes_osserialcom.h"
+
+#include "kes_time.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace kes
+{
+
+namespace
+{
+
+const unsigned int RECONNECT_PERIOD_MS = 500;
+const unsigned int RECONNECT_STACK_SIZE = 262144;
+// a line that never stops talking must not hold Flush forever
+const unsigned int FLUSH_MAX_BYTES = 65536;
+
+struct baud_row
+{
+    unsigned int code;
+    unsigned int bitsPerSecond;
+};
+
+const baud_row BAUD_TABLE[] = {
+    {B300, 300},     {B600, 600},     {B1200, 1200},   {B2400, 2400},   {B4800, 4800},
+    {B9600, 9600},   {B19200, 19200}, {B38400, 38400}, {B57600, 57600}, {B115200, 115200},
+};
+
+kesEError report(kesEError i_code, const kesString& i_message, const char* i_function, int i_line)
+{
+    return kesErrorLog(kesBuildErrorLocation(i_code, i_message, __FILE__, i_function, i_line));
+}
+
+kesString with_std_error(const kesString& i_message, int i_errno)
+{
+    kesString text(i_message);
+    text.append("\nStd Error ");
+    text.append(kesErrorStdToString(i_errno));
+    return text;
+}
+
+kesString at_device(const char* i_message, const kesString& i_device)
+{
+    kesString text(i_message);
+    text.append(i_device);
+    return text;
+}
+
+const char* const INVALID_HANDLE = "Invalid handle";
+
+} // namespace
+
+kesOsSerialCom::kesOsSerialCom(bool i_autoReconnect)
+    : m_hCom(-1),
+      m_eBaudRate(EBaudRate(~0u)),
+      m_eDataBits(EDataBits(~0u)),
+      m_eParity(EParity(~0u)),
+      m_eStopBits(EStopBits(~0u)),
+      m_eFlowControl(EFlowControl(~0u)),
+      m_bAutoReconnect(i_autoReconnect),
+      m_uBitsPerByte(0),
+      m_uMaxBytesPerSecond(0),
+      m_uState(0),
+      m_pThreadReconnect(nullptr)
+{
+}
+
+kesOsSerialCom::~kesOsSerialCom()
+{
+    if (m_pThreadReconnect != nullptr)
+    {
+        m_pThreadReconnect->Stop();
+        delete m_pThreadReconnect;
+        m_pThreadReconnect = nullptr;
+    }
+    if (Close() != kesErrorOk)
+        report(kesErrorFailed, at_device("Can not close com port ", m_sDevice), "~kesOsSerialCom", __LINE__);
+}
+
+kesEError kesOsSerialCom::Open(const kesString& i_device, const EBaudRate& i_baudRate, const EDataBits& i_dataBits,
+                               const EParity& i_parity, const EStopBits& i_stopBits,
+                               const EFlowControl& i_flowControl)
+{
+    kesEError result = Close();
+    if (result != kesErrorOk)
+        return report(result, "Can not close device", "Open", __LINE__);
+
+    kesSOsMutex lock(&m_mMutex);
+    // copies first: the arguments may be this object's own fields (reconnect)
+    kesString device(i_device);
+    EBaudRate baudRate = i_baudRate;
+    m_sDevice = device;
+    m_eBaudRate = baudRate;
+    m_eDataBits = i_dataBits;
+    m_eParity = i_parity;
+    m_eStopBits = i_stopBits;
+    m_eFlowControl = i_flowControl;
+
+    int handle = open(device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (handle == -1)
+    {
+        int error = errno;
+        on_reopen();
+        return report(kesErrorFailed, with_std_error(at_device("open(...) == -1 at ", device), error), "Open", __LINE__);
+    }
+    m_hCom = handle;
+
+    termios settings;
+    memset(&settings, 0, sizeof(settings));
+    settings.c_cflag = m_eDataBits | m_eParity | m_eStopBits | CLOCAL | CREAD;
+    if (m_eFlowControl == FlowControlHardware)
+        settings.c_cflag |= CRTSCTS;
+    settings.c_iflag = m_eFlowControl == FlowControlSoftware ? (IXON | IXOFF) : 0;
+    settings.c_cc[VMIN] = 1;
+    settings.c_cc[VTIME] = 0;
+
+    if (cfsetospeed(&settings, baudRate) == -1)
+    {
+        int error = errno;
+        on_reopen();
+        return report(kesErrorFailed, with_std_error(at_device("cfsetospeed(...) == -1 at ", device), error), "Open",
+                      __LINE__);
+    }
+    if (tcsetattr(m_hCom, TCSANOW, &settings) == -1)
+    {
+        int error = errno;
+        on_reopen();
+        return report(kesErrorFailed, with_std_error(at_device("tcsetattr(...) == -1 at ", device), error), "Open",
+                      __LINE__);
+    }
+
+    // start bit and data bits, then parity and stop bits
+    unsigned char bits = 0;
+    switch (m_eDataBits & CSIZE)
+    {
+    case CS5:
+        bits = 6;
+        break;
+    case CS6:
+        bits = 7;
+        break;
+    case CS7:
+        bits = 8;
+        break;
+    default:
+        bits = 9;
+        break;
+    }
+    if (m_eParity != 0)
+        ++bits;
+    bits += (m_eStopBits & CSTOPB) != 0 ? 2 : 1;
+    m_uBitsPerByte = bits;
+    for (const baud_row& row : BAUD_TABLE)
+        if (row.code == (unsigned int)baudRate)
+            m_uMaxBytesPerSecond = row.bitsPerSecond / bits;
+
+    OnConnectionOpen();
+    return kesErrorOk;
+}
+
+kesEError kesOsSerialCom::Close()
+{
+    kesSOsMutex lock(&m_mMutex);
+    if (m_hCom == -1)
+        return kesErrorOk;
+    int result = close(m_hCom);
+    int error = errno;
+    // Linux releases the descriptor even when close fails: it must not be closed again
+    m_hCom = -1;
+    if (result == -1)
+        return report(kesErrorFailed, with_std_error(at_device("close(m_hCom) == -1 at device ", m_sDevice), error),
+                      "Close", __LINE__);
+    OnConnectionClose();
+    return kesErrorOk;
+}
+
+bool kesOsSerialCom::IsValid() const
+{
+    kesSOsMutex lock(&m_mMutex);
+    return m_hCom != -1;
+}
+
+int kesOsSerialCom::Send(const void* i_pData, const unsigned int& i_length)
+{
+    int handle = -1;
+    unsigned int bytesPerSecond = 0;
+    {
+        kesSOsMutex lock(&m_mMutex);
+        handle = m_hCom;
+        bytesPerSecond = m_uMaxBytesPerSecond;
+    }
+    if (handle == -1)
+    {
+        report(kesErrorFailed, INVALID_HANDLE, "Send", __LINE__);
+        return -1;
+    }
+    ssize_t written = write(handle, i_pData, i_length);
+    if (written == -1)
+    {
+        int error = errno;
+        if (error == EAGAIN)
+            return -2;
+        report(kesErrorFailed, with_std_error("write(...) == -1", error), "Send", __LINE__);
+        if (error == EIO)
+        {
+            on_reopen();
+            return -3;
+        }
+        return -1;
+    }
+    // the caller reads the echo next, so it waits until the whole frame is on the line
+    if (bytesPerSecond != 0)
+        kesOsThread::SleepMicro((unsigned int)((long double)i_length / bytesPerSecond * 1000000.0L));
+    return (int)written;
+}
+
+int kesOsSerialCom::Receive(void* o_pData, const unsigned int& i_length)
+{
+    int handle = -1;
+    {
+        kesSOsMutex lock(&m_mMutex);
+        handle = m_hCom;
+    }
+    if (handle == -1)
+    {
+        report(kesErrorFailed, INVALID_HANDLE, "Receive", __LINE__);
+        return -1;
+    }
+    ssize_t got = read(handle, o_pData, i_length);
+    if (got == -1)
+    {
+        int error = errno;
+        if (error == EAGAIN)
+            return -2;
+        report(kesErrorFailed, with_std_error("read(...) == -1", error), "Receive", __LINE__);
+        if (error == EIO)
+        {
+            on_reopen();
+            return -3;
+        }
+        return -1;
+    }
+    return (int)got;
+}
+
+int kesOsSerialCom::Receive(void* o_pData, const unsigned int& i_length, const unsigned int& i_pause,
+                            const unsigned long& i_timeOut)
+{
+    if (!IsValid())
+    {
+        report(kesErrorFailed, INVALID_HANDLE, "Receive", __LINE__);
+        return -1;
+    }
+    if (i_length == 0)
+        return 0;
+    unsigned char* data = static_cast<unsigned char*>(o_pData);
+    unsigned int remaining = i_length;
+    unsigned int start = kesTime::GetTime();
+    for (;;)
+    {
+        int got = Receive(data + (i_length - remaining), remaining);
+        if (got == -1 || got == -3)
+            break;
+        if (got > 0)
+        {
+            remaining -= (unsigned int)got;
+            if (remaining == 0)
+                return (int)i_length;
+        }
+        kesOsThread::SleepMs(i_pause);
+        if ((unsigned long)(kesTime::GetTime() - start) > i_timeOut)
+            break;
+    }
+    return (int)(i_length - remaining);
+}
+
+int kesOsSerialCom::Flush()
+{
+    int handle = -1;
+    {
+        kesSOsMutex lock(&m_mMutex);
+        handle = m_hCom;
+    }
+    if (handle == -1)
+    {
+        report(kesErrorFailed, INVALID_HANDLE, "Flush", __LINE__);
+        return -1;
+    }
+    if (tcflush(handle, TCIOFLUSH) == -1)
+    {
+        report(kesErrorFailed, with_std_error("Can not flush serial", errno), "Flush", __LINE__);
+        return -1;
+    }
+    return 0;
+}
+
+kesEError kesOsSerialCom::Flush(const unsigned int& i_pause, const unsigned long& i_timeOut)
+{
+    for (unsigned int dropped = 0; dropped < FLUSH_MAX_BYTES; ++dropped)
+    {
+        unsigned char byte = 0;
+        int got = Receive(&byte, 1, i_pause, i_timeOut);
+        if (got < 0)
+            return report(kesErrorFailed, "Communication error", "Flush", __LINE__);
+        if (got == 0)
+            break;
+    }
+    return kesErrorOk;
+}
+
+bool kesOsSerialCom::IsReadyToReceive(unsigned int i_milliseconds) const
+{
+    int handle = -1;
+    {
+        kesSOsMutex lock(&m_mMutex);
+        handle = m_hCom;
+    }
+    if (handle == -1)
+    {
+        report(kesErrorFailed, INVALID_HANDLE, "IsReadyToReceive", __LINE__);
+        return false;
+    }
+    // poll has no FD_SETSIZE limit on the descriptor, unlike select
+    pollfd entry = {handle, POLLIN, 0};
+    int timeout = i_milliseconds > 0x7FFFFFFF ? 0x7FFFFFFF : (int)i_milliseconds;
+    int result = poll(&entry, 1, timeout);
+    if (result == -1)
+    {
+        report(kesErrorFailed, with_std_error("select(...) failed", errno), "IsReadyToReceive", __LINE__);
+        return false;
+    }
+    return result > 0 && (entry.revents & POLLIN) != 0;
+}
+
+kesEError kesOsSerialCom::get_modem_line(int i_line, unsigned char* o_pValue, const char* i_function) const
+{
+    if (o_pValue == nullptr)
+        return report(kesErrorInvalidArgument, "o_pVal == 0", i_function, __LINE__);
+    kesSOsMutex lock(&m_mMutex);
+    if (m_hCom == -1)
+        return report(kesErrorFailed, INVALID_HANDLE, i_function, __LINE__);
+    int lines = 0;
+    if (ioctl(m_hCom, TIOCMGET, &lines) == -1)
+        return report(kesErrorFailed, with_std_error(at_device("ioctl(...) == -1 at ", m_sDevice), errno), i_function,
+                      __LINE__);
+    *o_pValue = (lines & i_line) != 0 ? 1 : 0;
+    return kesErrorOk;
+}
+
+kesEError kesOsSerialCom::set_modem_line(int i_line, unsigned char i_value, const char* i_function)
+{
+    kesSOsMutex lock(&m_mMutex);
+    if (m_hCom == -1)
+        return report(kesErrorFailed, INVALID_HANDLE, i_function, __LINE__);
+    int lines = 0;
+    if (ioctl(m_hCom, TIOCMGET, &lines) == -1)
+        return report(kesErrorFailed, with_std_error(at_device("ioctl(...) == -1 at ", m_sDevice), errno), i_function,
+                      __LINE__);
+    lines = i_value != 0 ? (lines | i_line) : (lines & ~i_line);
+    if (ioctl(m_hCom, TIOCMSET, &lines) == -1)
+        return report(kesErrorFailed, with_std_error(at_device("ioctl(...) == -1 at ", m_sDevice), errno), i_function,
+                      __LINE__);
+    return kesErrorOk;
+}
+
+kesEError kesOsSerialCom::SetRTS(unsigned char i_value)
+{
+    return set_modem_line(TIOCM_RTS, i_value, "SetRTS");
+}
+
+kesEError kesOsSerialCom::SetDTR(unsigned char i_value)
+{
+    return set_modem_line(TIOCM_DTR, i_value, "SetDTR");
+}
+
+kesEError kesOsSerialCom::GetRTS(unsigned char* o_pValue) const
+{
+    return get_modem_line(TIOCM_RTS, o_pValue, "GetRTS");
+}
+
+kesEError kesOsSerialCom::GetDTR(unsigned char* o_pValue) const
+{
+    return get_modem_line(TIOCM_DTR, o_pValue, "GetDTR");
+}
+
+bool kesOsSerialCom::GetAutoReconnect() const
+{
+    kesSOsMutex lock(&m_mMutex);
+    return m_bAutoReconnect;
+}
+
+unsigned char kesOsSerialCom::GetBitsPerByte() const
+{
+    kesSOsMutex lock(&m_mMutex);
+    return m_uBitsPerByte;
+}
+
+unsigned int kesOsSerialCom::GetMaxBytesPerSecond() const
+{
+    kesSOsMutex lock(&m_mMutex);
+    return m_uMaxBytesPerSecond;
+}
+
+unsigned int kesOsSerialCom::GetReceiveWaitTime(unsigned int i_bytes) const
+{
+    unsigned int bytesPerSecond = GetMaxBytesPerSecond();
+    if (bytesPerSecond == 0)
+        return 0;
+    return (unsigned int)((long double)i_bytes / bytesPerSecond * 1000.0L);
+}
+
+void kesOsSerialCom::on_reopen()
+{
+    kesSOsMutex lock(&m_mMutex);
+    // the reconnect thread's own failures land here too: the bit keeps it from waiting for itself
+    if (!m_bAutoReconnect || (m_uState & STATE_RECONNECTING) != 0)
+        return;
+    if (Close() != kesErrorOk)
+        report(kesErrorFailed, at_device("Can not close serial ", m_sDevice), "on_reopen", __LINE__);
+    m_uState |= STATE_RECONNECTING;
+
+    // an earlier thread has cleared the bit, so it is past its last use of the mutex
+    if (m_pThreadReconnect != nullptr)
+    {
+        m_pThreadReconnect->Stop();
+        delete m_pThreadReconnect;
+        m_pThreadReconnect = nullptr;
+    }
+    m_pThreadReconnect = new (std::nothrow) kesOsThread(thread_reconnect, this, false);
+    if (m_pThreadReconnect == nullptr)
+    {
+        m_uState &= ~STATE_RECONNECTING;
+        report(kesErrorInvalidPointer, "m_pThreadReconnect == 0", "on_reopen", __LINE__);
+        return;
+    }
+    if (!m_pThreadReconnect->Start(RECONNECT_STACK_SIZE))
+    {
+        delete m_pThreadReconnect;
+        m_pThreadReconnect = nullptr;
+        m_uState &= ~STATE_RECONNECTING;
+        report(kesErrorFailed, "Can not start reconnect thread", "on_reopen", __LINE__);
+    }
+}
+
+void kesOsSerialCom::thread_reconnect(kesOsThread* i_pThread, void* i_pArgument)
+{
+    kesOsSerialCom* self = static_cast<kesOsSerialCom*>(i_pArgument);
+    while (i_pThread->WaitContinue(RECONNECT_PERIOD_MS))
+    {
+        kesString device;
+        EBaudRate baudRate;
+        EDataBits dataBits;
+        EParity parity;
+        EStopBits stopBits;
+        EFlowControl flowControl;
+        {
+            kesSOsMutex lock(&self->m_mMutex);
+            device = self->m_sDevice;
+            baudRate = self->m_eBaudRate;
+            dataBits = self->m_eDataBits;
+            parity = self->m_eParity;
+            stopBits = self->m_eStopBits;
+            flowControl = self->m_eFlowControl;
+        }
+        if (self->Open(device, baudRate, dataBits, parity, stopBits, flowControl) == kesErrorOk)
+            break;
+    }
+    kesSOsMutex lock(&self->m_mMutex);
+    self->m_uState &= ~STATE_RECONNECTING;
+}
+
+} // namespace kes
