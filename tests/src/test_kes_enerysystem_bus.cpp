@@ -12,13 +12,13 @@
 #include "test_gateway_bus.h"
 
 using namespace kes;
-using kes::test::Bytes;
-using kes::test::ErrorCapture;
-using kes::test::Hex;
-using kes::test::TestBusGateway;
-using kes::test::TestGateway;
-using kes::test::ToHex;
-using kes::test::WithCrc;
+using kes_test::Bytes;
+using kes_test::ErrorCapture;
+using kes_test::Hex;
+using kes_test::TestBusGateway;
+using kes_test::TestGateway;
+using kes_test::ToHex;
+using kes_test::WithCrc;
 
 namespace {
 

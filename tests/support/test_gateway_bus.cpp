@@ -1,7 +1,6 @@
 #include "test_gateway_bus.h"
 
-namespace kes {
-namespace test {
+namespace kes_test {
 
 namespace {
 
@@ -341,5 +340,4 @@ Bytes TestBusGateway::write_registers(const Bytes& i_request, bool* o_taken)
     return Bytes();
 }
 
-} // namespace test
-} // namespace kes
+} // namespace kes_test

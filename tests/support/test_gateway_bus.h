@@ -27,8 +27,7 @@
 #include <string>
 #include <vector>
 
-namespace kes {
-namespace test {
+namespace kes_test {
 
 class TestBusGateway : public TestGateway {
 public:
@@ -93,7 +92,6 @@ private:
     std::vector<Device> m_devices;
 };
 
-} // namespace test
-} // namespace kes
+} // namespace kes_test
 
 #endif
