@@ -177,7 +177,8 @@ void kesEnergyDavisMeteo::thread_proc(kesOsThread* i_pThread, void* i_pClient)
                 record.push_back(byte);
             }
         }
-    } while (i_pThread->WaitContinue(client->m_uBytePause));
+        // No pause means none: WaitContinue(0) would wait for the stop itself.
+    } while (client->m_uBytePause == 0 ? !client->is_exit() : i_pThread->WaitContinue(client->m_uBytePause));
 }
 
 void kesEnergyDavisMeteo::OnData(const kesString& i_data)

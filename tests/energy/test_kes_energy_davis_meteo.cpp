@@ -140,6 +140,7 @@ struct StreamCase {
     std::string stream;
     Texts records;             // as handed to OnData
     std::vector<Texts> values; // the values each record put in the files, or DROPPED
+    unsigned int pause = 1;    // between two bytes, in milliseconds
 };
 
 std::ostream& operator<<(std::ostream& out, const StreamCase& c)
@@ -184,6 +185,8 @@ const StreamCase STREAM_CASES[] = {
      "<1,2," + ZERO + ",3.4,21.5,56,0.3,412,0.0,9,10,23.1,1013.2>",
      {"1|2|" + ZERO + "|3.4|21.5|56|0.3|412|0.0|9|10|23.1|1013.2"},
      {{ZERO, "3.4", "21.5", "56", "0.3", "412", "0.0", "23.1", "1013.2"}}},
+    // found by fuzzing: the reader stopped after the first byte
+    {"no_pause", "<" + GOOD + "><" + OTHER + ">", {GOOD_RECORD, OTHER}, {GOOD_VALUES, OTHER_VALUES}, 0},
 };
 
 class DavisMeteoStream : public ::testing::TestWithParam<StreamCase> {};
@@ -194,7 +197,7 @@ TEST_P(DavisMeteoStream, CutsRecordsAndWritesFiles)
     TempDir folder;
     std::string before = LocalStamp();
     StationFeeder feeder(c.stream);
-    RecordingMeteo meteo(1);
+    RecordingMeteo meteo(c.pause);
     meteo.SetAddress(feeder.Address(), 0);
     meteo.SetHistoryFolder(folder.Path().c_str());
     ASSERT_EQ(meteo.Start(), kes::kesErrorOk);

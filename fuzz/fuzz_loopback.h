@@ -1,0 +1,94 @@
+// The peer of the fuzz targets whose code reads from a TCP gateway: a
+// listener on 127.0.0.1 that serves each input on a fresh connection and then
+// stops writing, so the reader gets the bytes and then the end of the stream,
+// never a time-out to wait for.
+#ifndef KES_FUZZ_LOOPBACK_H
+#define KES_FUZZ_LOOPBACK_H
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+
+namespace kes_fuzz {
+
+class Listener {
+public:
+    Listener() : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), m_port(0)
+    {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof(address);
+        if (m_fd < 0 || bind(m_fd, reinterpret_cast<sockaddr*>(&address), size) != 0 || listen(m_fd, 4) != 0 ||
+            getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+            abort();
+        m_port = ntohs(address.sin_port);
+    }
+    ~Listener() { close(m_fd); }
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
+
+    unsigned short Port() const { return m_port; }
+
+    // The connection the code under test has just made; -1 when none came.
+    int Accept() const
+    {
+        pollfd entry = {m_fd, POLLIN, 0};
+        if (poll(&entry, 1, 5000) != 1)
+            return -1;
+        return accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC);
+    }
+
+private:
+    int m_fd;
+    unsigned short m_port;
+};
+
+// Writes the bytes and ends the stream; what the reader sends stays unread.
+inline bool Serve(int i_fd, const uint8_t* i_data, size_t i_size)
+{
+    while (i_size > 0) {
+        ssize_t written = send(i_fd, i_data, i_size, MSG_NOSIGNAL);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return false;
+        i_data += written;
+        i_size -= static_cast<size_t>(written);
+    }
+    return shutdown(i_fd, SHUT_WR) == 0;
+}
+
+// Waits, at most i_timeoutMs, until the reader has closed its end.
+inline bool AwaitClose(int i_fd, int i_timeoutMs)
+{
+    unsigned char sink[512];
+    for (;;) {
+        pollfd entry = {i_fd, POLLIN, 0};
+        if (poll(&entry, 1, i_timeoutMs) != 1)
+            return false;
+        ssize_t got = recv(i_fd, sink, sizeof(sink), 0);
+        if (got <= 0)
+            return true;
+    }
+}
+
+// Closes with a reset: thousands of connections a second leave no TIME_WAIT
+// behind to run out of ports.
+inline void Abort(int i_fd)
+{
+    linger option = {1, 0};
+    setsockopt(i_fd, SOL_SOCKET, SO_LINGER, &option, sizeof(option));
+    close(i_fd);
+}
+
+} // namespace kes_fuzz
+
+#endif
