@@ -18,6 +18,20 @@
 
 namespace kes_fuzz {
 
+// The fuzzer's own time-out ticks with SIGALRM: a wait cut short by it goes on.
+inline bool WaitReadable(int i_fd, int i_timeoutMs)
+{
+    for (int waited = 0; waited < i_timeoutMs; waited += 100) {
+        pollfd entry = {i_fd, POLLIN, 0};
+        int ready = poll(&entry, 1, 100);
+        if (ready == 1)
+            return true;
+        if (ready < 0 && errno != EINTR)
+            return false;
+    }
+    return false;
+}
+
 class Listener {
 public:
     Listener() : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), m_port(0)
@@ -40,8 +54,7 @@ public:
     // The connection the code under test has just made; -1 when none came.
     int Accept() const
     {
-        pollfd entry = {m_fd, POLLIN, 0};
-        if (poll(&entry, 1, 5000) != 1)
+        if (!WaitReadable(m_fd, 5000))
             return -1;
         return accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC);
     }
@@ -71,11 +84,10 @@ inline bool AwaitClose(int i_fd, int i_timeoutMs)
 {
     unsigned char sink[512];
     for (;;) {
-        pollfd entry = {i_fd, POLLIN, 0};
-        if (poll(&entry, 1, i_timeoutMs) != 1)
+        if (!WaitReadable(i_fd, i_timeoutMs))
             return false;
         ssize_t got = recv(i_fd, sink, sizeof(sink), 0);
-        if (got <= 0)
+        if (got == 0 || (got < 0 && errno != EINTR))
             return true;
     }
 }

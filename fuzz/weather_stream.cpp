@@ -68,8 +68,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (peer < 0 || !kes_fuzz::Serve(peer, data, size))
         abort();
     // The reader closes its end once it has read the end of the stream: by
-    // then every byte has been through the cutter.
-    if (!kes_fuzz::AwaitClose(peer, 5000))
+    // then every byte has been through the cutter. A reader that never gets
+    // there is a hang, which the fuzzer's own time-out reports first.
+    if (!kes_fuzz::AwaitClose(peer, 60000))
         abort();
     meteo.Stop();
     kes_fuzz::Abort(peer);
