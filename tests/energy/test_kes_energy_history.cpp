@@ -3,11 +3,11 @@
 #include <unistd.h>
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "error_capture.h"
 #include "kes_error.h"
 #include "kes_history_fake.h"
 #include "test_process.h"
@@ -19,33 +19,11 @@ using namespace kes;
 
 namespace {
 
-std::mutex g_logMutex;
-std::vector<std::string> g_log;
-
-void CaptureLog(const kesError& error)
-{
-    std::lock_guard<std::mutex> lock(g_logMutex);
-    g_log.push_back(error.GetDescription());
-}
-
 // Parameters of the examples: an energy, a value and a pulse parameter.
 const unsigned int ENERGY = 101, VALUE = 201, PULSE = 301;
 
 class HistorySystem : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        m_level = kesError::Level;
-        kesError::Level = kesErrorOutCallBack;
-        kesError::ShowErrorCallBack = CaptureLog;
-        g_log.clear();
-    }
-    void TearDown() override
-    {
-        kesError::Level = m_level;
-        kesError::ShowErrorCallBack = nullptr;
-    }
-
     // A store on the test's folder with N minutes, started at the given local time.
     std::unique_ptr<FakeClockHistory> Started(unsigned int minutes, unsigned long long at, bool example = true)
     {
@@ -93,17 +71,10 @@ protected:
 
     std::string Read(const std::string& name) const { return kes_test::ReadFile(m_dir.File(name)); }
     bool Exists(const std::string& name) const { return access(m_dir.File(name).c_str(), F_OK) == 0; }
-    static bool Logged(const std::string& text)
-    {
-        std::lock_guard<std::mutex> lock(g_logMutex);
-        for (const std::string& record : g_log)
-            if (record.find(text) != std::string::npos)
-                return true;
-        return false;
-    }
+    bool Logged(const std::string& text) const { return m_log.Contains(text); }
 
+    kes_test::ErrorCapture m_log;
     kes_test::TempDir m_dir;
-    unsigned int m_level = 0;
 };
 
 } // namespace
@@ -133,10 +104,10 @@ TEST_F(HistorySystem, InitRoundsUpToADivisorOfTheHour)
         unsigned int minutes;
         bool notice;
     } cases[] = {{1, 1, false},  {5, 5, false},  {12, 12, false}, {60, 60, false}, {7, 10, true},
-                 {25, 30, true}, {61, 60, true}, {0, 1, true},     {45, 60, true}};
+                 {25, 30, true}, {61, 60, true}, {0, 60, true},    {45, 60, true}};
     FakeClockHistory history;
     for (const auto& c : cases) {
-        g_log.clear();
+        m_log.Clear();
         EXPECT_EQ(kesErrorOk, history.Init(c.requested));
         EXPECT_EQ(c.minutes * 60000, history.GetExpiredTime()) << c.requested;
         const std::string notice = "History Time set to " + std::to_string(c.minutes) + " minutes";
@@ -426,7 +397,7 @@ TEST_F(HistorySystem, OffsetFilesAreReadAsWritten)
         {"no files", nullptr, nullptr, "14\n101|0.00\n", "301|0.00\n", true},
     };
     for (const auto& c : cases) {
-        g_log.clear();
+        m_log.Clear();
         unlink(m_dir.File("offset_energy_day").c_str());
         unlink(m_dir.File("offset_pulse").c_str());
         if (c.energyFile)
