@@ -6,7 +6,7 @@
 namespace kes
 {
 
-enum kesEModbusFunctionCode
+enum kesEModbusFunctionCode : unsigned int
 {
     kesModbusFunctionReadCoils = 1,
     kesModbusFunctionReadDiscreteInputs = 2,

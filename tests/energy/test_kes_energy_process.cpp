@@ -14,14 +14,14 @@ using kes_test::TempDir;
 
 namespace {
 
-const char* const HELP =
-    "\nKes. Energy Command Help\n"
-    "-conf configuration file ------ [e.g - \"/data/conf.xml\" or \"./conf.xml\"]\n"
-    "-dir data directory ----------- [e.g - \"/data\" or \"./data\"]\n"
-    "-history History time --------- [e.g - save data every minute, possible values are 1-2-3-4-5-6-10-12-15-20-30-60]\n"
-    "-version appliation version --- [e.g - 1.0.0]\n"
-    "-fversion fremwork version ---- [e.g - 1.0.0]\n"
-    "-log log file name ------------ [file application log]\n\n";
+const char* const HELP = "\nKes. Energy Command Help\n"
+                         "-conf configuration file ------ [e.g - \"/data/conf.xml\" or \"./conf.xml\"]\n"
+                         "-dir data directory ----------- [e.g - \"/data\" or \"./data\"]\n"
+                         "-history History time --------- [e.g - save data every minute, possible values are "
+                         "1-2-3-4-5-6-10-12-15-20-30-60]\n"
+                         "-version appliation version --- [e.g - 1.0.0]\n"
+                         "-fversion fremwork version ---- [e.g - 1.0.0]\n"
+                         "-log log file name ------------ [file application log]\n\n";
 
 struct RunCase {
     std::vector<std::string> args;
@@ -76,9 +76,9 @@ TEST(DaemonHelp, IsExactlyTheHelpText)
 
 TEST(DaemonHistoryTime, RoundsUpToADivisorOfSixty)
 {
-    const unsigned long cases[][2] = {{1, 1},   {5, 5},   {7, 10},   {9, 10},  {11, 12}, {13, 15}, {16, 20},
-                                      {21, 30}, {31, 60}, {59, 60},  {60, 60}, {61, 60}, {200, 60},
-                                      {257, 1}, {300, 60}, {0, 60}, {256, 60}};
+    const unsigned long cases[][2] = {{1, 1},    {5, 5},   {7, 10},   {9, 10},  {11, 12}, {13, 15},
+                                      {16, 20},  {21, 30}, {31, 60},  {59, 60}, {60, 60}, {61, 60},
+                                      {200, 60}, {257, 1}, {300, 60}, {0, 60},  {256, 60}};
     for (const auto& c : cases)
         EXPECT_EQ(kes::Energy::kesHistoryTimeFromValue(c[0]), c[1]) << c[0];
 }
@@ -95,6 +95,19 @@ TEST(DaemonLog, RecordsGoToTheLogFileToo)
     EXPECT_EQ(log.find("\x1b["), std::string::npos);
 }
 
+// Whether the process has a handler for SIGTERM yet, polled for at most two seconds.
+bool CatchesSigterm(pid_t pid)
+{
+    for (int i = 0; i < 2000; ++i) {
+        std::string status = kes_test::ReadFile("/proc/" + std::to_string(pid) + "/status");
+        size_t at = status.find("SigCgt:");
+        if (at != std::string::npos && (std::stoull(status.substr(at + 7), nullptr, 16) & (1ull << (SIGTERM - 1))))
+            return true;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return false;
+}
+
 TEST(DaemonSigterm, StopsTheWaitingDaemonWithinASecond)
 {
     TempDir dir;
@@ -102,15 +115,17 @@ TEST(DaemonSigterm, StopsTheWaitingDaemonWithinASecond)
     for (int delayMs : {0, 300}) {
         ChildProcess child;
         ASSERT_TRUE(child.Start({BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir", dir.Path()}));
-        // The first case sends at once, while the daemon is still starting.
-        std::this_thread::sleep_for(std::chrono::milliseconds(delayMs ? delayMs : 5));
+        // The first case sends as soon as the handler exists, while the daemon is still starting.
+        if (delayMs)
+            std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+        else
+            ASSERT_TRUE(CatchesSigterm(child.Pid()));
         auto sent = std::chrono::steady_clock::now();
         child.Signal(SIGTERM);
         EXPECT_EQ(child.Wait(3000), 0) << child.Output();
         auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - sent);
         EXPECT_LT(took.count(), 1000);
-        EXPECT_NE(child.Output().find("Info : [EXIT SUCCESS][FILE:energy/main.cpp][FUNCTION:main]"),
-                  std::string::npos)
+        EXPECT_NE(child.Output().find("Info : [EXIT SUCCESS][FILE:energy/main.cpp][FUNCTION:main]"), std::string::npos)
             << child.Output();
     }
 }

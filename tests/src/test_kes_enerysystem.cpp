@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "error_capture.h"
+#include "loopback.h"
 #include "test_gateway.h"
 #include "test_process.h"
 
@@ -424,40 +425,59 @@ TEST_F(EnergySystemTest, EveryReplyShapeEndsAtItsCheckWithItsPause)
     }
 }
 
-TEST_F(EnergySystemTest, FailureTextsOfTheWrapper)
+// On a serial line the adapter echoes every frame, a short reply is a count
+// rather than a time-out, and a missing echo ends the exchange at the send.
+TEST(EnergySystemSerial, ReplyShapesOnAnEchoingLine)
 {
-    Open();
     struct Row {
-        const char* text;
-        std::function<kesEError()> read;
+        const char* name;
+        bool echo;
+        const char* reply;
+        const char* text; // empty: success
     };
-    float f = 0;
-    unsigned int c = 0;
-    unsigned short p = 0;
     const Row rows[] = {
-        {"Can not voltage and ampere at address:300", [&] { return m_system.ReadStringVoltAmpere(300, &f, &f); }},
-        {"Can not voltage and ampere at address:300", [&] { return m_system.ReadStringOneVoltAmpere(300, &f, &f); }},
-        {"Can not voltage and ampere at address:300",
-         [&] { return m_system.ReadStringTwoVoltAmpere(300, &f, &f, &f); }},
-        {"Can not voltage and ampere at address:300",
-         [&] { return m_system.ReadStringThreeVoltAmpere(300, &f, &f, &f, &f); }},
-        {"Can not voltage and ampere at address:300",
-         [&] { return m_system.ReadStringFourVoltAmpere(300, &f, &f, &f, &f, &f); }},
-        {"Can not voltage and ampere at address:300", [&] { return m_system.ReadAlarmVoltAmpere(300, &f, &f); }},
-        {"Can not get data at address:300", [&] { return m_system.ReadPulseCounterData(300, &c, &p); }},
-        {"Can not get data at address:300", [&] { return m_system.ReadPulseCounterTwoData(300, &c, &p, &c, &p); }},
-        {"Can not get data at address:300",
-         [&] {
-             return m_system.ReadPulseCounterFiveData(300, &c, &p, &c, &c, &p, &c, &c, &p, &c, &c, &p, &c, &c, &p, &c);
-         }},
+        {"echo and reply", true, "01 03 04 5D C0 00 FA", ""},
+        {"no echo", false, "", "Can not send data to the bus at address:300"},
+        {"echo, then 5 of 9 bytes", true, "01 03 04 5D C0", "Received 5 bytes but requested 9 at address:300"},
+        {"echo, then nothing", true, "", "Received 0 bytes but requested 9 at address:300"},
     };
+    kes_test::PtyPair pty;
+    ASSERT_TRUE(pty.IsValid());
+    unsigned char savedCount = kesEnergySystem::EXECUTION_COUNT;
+    kesEnergySystem::EXECUTION_COUNT = 1;
+    ErrorCapture log;
+    kesEnergySystem system;
+    ASSERT_EQ(kesErrorOk, system.OpenCommunication(pty.LinkPath().c_str(), 0, 300, 5, 30)) << log.Dump();
+    const Bytes request = WithCrc(Hex("01 03 01 2C 00 02"));
     for (const Row& row : rows) {
-        m_log.Clear();
-        EXPECT_EQ(kesErrorFailed, row.read());
-        std::vector<std::string> records = m_log.Records();
-        ASSERT_EQ(2u, records.size()) << m_log.Dump();
-        EXPECT_NE(std::string::npos, records[1].find(row.text)) << records[1];
+        SCOPED_TRACE(row.name);
+        log.Clear();
+        Bytes seen;
+        kes_test::PeerThread peer([&] {
+            seen = kes_test::ReadFor(pty.Master(), request.size(), 3000);
+            if (row.echo)
+                kes_test::WriteAll(pty.Master(), seen);
+            Bytes reply = Hex(row.reply);
+            if (reply.size() == 7)
+                reply = WithCrc(reply);
+            if (!reply.empty())
+                kes_test::WriteAll(pty.Master(), reply);
+        });
+        float voltage = -1;
+        kesEError result = system.ReadPanelVoltTemp(300, &voltage, nullptr);
+        peer.Join();
+        EXPECT_EQ(kes_test::ToHex(request), kes_test::ToHex(seen));
+        if (!*row.text) {
+            EXPECT_EQ(kesErrorOk, result) << log.Dump();
+            EXPECT_FLOAT_EQ(240.0f, voltage);
+        } else {
+            EXPECT_EQ(kesErrorFailed, result);
+            EXPECT_TRUE(log.Contains(row.text)) << log.Dump();
+            EXPECT_FALSE(log.Contains("Response timeout")) << log.Dump();
+        }
+        EXPECT_TRUE(system.IsConnected());
     }
+    kesEnergySystem::EXECUTION_COUNT = savedCount;
 }
 
 // ---------------------------------------------------------------- attempts
@@ -486,6 +506,12 @@ TEST_F(EnergySystemTest, EveryAttemptFailsThenTheWrapperReports)
     EXPECT_EQ(2u, m_gateway.GetRequestCount());
     EXPECT_EQ(2u, m_log.CountContaining("Response timeout received 0 bytes but requested 11 at address:500"));
     EXPECT_EQ(1u, m_log.CountContaining("Can not get data at address:500"));
+
+    m_log.Clear();
+    float ampere = 0;
+    EXPECT_EQ(kesErrorFailed, m_system.ReadStringThreeVoltAmpere(600, nullptr, &ampere, nullptr, nullptr));
+    EXPECT_EQ(2u, m_log.CountContaining("Response timeout received 0 bytes but requested 13 at address:600"));
+    EXPECT_EQ(1u, m_log.CountContaining("Can not voltage and ampere at address:600"));
 }
 
 TEST_F(EnergySystemTest, ClosedChannelSendsNothing)

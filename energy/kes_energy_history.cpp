@@ -1,0 +1,830 @@
+#include "kes_energy_history.h"
+
+#include <cstdio>
+#include <ctime>
+#include <dirent.h>
+#include <new>
+#include <sys/time.h>
+
+#include "kes_energy_history_file.h"
+#include "kes_energy_history_text.h"
+#include "kes_osfile.h"
+#include "kes_osutility.h"
+
+namespace kes
+{
+namespace Energy
+{
+
+namespace
+{
+const char* const SOURCE = __FILE__;
+
+kesEError report(kesEError code, const kesString& message, const char* function, int line)
+{
+    return kesErrorLog(kesBuildErrorLocation(code, message, SOURCE, function, line));
+}
+
+kesString words(const char* first, const kesString& second, const char* third = "")
+{
+    kesString text(first);
+    text.append(second);
+    text.append(third);
+    return text;
+}
+
+const unsigned int MAX_MINUTES = 60;
+const char* const OFFSET_ENERGY_DAY = "offset_energy_day";
+const char* const OFFSET_PULSE = "offset_pulse";
+
+// How a parameter is stored, by device type and field number.
+enum EHistoryClass
+{
+    HistoryNone,
+    HistoryEnergy,
+    HistoryValue,
+    HistoryPulse
+};
+
+const unsigned int ALL_FIDS = 0xFFFFFFFFu;
+
+struct TypeRow
+{
+    kesEEnergyDeviceType type;
+    EHistoryClass storedAs;
+    unsigned int fids; // bit n: field n goes to the files
+};
+
+// Energy and pulse devices also keep a total per parameter, for every field.
+const TypeRow TYPE_TABLE[] = {
+    {kesEnergyDevicePanel, HistoryValue, ALL_FIDS},
+    {kesEnergyDeviceString, HistoryEnergy, 1u << 2},
+    {kesEnergyDeviceAlarm, HistoryEnergy, 1u << 2},
+    {kesEnergyDeviceStringOne, HistoryEnergy, 1u << 2},
+    {kesEnergyDeviceStringTwo, HistoryEnergy, (1u << 2) | (1u << 4)},
+    {kesEnergyDeviceStringThree, HistoryEnergy, (1u << 2) | (1u << 4) | (1u << 6)},
+    {kesEnergyDeviceStringFour, HistoryEnergy, (1u << 2) | (1u << 4) | (1u << 6) | (1u << 8)},
+    {kesEnergyDevicePulseCounter, HistoryPulse, 1u << 1},
+    {kesEnergyDevicePulseCounterTwo, HistoryPulse, (1u << 1) | (1u << 3)},
+    {kesEnergyDevicePulseCounterFive, HistoryPulse, (1u << 1) | (1u << 3) | (1u << 5) | (1u << 7) | (1u << 9)},
+};
+
+const TypeRow* find_type(kesEEnergyDeviceType type)
+{
+    for (const TypeRow& row : TYPE_TABLE)
+        if (row.type == type)
+            return &row;
+    return 0;
+}
+
+EHistoryClass file_class(kesEEnergyDeviceType type, unsigned char fid)
+{
+    const TypeRow* row = find_type(type);
+    if (!row)
+        return HistoryNone;
+    if (row->fids == ALL_FIDS || (fid < 32 && (row->fids >> fid) & 1u))
+        return row->storedAs;
+    return HistoryNone;
+}
+
+kesString day_name(const kesTime::kesDateTime& date)
+{
+    kesString name;
+    name.SetFormat(64, "%.4i_%.2i_%.2i", date.year, date.month, date.day);
+    return name;
+}
+
+kesString month_name(const kesTime::kesDateTime& date)
+{
+    kesString name;
+    name.SetFormat(64, "%.4i_%.2i", date.year, date.month);
+    return name;
+}
+
+kesString year_name(const kesTime::kesDateTime& date)
+{
+    kesString name;
+    name.SetFormat(64, "%.4i", date.year);
+    return name;
+}
+
+kesString std_error_words(const char* first, const kesString& second)
+{
+    kesString text = words(first, second, "\nStd Error ");
+    text.append(kesErrorStdToString(-1));
+    return text;
+}
+
+unsigned int next_divisor_of_hour(unsigned int minutes)
+{
+    if (minutes > MAX_MINUTES)
+        return MAX_MINUTES;
+    // 0 has no divisor to stand for; raising it in steps of one gives 1.
+    unsigned int n = minutes == 0 ? 1 : minutes;
+    while (MAX_MINUTES % n != 0)
+        ++n;
+    return n;
+}
+} // namespace
+
+// The month, year and begin files differ only in these constants.
+struct kesEnergyHistoryLevel
+{
+    const char* fileName;
+    const char* nullWords;
+    const char* renameWords; // null: the file never rolls over
+    const char* headerLetter;
+    int (*headerNumber)(const kesTime::kesDateTime& now);
+    bool (*rollover)(const kesTime::kesDateTime& now);
+    kesString (*datedName)(const kesTime::kesDateTime& lastDate); // null: no dated copy
+    kesEnergyHistoryRules rules;
+    const char* functionName;
+};
+
+namespace
+{
+bool month_rollover(const kesTime::kesDateTime& now)
+{
+    return now.day == 1 && now.hour == 0 && now.minute == 0;
+}
+
+bool year_rollover(const kesTime::kesDateTime& now)
+{
+    return now.month == 1 && month_rollover(now);
+}
+
+const kesEnergyHistoryLevel MONTH_LEVEL = {
+    "m",
+    "io_strSourceMonth == 0",
+    "Can not rename month to ",
+    "D|",
+    [](const kesTime::kesDateTime& now) { return now.day; },
+    month_rollover,
+    month_name,
+    {kesEnergyHistoryEnergyLastTotal, 1, kesEnergyHistoryPulseLastPiece},
+    "update_month_file"};
+
+const kesEnergyHistoryLevel YEAR_LEVEL = {
+    "y",
+    "io_strSourceYear == 0",
+    "Can not rename year to ",
+    "M|",
+    [](const kesTime::kesDateTime& now) { return now.month; },
+    year_rollover,
+    year_name,
+    {kesEnergyHistoryEnergySum, 3, kesEnergyHistoryPulseWholeRest},
+    "update_year_file"};
+
+const kesEnergyHistoryLevel BEGIN_LEVEL = {
+    "b",
+    "io_strSourceYear == 0",
+    0,
+    "Y|",
+    [](const kesTime::kesDateTime& now) { return now.year; },
+    0,
+    0,
+    {kesEnergyHistoryEnergySum, 2, kesEnergyHistoryPulseWholeRest},
+    "update_begin_file"};
+} // namespace
+
+kesEnergyHistorySystem::kesEnergyHistorySystem() : m_uiFlags(0), m_uiMinutes(MAX_MINUTES)
+{
+    get_date(&m_lastDate);
+    Init(MAX_MINUTES);
+}
+
+kesEnergyHistorySystem::~kesEnergyHistorySystem()
+{
+    Stop();
+    // The timer's thread must be gone before the members it reaches.
+    kesTimer::Stop();
+    clear_history_map();
+}
+
+unsigned long long kesEnergyHistorySystem::get_clock_ms() const
+{
+    struct timeval now;
+    gettimeofday(&now, 0);
+    return static_cast<unsigned long long>(now.tv_sec) * 1000ull + static_cast<unsigned long long>(now.tv_usec) / 1000ull;
+}
+
+unsigned int kesEnergyHistorySystem::get_time() const
+{
+    return static_cast<unsigned int>(get_clock_ms());
+}
+
+void kesEnergyHistorySystem::get_date(kesTime::kesDateTime* o_date) const
+{
+    const time_t now = static_cast<time_t>(get_clock_ms() / 1000ull);
+    struct tm local;
+    localtime_r(&now, &local);
+    o_date->year = local.tm_year + 1900;
+    o_date->day_of_year = local.tm_yday + 1;
+    o_date->month = local.tm_mon + 1;
+    o_date->day = local.tm_mday;
+    o_date->day_of_week = local.tm_wday + 1;
+    o_date->hour = local.tm_hour;
+    o_date->minute = local.tm_min;
+    o_date->second = local.tm_sec;
+}
+
+kesString kesEnergyHistorySystem::get_folder()
+{
+    kesSOsMutex lock(&m_mutex);
+    return m_strFolder;
+}
+
+kesEError kesEnergyHistorySystem::Init(const unsigned int& minutes)
+{
+    if (Stop() != kesErrorOk)
+        return report(kesErrorFailed, "Can not stop system hystory", "Init", __LINE__);
+
+    m_uiMinutes = next_divisor_of_hour(minutes);
+    if (m_uiMinutes != minutes)
+    {
+        kesString notice("History Time set to ");
+        notice.append(kesString::FromULong(m_uiMinutes));
+        notice.append(" minutes");
+        report(kesErrorOk, notice, "Init", __LINE__);
+    }
+    SetCount(0);
+    SetExpiredTime(m_uiMinutes * 60000);
+    SetResolutionTime(m_uiMinutes * 60000);
+    get_date(&m_lastDate);
+    return kesErrorOk;
+}
+
+void kesEnergyHistorySystem::SetHistoryFolder(const kesString& folder)
+{
+    kesSOsMutex lock(&m_mutex);
+    m_strFolder = folder;
+    m_strFolder.SetShrink(kesString(kesOsUtility::Separator), false);
+    m_strFolder.append(kesString(kesOsUtility::Separator));
+}
+
+kesEError kesEnergyHistorySystem::RegisterParameterDouble(unsigned int uid, const kesEEnergyDeviceType& type,
+                                                          unsigned char fid)
+{
+    {
+        kesSOsMutex lock(&m_mutex);
+        if (m_uiFlags & STATE_RUNNING)
+            return report(kesErrorFailed, "You must stop the system before to register a parameter",
+                          "RegisterParameterDouble", __LINE__);
+    }
+    if (m_mapDouble.GetKeyValue(uid))
+        return report(kesErrorFailed, words("UID already exist ", kesString::FromULong(uid)), "RegisterParameterDouble",
+                      __LINE__);
+
+    kesEnegyHistoryDouble* parameter = new (std::nothrow) kesEnegyHistoryDouble(fid, type);
+    if (!parameter)
+        return report(kesErrorOutOfMemory, "Can not create parameter", "RegisterParameterDouble", __LINE__);
+    m_mapDouble[uid] = parameter;
+
+    const TypeRow* row = find_type(type);
+    if (row && row->storedAs == HistoryEnergy)
+        m_mapEnergy.emplace(uid, 0.0);
+    else if (row && row->storedAs == HistoryPulse && !m_mapPulse.GetKeyValue(uid))
+    {
+        PulseCounterStorage* storage = new (std::nothrow) PulseCounterStorage();
+        if (!storage)
+            return report(kesErrorOutOfMemory, "Can not create pulse storage", "RegisterParameterDouble", __LINE__);
+        m_mapPulse[uid] = storage;
+    }
+    return kesErrorOk;
+}
+
+kesEError kesEnergyHistorySystem::RegisterParameterInteger(unsigned int uid, const kesEEnergyDeviceType& type,
+                                                           unsigned char fid)
+{
+    {
+        kesSOsMutex lock(&m_mutex);
+        if (m_uiFlags & STATE_RUNNING)
+            return report(kesErrorFailed, "You must stop the system before to register a parameter",
+                          "RegisterParameterInteger", __LINE__);
+    }
+    if (m_mapInteger.GetKeyValue(uid))
+        return report(kesErrorFailed, words("UID already exist ", kesString::FromULong(uid)),
+                      "RegisterParameterInteger", __LINE__);
+
+    kesEnegyHistoryInteger* parameter = new (std::nothrow) kesEnegyHistoryInteger(fid, type);
+    if (!parameter)
+        return report(kesErrorOutOfMemory, "Can not create parameter", "RegisterParameterInteger", __LINE__);
+    m_mapInteger[uid] = parameter;
+    return kesErrorOk;
+}
+
+kesEError kesEnergyHistorySystem::Start()
+{
+    Stop();
+
+    kesSOsMutex lock(&m_mutex);
+    if (m_uiFlags & STATE_RUNNING)
+        return kesErrorOk;
+
+    unsigned int msTime = 0;
+    compute_time(&msTime);
+    kesEnegyHistoryItem::MS_TIME = msTime;
+    SetExpiredTime(msTime);
+    SetResolutionTime(msTime);
+    get_date(&m_lastDate);
+
+    const kesEError started = kesTimer::Start(0);
+    if (started != kesErrorOk)
+        return report(kesErrorFailed, "Can not start timer", "Start", __LINE__);
+
+    // A first run has no offsets yet: the failure is logged and the start goes on.
+    load_offset_file();
+
+    for (auto& entry : m_mapDouble)
+        entry.second->Reset();
+    for (auto& entry : m_mapInteger)
+        entry.second->Reset();
+
+    m_uiFlags |= STATE_RUNNING;
+    return kesErrorOk;
+}
+
+kesEError kesEnergyHistorySystem::Stop()
+{
+    {
+        kesSOsMutex lock(&m_mutex);
+        if (!(m_uiFlags & STATE_RUNNING))
+            return kesErrorOk;
+        m_uiFlags &= ~static_cast<unsigned int>(STATE_RUNNING);
+    }
+    // A running tick takes the lock, so its end is awaited outside of it.
+    if (kesTimer::Stop() != kesErrorOk)
+    {
+        kesSOsMutex lock(&m_mutex);
+        m_uiFlags |= STATE_RUNNING;
+        return report(kesErrorFailed, "Can not stop timer", "Stop", __LINE__);
+    }
+    clear_history_map();
+    return kesErrorOk;
+}
+
+void kesEnergyHistorySystem::clear_history_map()
+{
+    kesSOsMutex lock(&m_mutex);
+    for (auto& entry : m_mapDouble)
+        delete entry.second;
+    for (auto& entry : m_mapInteger)
+        delete entry.second;
+    for (auto& entry : m_mapPulse)
+        delete entry.second;
+    m_mapDouble.clear();
+    m_mapInteger.clear();
+    m_mapEnergy.clear();
+    m_mapPulse.clear();
+}
+
+kesEError kesEnergyHistorySystem::compute_time(unsigned int* io_msTime)
+{
+    if (!io_msTime)
+        return report(kesErrorInvalidArgument, "io_msTime == 0", "compute_time", __LINE__);
+
+    const time_t now = static_cast<time_t>(get_clock_ms() / 1000ull);
+    struct tm local;
+    localtime_r(&now, &local);
+    time_t t = local.tm_sec != 0 ? now + 60 - local.tm_sec : now;
+    // At most an hour of whole minutes lies before the next boundary.
+    for (unsigned int step = 0; step < 60; ++step)
+    {
+        localtime_r(&t, &local);
+        if (local.tm_min % static_cast<int>(m_uiMinutes) == 0)
+            break;
+        t += 60;
+    }
+    *io_msTime = static_cast<unsigned int>(t - now) * 1000u;
+    if (*io_msTime == 0)
+        *io_msTime = m_uiMinutes * 60000;
+    return kesErrorOk;
+}
+
+void kesEnergyHistorySystem::SetValueAsDouble(unsigned int uid, const double& value)
+{
+    kesSOsMutex lock(&m_mutex);
+    if (!(m_uiFlags & STATE_RUNNING))
+        return;
+    kesEnegyHistoryDouble* parameter = m_mapDouble.GetKeyValue(uid);
+    if (parameter)
+        parameter->Add(value, get_time());
+}
+
+void kesEnergyHistorySystem::SetValueAsInt(unsigned int uid, const int& value)
+{
+    kesSOsMutex lock(&m_mutex);
+    if (!(m_uiFlags & STATE_RUNNING))
+        return;
+    kesEnegyHistoryInteger* parameter = m_mapInteger.GetKeyValue(uid);
+    if (parameter)
+        parameter->Set(value);
+}
+
+void kesEnergyHistorySystem::OnTimer()
+{
+    kesArray<kesString> energyUids, energyRows, valueUids, valueRows, pulseUids, pulseRows;
+    const kesString noData = kesString(kesEnegyHistoryItem::EMPTY_CHAR);
+
+    // The maps do not change while the system runs; the lock is held per parameter only.
+    for (auto& entry : m_mapDouble)
+    {
+        kesEnegyHistoryFigures figures;
+        {
+            kesSOsMutex lock(&m_mutex);
+            figures = entry.second->Close(get_time(), kesEnegyHistoryItem::MS_TIME);
+        }
+        const EHistoryClass storedAs = file_class(entry.second->m_eType, entry.second->m_ucFid);
+        if (storedAs == HistoryNone)
+            continue;
+
+        const kesString uid = kesString::FromULong(entry.first);
+        kesString row(uid);
+        if (storedAs == HistoryValue || storedAs == HistoryEnergy)
+        {
+            for (double figure : {figures.average, figures.minimum, figures.maximum})
+            {
+                row.push_back('|');
+                row.append(figures.noData ? noData : kesString::FromDouble(figure, 1));
+            }
+        }
+        if (storedAs == HistoryValue)
+        {
+            valueUids.AddBack(uid);
+            valueRows.AddBack(row);
+        }
+        else if (storedAs == HistoryEnergy)
+        {
+            double last = 0.0;
+            if (!figures.noData)
+            {
+                // Always the configured N, also for the shorter first interval.
+                last = m_uiMinutes / 60.0 * figures.average;
+                kesSOsMutex lock(&m_mutex);
+                m_mapEnergy[entry.first] += last;
+            }
+            else
+            {
+                kesSOsMutex lock(&m_mutex);
+                last = m_mapEnergy[entry.first];
+            }
+            row.push_back('|');
+            row.append(kesString::FromDouble(last, 1));
+            energyUids.AddBack(uid);
+            energyRows.AddBack(row);
+        }
+        else
+        {
+            double figure = 0.0;
+            {
+                kesSOsMutex lock(&m_mutex);
+                PulseCounterStorage* storage = m_mapPulse.GetKeyValue(entry.first);
+                if (storage)
+                {
+                    if (!figures.noData)
+                        storage->SetPower(figures.last);
+                    figure = storage->m_dTotal / 1000.0;
+                }
+            }
+            row.push_back('|');
+            row.append(kesString::FromDouble(figure, 1));
+            pulseUids.AddBack(uid);
+            pulseRows.AddBack(row);
+        }
+    }
+
+    // Measured from the start of this tick, so the next one lands on the boundary.
+    unsigned int msTime = 0;
+    compute_time(&msTime);
+    {
+        kesSOsMutex lock(&m_mutex);
+        kesEnegyHistoryItem::MS_TIME = msTime;
+    }
+    SetExpiredTime(msTime);
+    SetResolutionTime(msTime);
+
+    kesTime::kesDateTime now;
+    get_date(&now);
+    const kesString folder = get_folder();
+
+    kesString day, month, year, begin;
+    if (update_day_file(energyUids, energyRows, valueUids, valueRows, pulseUids, pulseRows, now, &day) != kesErrorOk)
+    {
+        report(kesErrorFailed, words("Can not update day file ", folder, "d"), "OnTimer", __LINE__);
+        return;
+    }
+    if (update_month_file(energyUids, valueUids, pulseUids, now, day, &month) != kesErrorOk)
+    {
+        report(kesErrorFailed, words("Can not update month file ", folder, "m"), "OnTimer", __LINE__);
+        return;
+    }
+    if (update_year_file(energyUids, valueUids, pulseUids, now, month, &year) != kesErrorOk)
+    {
+        report(kesErrorFailed, words("Can not update year file ", folder, "y"), "OnTimer", __LINE__);
+        return;
+    }
+    if (update_begin_file(energyUids, valueUids, pulseUids, now, year, &begin) != kesErrorOk)
+    {
+        report(kesErrorFailed, words("Can not update year file ", folder, "b"), "OnTimer", __LINE__);
+        return;
+    }
+    save_offset_file();
+
+    kesTime::kesDateTime lastDate;
+    get_date(&lastDate);
+    kesSOsMutex lock(&m_mutex);
+    m_lastDate = lastDate;
+}
+
+kesString kesEnergyHistorySystem::make_energy_row_final(const kesString& row)
+{
+    kesString final(row.substr(0, row.rfind('|') + 1));
+    const unsigned int uid = kesString::AsULong(kesString(row.substr(0, row.find('|'))), 10);
+    kesSOsMutex lock(&m_mutex);
+    final.append(kesString::FromDouble(m_mapEnergy[uid], 1));
+    return final;
+}
+
+bool kesEnergyHistorySystem::get_pulse_total(unsigned int uid, double* o_total)
+{
+    kesSOsMutex lock(&m_mutex);
+    PulseCounterStorage* storage = m_mapPulse.GetKeyValue(uid);
+    if (!storage)
+        return false;
+    *o_total = storage->m_dTotal;
+    return true;
+}
+
+kesEError kesEnergyHistorySystem::update_day_file(const kesArray<kesString>& energyUids,
+                                                  const kesArray<kesString>& energyRows,
+                                                  const kesArray<kesString>& /*valueUids*/,
+                                                  const kesArray<kesString>& valueRows,
+                                                  const kesArray<kesString>& /*pulseUids*/,
+                                                  const kesArray<kesString>& pulseRows, const kesTime::kesDateTime& now,
+                                                  kesString* io_strSourceDay)
+{
+    if (!io_strSourceDay)
+        return report(kesErrorInvalidArgument, "io_strSourceDay == 0", "update_day_file", __LINE__);
+
+    kesString folder;
+    kesTime::kesDateTime lastDate;
+    {
+        kesSOsMutex lock(&m_mutex);
+        folder = m_strFolder;
+        lastDate = m_lastDate;
+    }
+    const kesString path = words("", folder, "d");
+    const kesString dated = words("", folder, day_name(lastDate).c_str());
+    const bool midnight = now.hour == 0 && now.minute == 0;
+    const bool exists = kesOsUtility::FileExist(path.c_str());
+    // Without a day file there is nothing to roll over: the tick is an ordinary one.
+    const bool rollover = midnight && exists;
+
+    io_strSourceDay->Clear();
+    if (rollover)
+    {
+        if (std::rename(path.c_str(), dated.c_str()) != 0)
+            return report(kesErrorFailed, std_error_words("Can not rename day to ", dated), "update_day_file",
+                          __LINE__);
+    }
+    else if (exists && kesEnergyHistoryReadFile(path, io_strSourceDay) != kesErrorOk)
+        return kesErrorFailed;
+
+    if (rollover)
+        for (const kesString& uid : energyUids)
+        {
+            kesSOsMutex lock(&m_mutex);
+            m_mapEnergy[kesString::AsULong(uid, 10)] = 0.0;
+        }
+
+    kesArray<kesString> rows;
+    for (const kesString& row : energyRows)
+        rows.AddBack(make_energy_row_final(row));
+    for (const kesString& row : valueRows)
+        rows.AddBack(row);
+    for (const kesString& row : pulseRows)
+        rows.AddBack(row);
+
+    kesString header("H|");
+    header.append(kesString::FromInt(now.hour));
+    header.push_back('\n');
+    kesEnergyHistoryMergeDay(io_strSourceDay, header, rows);
+
+    kesEError written = kesEnergyHistoryReplaceFile(path, *io_strSourceDay, !exists);
+    if (written != kesErrorOk)
+        return written;
+    // The new day's date is not in last date yet; its copy begins at the next tick.
+    if (rollover)
+        return kesErrorOk;
+    // A 00:00 tick without a day file must not overwrite yesterday's copy.
+    if (midnight && kesOsUtility::FileExist(dated.c_str()))
+        return kesErrorOk;
+    return kesEnergyHistoryReplaceFile(dated, *io_strSourceDay, false);
+}
+
+kesEError kesEnergyHistorySystem::update_month_file(const kesArray<kesString>& energyUids,
+                                                    const kesArray<kesString>& valueUids,
+                                                    const kesArray<kesString>& pulseUids,
+                                                    const kesTime::kesDateTime& now, const kesString& sourceDay,
+                                                    kesString* io_strSourceMonth)
+{
+    return update_level_file(MONTH_LEVEL, energyUids, valueUids, pulseUids, now, sourceDay, io_strSourceMonth);
+}
+
+kesEError kesEnergyHistorySystem::update_year_file(const kesArray<kesString>& energyUids,
+                                                   const kesArray<kesString>& valueUids,
+                                                   const kesArray<kesString>& pulseUids,
+                                                   const kesTime::kesDateTime& now, const kesString& sourceMonth,
+                                                   kesString* io_strSourceYear)
+{
+    return update_level_file(YEAR_LEVEL, energyUids, valueUids, pulseUids, now, sourceMonth, io_strSourceYear);
+}
+
+kesEError kesEnergyHistorySystem::update_begin_file(const kesArray<kesString>& energyUids,
+                                                    const kesArray<kesString>& valueUids,
+                                                    const kesArray<kesString>& pulseUids,
+                                                    const kesTime::kesDateTime& now, const kesString& sourceYear,
+                                                    kesString* io_strSourceBegin)
+{
+    return update_level_file(BEGIN_LEVEL, energyUids, valueUids, pulseUids, now, sourceYear, io_strSourceBegin);
+}
+
+kesEError kesEnergyHistorySystem::update_level_file(const kesEnergyHistoryLevel& level,
+                                                    const kesArray<kesString>& energyUids,
+                                                    const kesArray<kesString>& valueUids,
+                                                    const kesArray<kesString>& pulseUids,
+                                                    const kesTime::kesDateTime& now, const kesString& source,
+                                                    kesString* io_strText)
+{
+    if (!io_strText)
+        return report(kesErrorInvalidArgument, level.nullWords, level.functionName, __LINE__);
+
+    kesString folder;
+    kesTime::kesDateTime lastDate;
+    {
+        kesSOsMutex lock(&m_mutex);
+        folder = m_strFolder;
+        lastDate = m_lastDate;
+    }
+    const kesString path = words("", folder, level.fileName);
+    const bool wanted = level.rollover && level.rollover(now);
+    const bool exists = kesOsUtility::FileExist(path.c_str());
+    const bool rollover = wanted && exists;
+    const kesString dated = level.datedName ? words("", folder, level.datedName(lastDate).c_str()) : kesString();
+
+    io_strText->Clear();
+    if (rollover)
+    {
+        if (std::rename(path.c_str(), dated.c_str()) != 0)
+            return report(kesErrorFailed, std_error_words(level.renameWords, dated), level.functionName, __LINE__);
+    }
+    else if (exists && kesEnergyHistoryReadFile(path, io_strText) != kesErrorOk)
+        return kesErrorFailed;
+
+    // The block of this period is rebuilt whole: what stood behind its header goes.
+    kesString header(level.headerLetter);
+    header.append(kesString::FromInt(level.headerNumber(now)));
+    header.push_back('\n');
+    const size_t at = io_strText->find(header);
+    if (at != std::string::npos)
+        io_strText->erase(at + header.size());
+    else
+        io_strText->append(header);
+
+    const kesEnergyHistoryRowIndex index(source);
+    kesEnergyHistoryAppendRows(io_strText, index, level.rules, energyUids, valueUids, pulseUids,
+                               [this](unsigned int uid, double* o_total) { return get_pulse_total(uid, o_total); });
+
+    kesEError written = kesEnergyHistoryReplaceFile(path, *io_strText, !exists);
+    if (written != kesErrorOk || rollover || !level.datedName)
+        return written;
+    // A rollover tick that found no file must not overwrite the old period's copy.
+    if (wanted && kesOsUtility::FileExist(dated.c_str()))
+        return kesErrorOk;
+    return kesEnergyHistoryReplaceFile(dated, *io_strText, false);
+}
+
+kesEError kesEnergyHistorySystem::save_offset_file()
+{
+    kesString folder;
+    kesString energy;
+    kesString pulse;
+    kesTime::kesDateTime today;
+    get_date(&today);
+    {
+        // The texts are taken under the lock; the disk work needs no lock, since
+        // only this thread writes these files.
+        kesSOsMutex lock(&m_mutex);
+        folder = m_strFolder;
+        char line[512];
+        std::snprintf(line, sizeof(line), "%i\n", today.day);
+        energy.append(line);
+        for (const auto& entry : m_mapEnergy)
+        {
+            std::snprintf(line, sizeof(line), "%u|%.2f\n", entry.first, entry.second);
+            energy.append(line);
+        }
+        for (const auto& entry : m_mapPulse)
+            if (entry.second)
+            {
+                std::snprintf(line, sizeof(line), "%u|%.2f\n", entry.first, entry.second->m_dTotal);
+                pulse.append(line);
+            }
+    }
+
+    if (kesEnergyHistoryReplaceFile(words("", folder, OFFSET_ENERGY_DAY), energy, false) != kesErrorOk)
+        return report(kesErrorFailed, words("Can not update offset file ", folder, OFFSET_ENERGY_DAY),
+                      "save_offset_file", __LINE__);
+    if (kesEnergyHistoryReplaceFile(words("", folder, OFFSET_PULSE), pulse, false) != kesErrorOk)
+        return report(kesErrorFailed, words("Can not update offset file ", folder, OFFSET_PULSE), "save_offset_file",
+                      __LINE__);
+    return kesErrorOk;
+}
+
+kesEError kesEnergyHistorySystem::load_offset_file()
+{
+    kesSOsMutex lock(&m_mutex);
+    kesTime::kesDateTime today;
+    get_date(&today);
+
+    kesString text;
+    if (kesOsFile::GetFileTextSource(words("", m_strFolder, OFFSET_ENERGY_DAY), &text) != kesErrorOk)
+        return report(kesErrorFailed, words("Can not read offset file ", m_strFolder, OFFSET_ENERGY_DAY),
+                      "load_offset_file", __LINE__);
+
+    kesArray<kesString> lines;
+    text.GetSplit(&lines, "\n");
+    // Only the day of the month tells whether the totals are today's.
+    if (!lines.empty() && kesString::AsInt(lines[0], 10) == today.day)
+        for (size_t i = 1; i < lines.size(); ++i)
+        {
+            kesArray<kesString> fields;
+            lines[i].GetSplit(&fields, "|");
+            if (fields.size() == 1)
+                m_mapEnergy[kesString::AsULong(fields[0], 10)] = 0.0;
+            else if (fields.size() == 2)
+                m_mapEnergy[kesString::AsULong(fields[0], 10)] = kesString::AsDouble(fields[1]);
+        }
+
+    if (kesOsFile::GetFileTextSource(words("", m_strFolder, OFFSET_PULSE), &text) != kesErrorOk)
+        return report(kesErrorFailed, words("Can not read offset file ", m_strFolder, OFFSET_PULSE),
+                      "load_offset_file", __LINE__);
+
+    lines.clear();
+    text.GetSplit(&lines, "\n");
+    for (const kesString& line : lines)
+    {
+        kesArray<kesString> fields;
+        line.GetSplit(&fields, "|");
+        if (fields.size() != 2)
+            continue;
+        PulseCounterStorage* storage = m_mapPulse.GetKeyValue(kesString::AsULong(fields[0], 10));
+        if (storage)
+            storage->m_dBase = kesString::AsDouble(fields[1]);
+    }
+    return kesErrorOk;
+}
+
+kesEError kesEnergyHistorySystem::UpdateAlarmStatusFile(const unsigned int& uid, unsigned char status)
+{
+    const kesString path = words("", get_folder(), "a");
+    kesOsFile file;
+    if (file.Open(path, "a") != kesErrorOk)
+        return report(kesErrorFailed, words("Can not append file ", path), "UpdateAlarmStatusFile", __LINE__);
+
+    kesTime::kesDateTime now;
+    get_date(&now);
+    kesString line;
+    line.SetFormat(256, "%.4i%.2i%.2i%.2i%.2i|%lu|%i\n", now.year, now.month, now.day, now.hour, now.minute,
+                   static_cast<unsigned long>(uid), static_cast<int>(status));
+    const int written = file.WriteText("%s", line.c_str());
+    if (written != static_cast<int>(line.GetLength()))
+    {
+        kesString message = words("Can not write all data to file ", path);
+        message.AddFormat(128, " request is %u but written are %i", line.GetLength(), written);
+        return report(kesErrorFailed, message, "UpdateAlarmStatusFile", __LINE__);
+    }
+    return kesErrorOk;
+}
+
+kesEError kesEnergyHistorySystem::build_history_files()
+{
+    const kesString folder = get_folder();
+    DIR* dir = opendir(folder.c_str());
+    if (!dir)
+        return report(kesErrorFailed, words("Can not get folder ", folder), "build_history_files", __LINE__);
+    bool first = true;
+    while (struct dirent* entry = readdir(dir))
+    {
+        if (first)
+            std::printf("Name %s\n", entry->d_name);
+        else
+            std::printf("Name %s Type %s\n", entry->d_name, entry->d_type == DT_DIR ? "Dir" : "File");
+        first = false;
+    }
+    closedir(dir);
+    return kesErrorOk;
+}
+
+} // namespace Energy
+} // namespace kes

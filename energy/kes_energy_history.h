@@ -1,0 +1,96 @@
+#ifndef KES_ENERGY_HISTORY_H
+#define KES_ENERGY_HISTORY_H
+
+#include "kes_energy_device_type.h"
+#include "kes_energy_history_item.h"
+#include "kes_error.h"
+#include "kes_osmutex.h"
+#include "kes_string.h"
+#include "kes_time.h"
+#include "kes_timer.h"
+
+namespace kes
+{
+namespace Energy
+{
+
+struct kesEnergyHistoryLevel;
+
+class kesEnergyHistorySystem : public kesSingletonInherited<kesEnergyHistorySystem>, public kesTimer
+{
+public:
+    kesEnergyHistorySystem();
+    virtual ~kesEnergyHistorySystem();
+
+    virtual void OnTimer();
+
+    kesEError Init(const unsigned int& minutes);
+    void SetHistoryFolder(const kesString& folder);
+    kesEError RegisterParameterDouble(unsigned int uid, const kesEEnergyDeviceType& type, unsigned char fid);
+    kesEError RegisterParameterInteger(unsigned int uid, const kesEEnergyDeviceType& type, unsigned char fid);
+    kesEError Start();
+    kesEError Stop();
+    void SetValueAsDouble(unsigned int uid, const double& value);
+    void SetValueAsInt(unsigned int uid, const int& value);
+    kesEError UpdateAlarmStatusFile(const unsigned int& uid, unsigned char status);
+
+    // Lists the history folder on stdout; the daemon itself does not call it.
+    kesEError build_history_files();
+
+protected:
+    // The wall clock in milliseconds since the epoch. Every time the store
+    // reads, the tick's date and the time of each sample alike, comes from here.
+    virtual unsigned long long get_clock_ms() const;
+
+    kesEError compute_time(unsigned int* io_msTime);
+
+private:
+    enum
+    {
+        STATE_RUNNING = 1
+    };
+
+    unsigned int get_time() const;
+    void get_date(kesTime::kesDateTime* o_date) const;
+    kesString get_folder();
+
+    void clear_history_map();
+
+    kesEError update_day_file(const kesArray<kesString>& energyUids, const kesArray<kesString>& energyRows,
+                              const kesArray<kesString>& valueUids, const kesArray<kesString>& valueRows,
+                              const kesArray<kesString>& pulseUids, const kesArray<kesString>& pulseRows,
+                              const kesTime::kesDateTime& now, kesString* io_strSourceDay);
+    kesEError update_month_file(const kesArray<kesString>& energyUids, const kesArray<kesString>& valueUids,
+                                const kesArray<kesString>& pulseUids, const kesTime::kesDateTime& now,
+                                const kesString& sourceDay, kesString* io_strSourceMonth);
+    kesEError update_year_file(const kesArray<kesString>& energyUids, const kesArray<kesString>& valueUids,
+                               const kesArray<kesString>& pulseUids, const kesTime::kesDateTime& now,
+                               const kesString& sourceMonth, kesString* io_strSourceYear);
+    kesEError update_begin_file(const kesArray<kesString>& energyUids, const kesArray<kesString>& valueUids,
+                                const kesArray<kesString>& pulseUids, const kesTime::kesDateTime& now,
+                                const kesString& sourceYear, kesString* io_strSourceBegin);
+    // The month, year and begin updates are one pattern driven by their level.
+    kesEError update_level_file(const kesEnergyHistoryLevel& level, const kesArray<kesString>& energyUids,
+                                const kesArray<kesString>& valueUids, const kesArray<kesString>& pulseUids,
+                                const kesTime::kesDateTime& now, const kesString& source, kesString* io_strText);
+    kesString make_energy_row_final(const kesString& row);
+    bool get_pulse_total(unsigned int uid, double* o_total);
+
+    kesEError load_offset_file();
+    kesEError save_offset_file();
+
+    unsigned int m_uiFlags;
+    kesString m_strFolder;
+    kesOsMutex m_mutex;
+    kesMap<unsigned int, kesEnegyHistoryDouble*> m_mapDouble;
+    kesMap<unsigned int, kesEnegyHistoryInteger*> m_mapInteger;
+    kesMap<unsigned int, double> m_mapEnergy;
+    kesMap<unsigned int, PulseCounterStorage*> m_mapPulse;
+    kesTime::kesDateTime m_lastDate;
+    unsigned int m_uiMinutes;
+};
+
+} // namespace Energy
+} // namespace kes
+
+#endif

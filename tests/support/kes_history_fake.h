@@ -1,0 +1,65 @@
+#ifndef KES_HISTORY_FAKE_H
+#define KES_HISTORY_FAKE_H
+
+#include <atomic>
+#include <ctime>
+
+#include "kes_energy_history.h"
+
+namespace kes_test {
+
+// Milliseconds since the epoch of a local date and time.
+inline unsigned long long LocalMs(int year, int month, int day, int hour, int minute, int second = 0, int ms = 0)
+{
+    struct tm local = {};
+    local.tm_year = year - 1900;
+    local.tm_mon = month - 1;
+    local.tm_mday = day;
+    local.tm_hour = hour;
+    local.tm_min = minute;
+    local.tm_sec = second;
+    local.tm_isdst = -1;
+    return static_cast<unsigned long long>(mktime(&local)) * 1000ull + static_cast<unsigned long long>(ms);
+}
+
+// The history store on a clock the test sets. Its timer thread runs but does
+// nothing: the test drives each tick through Tick() at the time it chose.
+class FakeClockHistory : public kes::Energy::kesEnergyHistorySystem {
+public:
+    FakeClockHistory() : m_ms(LocalMs(2015, 3, 14, 9, 0)) {}
+    ~FakeClockHistory() override
+    {
+        // Stopped while the object is still of this class, so the thread never
+        // reaches the real tick during destruction.
+        Stop();
+        kes::kesTimer::Stop();
+    }
+
+    void SetClock(unsigned long long ms) { m_ms = ms; }
+    void SetLocal(int year, int month, int day, int hour, int minute, int second = 0, int ms = 0)
+    {
+        m_ms = LocalMs(year, month, day, hour, minute, second, ms);
+    }
+    void Advance(unsigned long long ms) { m_ms += ms; }
+    unsigned long long Clock() const { return m_ms; }
+
+    void Tick() { kes::Energy::kesEnergyHistorySystem::OnTimer(); }
+    void OnTimer() override {}
+
+    unsigned int ComputeTime()
+    {
+        unsigned int ms = 0;
+        compute_time(&ms);
+        return ms;
+    }
+
+protected:
+    unsigned long long get_clock_ms() const override { return m_ms; }
+
+private:
+    std::atomic<unsigned long long> m_ms;
+};
+
+} // namespace kes_test
+
+#endif
