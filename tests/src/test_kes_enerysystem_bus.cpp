@@ -37,7 +37,7 @@ public:
     }
     // Below the floor of OpenCommunication, so that a search through a
     // hundred silent keys stays short; loopback answers in well under it.
-    void ShortenReceiveTimeOut() { m_oSocket.SetReceiveTimeOut(10); }
+    void ShortenReceiveTimeOut() { m_oSocket.SetReceiveTimeOut(20); }
 
     void OnDeviceFound(const kesEnergyDevice* i_pDevice) override { found.push_back(*i_pDevice); }
     void OnDeviceAddressChanged(const kesEnergyDevice* i_pDevice) override { changed.push_back(*i_pDevice); }
