@@ -59,6 +59,10 @@ public:
         return accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC);
     }
 
+    // Resets the connections nobody took: a connect cut short by a signal
+    // still completes, and must not pass for the next one.
+    void DropPending() const;
+
 private:
     int m_fd;
     unsigned short m_port;
@@ -99,6 +103,19 @@ inline void Abort(int i_fd)
     linger option = {1, 0};
     setsockopt(i_fd, SOL_SOCKET, SO_LINGER, &option, sizeof(option));
     close(i_fd);
+}
+
+inline void Listener::DropPending() const
+{
+    for (;;) {
+        pollfd entry = {m_fd, POLLIN, 0};
+        if (poll(&entry, 1, 10) != 1)
+            return;
+        const int fd = accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0)
+            return;
+        Abort(fd);
+    }
 }
 
 } // namespace kes_fuzz
