@@ -262,7 +262,11 @@ int main(int argc, char** argv)
     struct sigaction action;
     memset(&action, 0, sizeof(action));
     action.sa_handler = on_signal;
-    sigaction(SIGINT, &action, nullptr);
+    // An INT ignored by the parent (a background job of a script) stays
+    // ignored, so that Ctrl-C in a demo leaves the order of stopping to it.
+    struct sigaction previous;
+    if (sigaction(SIGINT, nullptr, &previous) != 0 || previous.sa_handler != SIG_IGN)
+        sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
@@ -353,7 +357,7 @@ int main(int argc, char** argv)
                         continue;
                     }
                     s->nextChange = now + s->drop->every - s->drop->length;
-                    printf("kes_bus_sim: line %u back\n", s->bus->Line().id);
+                    printf("kes_bus_sim: line %u back (%u)\n", s->bus->Line().id, s->drops);
                 }
             }
             wait_or_stop(0.02);
