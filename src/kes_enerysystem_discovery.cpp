@@ -69,6 +69,8 @@ bool took_new_device(kesArray<kesEnergyDevice>* io_devices, size_t i_before, boo
     return true;
 }
 
+const char* const CHANNEL_LOST = "Communication lost during the search";
+
 } // namespace
 
 int kesEnergySystem::search(kesEnergySocket* io_pChannel, bool i_bFine, unsigned short i_usSearchKey,
@@ -210,7 +212,7 @@ bool kesEnergySystem::search_fine_keys(unsigned short i_usCoarseKey, kesArray<ke
                                        bool i_bReportCollisions)
 {
     bool found = false;
-    for (unsigned short j = 0; j < FINE_KEYS_PER_COARSE; ++j) {
+    for (unsigned short j = 0; j < FINE_KEYS_PER_COARSE && m_oSocket.IsOpen(); ++j) {
         unsigned short key = static_cast<unsigned short>(i_usCoarseKey + COARSE_KEYS * j);
         int last = SearchSilent;
         if (search_key_until_silent(true, key, o_devices, &last))
@@ -239,6 +241,9 @@ kesEError kesEnergySystem::FindAllDevices(kesArray<kesEnergyDevice>* o_devices)
         return report(result, "Can not enable devices to answer to find request", __func__, __LINE__);
 
     for (unsigned short i = 0; i < COARSE_KEYS; ++i) {
+        // A gateway that went away would make every key silent.
+        if (!m_oSocket.IsOpen())
+            return report(kesErrorFailed, CHANNEL_LOST, __func__, __LINE__);
         // A reply of another length may hide several answers: after its fine
         // keys brought devices, the coarse key is asked again.
         for (unsigned int round = 0; round < MAX_ROUNDS_PER_KEY; ++round) {
@@ -258,7 +263,7 @@ kesEError kesEnergySystem::FindAllDevices(kesArray<kesEnergyDevice>* o_devices)
 void kesEnergySystem::old_fine_scan(unsigned short i_usCoarseKey, kesArray<kesEnergyDevice>* o_devices,
                                     int i_iRetries, int i_iChecks)
 {
-    for (unsigned short j = 0; j < FINE_KEYS_PER_COARSE; ++j) {
+    for (unsigned short j = 0; j < FINE_KEYS_PER_COARSE && m_oSocket.IsOpen(); ++j) {
         unsigned short key = static_cast<unsigned short>(i_usCoarseKey + COARSE_KEYS * j);
         int first = read_all_device_with_10000(&m_oSocket, key, o_devices, i_iRetries, true);
         if (first == SearchSilent || first == SearchCollision)
@@ -279,6 +284,8 @@ kesEError kesEnergySystem::old_find_all_devices(kesArray<kesEnergyDevice>* o_dev
     if (result != kesErrorOk)
         return result;
     for (unsigned short i = 0; i < COARSE_KEYS; ++i) {
+        if (!m_oSocket.IsOpen())
+            return report(kesErrorFailed, CHANNEL_LOST, __func__, __LINE__);
         int first = read_all_device_with_100(&m_oSocket, i, o_devices, i_iRetries, true);
         if (first == SearchSilent)
             continue;
@@ -303,8 +310,11 @@ kesEError kesEnergySystem::find_all_devices_10000(kesArray<kesEnergyDevice>* o_d
         return result;
     // Fine keys end at 9999.
     int count = i_iCount < FINE_KEYS ? i_iCount : FINE_KEYS;
-    for (int key = 0; key < count; ++key)
+    for (int key = 0; key < count; ++key) {
+        if (!m_oSocket.IsOpen())
+            return report(kesErrorFailed, CHANNEL_LOST, __func__, __LINE__);
         read_all_device_with_10000(&m_oSocket, static_cast<unsigned short>(key), o_devices, 1, true);
+    }
     o_devices->Unique(nullptr, nullptr);
     return kesErrorOk;
 }

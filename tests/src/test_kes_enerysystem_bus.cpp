@@ -616,6 +616,25 @@ TEST_F(BusTest, FineKeySearch)
     EXPECT_EQ((std::vector<unsigned int>{10012, 20004}), serials_of(devices));
 }
 
+TEST_F(BusTest, LostGatewayEndsTheSearch)
+{
+    const std::function<kesEError(BusSystem&, kesArray<kesEnergyDevice>*)> searches[] = {
+        [](BusSystem& s, kesArray<kesEnergyDevice>* d) { return s.FindAllDevices(d); },
+        [](BusSystem& s, kesArray<kesEnergyDevice>* d) { return s.old_find_all_devices(d, 0, 2); },
+        [](BusSystem& s, kesArray<kesEnergyDevice>* d) { return s.find_all_devices_10000(d, 10000); },
+    };
+    for (const auto& search : searches) {
+        Open();
+        m_system.ShortenReceiveTimeOut();
+        m_log.Clear();
+        m_gateway.PushFault(TestGateway::MakeFault(TestGateway::FaultClose));
+        kesArray<kesEnergyDevice> devices;
+        EXPECT_NE(kesErrorOk, search(m_system, &devices));
+        EXPECT_TRUE(m_log.Contains("Communication lost during the search")) << m_log.Dump();
+        EXPECT_LT(m_log.Count(), 10u) << m_log.Dump();
+    }
+}
+
 // ---------------------------------------------------------------- device report
 
 struct ReportRow {
