@@ -295,27 +295,38 @@ TEST(DaemonFaults, SigtermDuringConfigurationEndsInOrder)
     }
 }
 
-// SIGTERM while a line waits for its gateway to come back.
+// SIGTERM while a line waits for its gateway, or its serial adapter, to come
+// back.
 TEST(DaemonFaults, SigtermDuringReconnectionEndsInOrder)
 {
     kes_net_test::UdpReceiver receiver(16549);
     ASSERT_EQ(receiver.port, 16549) << "the datagram port is taken";
-    kes_test::TestGateway gateway;
-    ASSERT_TRUE(gateway.Start());
-    gateway.SetRegisters(2, 300, {2305, 150});
-    kes_test::TempDir dir;
-    kes_test::WriteFile(dir.File("conf.xml"), "<energy><line id=\"1\" adr=\"" + gateway.GetAddress() + "\">" +
-                                                  value(2, 3, 1301, 0) + "</line></energy>");
-    keep_descriptors_from_children();
-    kes_test::ChildProcess daemon;
-    ASSERT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir",
-                              dir.Path() + "/"}));
-    std::string datagram;
-    ASSERT_TRUE(receiver.Receive(&datagram, 3000)) << daemon.Output();
-    gateway.Stop();
-    EXPECT_TRUE(daemon.WaitForOutput("Can not start line 1", 4000)) << daemon.Output();
-    daemon.Signal(SIGTERM);
-    EXPECT_EQ(daemon.Wait(4000), 0) << daemon.Output();
+    const bool serialCases[] = {false, true};
+    for (bool serial : serialCases) {
+        SCOPED_TRACE(serial ? "serial adapter" : "TCP gateway");
+        kes_test::TempDir dir;
+        ASSERT_EQ(mkdir(dir.File("dev").c_str(), 0755), 0);
+        std::string address =
+            serial ? dir.File("dev/ttyUSB0") : "127.0.0.1:" + std::to_string(free_port());
+        kes_test::WriteFile(dir.File("conf.xml"), "<energy><line id=\"1\" adr=\"" + address + "\">" +
+                                                      value(2, 3, 1301, 0) + "</line></energy>");
+        keep_descriptors_from_children();
+        kes_test::ChildProcess sim;
+        ASSERT_TRUE(sim.Start({kes_test::BinPath("kes_bus_sim"), "-conf", dir.File("conf.xml")}));
+        ASSERT_TRUE(sim.WaitForOutput("ready", 5000)) << sim.Output();
+        kes_test::ChildProcess daemon;
+        ASSERT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir",
+                                  dir.Path() + "/"}));
+        std::string datagram;
+        ASSERT_TRUE(receiver.Receive(&datagram, 3000)) << daemon.Output();
+        sim.Signal(SIGTERM);
+        EXPECT_EQ(sim.Wait(5000), 0) << sim.Output();
+        EXPECT_TRUE(daemon.WaitForOutput("Can not start line 1", 4000)) << daemon.Output();
+        daemon.Signal(SIGTERM);
+        EXPECT_EQ(daemon.Wait(4000), 0) << daemon.Output();
+        while (receiver.Receive(&datagram, 0)) {
+        }
+    }
 }
 
 } // namespace
