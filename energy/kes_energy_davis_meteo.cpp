@@ -167,7 +167,15 @@ void kesEnergyDavisMeteo::thread_proc(kesOsThread* i_pThread, void* i_pClient)
             record.clear();
             inRecord = false;
         } else if (inRecord) {
-            record.push_back(byte);
+            // A station record is about a hundred bytes: a "<" never closed must
+            // not grow the buffer for the rest of the daemon's life.
+            if (record.size() >= MAX_RECORD_SIZE) {
+                KES_LOG(kesErrorWarning, "Weather record without end dropped");
+                record.clear();
+                inRecord = false;
+            } else {
+                record.push_back(byte);
+            }
         }
     } while (i_pThread->WaitContinue(client->m_uBytePause));
 }

@@ -19,6 +19,7 @@ public:
     // the client's cost near zero; the gateway's bursts wait in the socket.
     static constexpr unsigned int BYTE_PAUSE_MS = 100;
     static constexpr unsigned int RECEIVE_TIMEOUT_MS = 250;
+    static constexpr unsigned int MAX_RECORD_SIZE = 4096;
     static constexpr unsigned int THREAD_STACK_SIZE = 524288;
 
     // i_uBytePause exists for tests, which cannot wait 100 ms per byte.

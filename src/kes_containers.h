@@ -48,8 +48,8 @@ class kesList : public std::list<T> {};
 template <typename T>
 class kesSingletonInherited {
 public:
-    // The derived object is not built yet, which a polymorphic T makes the
-    // sanitizer's type check refuse; the address itself is already right.
+    // The derived object is not built yet, so the sanitizer's type check of this
+    // cast would fail; the address itself is all that is taken here.
     __attribute__((no_sanitize("vptr"))) kesSingletonInherited() { _instance = static_cast<T*>(this); }
     ~kesSingletonInherited() { _instance = nullptr; }
     static T* _instance;

@@ -40,16 +40,16 @@ struct kesMeasurementRead {
 
 namespace {
 
-const kesRegisterField PANEL_FIELDS[] = {{0, kesRegisterScaled, 0.01f}, {1, kesRegisterScaled, 0.1f}};
+constexpr kesRegisterField PANEL_FIELDS[] = {{0, kesRegisterScaled, 0.01f}, {1, kesRegisterScaled, 0.1f}};
 
-const kesRegisterField STRING_FIELDS[] = {{0, kesRegisterScaled, 0.1f}, {1, kesRegisterScaled, 0.01f},
+constexpr kesRegisterField STRING_FIELDS[] = {{0, kesRegisterScaled, 0.1f}, {1, kesRegisterScaled, 0.01f},
                                           {2, kesRegisterScaled, 0.01f}, {3, kesRegisterScaled, 0.01f},
                                           {4, kesRegisterScaled, 0.01f}};
 
-const kesRegisterField PULSE_FIELDS[] = {
+constexpr kesRegisterField PULSE_FIELDS[] = {
     {0, kesRegisterLong, 0}, {2, kesRegisterWord, 0}, {3, kesRegisterLong, 0}, {5, kesRegisterWord, 0}};
 
-const kesRegisterField PULSE_FIVE_FIELDS[] = {
+constexpr kesRegisterField PULSE_FIVE_FIELDS[] = {
     {0, kesRegisterLong, 0},  {2, kesRegisterWord, 0},  {3, kesRegisterLong, 0},
     {5, kesRegisterLong, 0},  {7, kesRegisterWord, 0},  {8, kesRegisterLong, 0},
     {10, kesRegisterLong, 0}, {12, kesRegisterWord, 0}, {13, kesRegisterLong, 0},
@@ -65,11 +65,21 @@ constexpr bool is_consistent(unsigned short i_usRegisters, unsigned int i_uiRepl
     return i_uiReply == 2u * i_usRegisters + 5u && i_uiData == 2u * i_usRegisters;
 }
 
+// Every decoded register lies inside the data of the reply.
+constexpr bool fields_fit(const kesRegisterField* i_pFields, unsigned int i_uiCount, unsigned short i_usRegisters)
+{
+    for (unsigned int i = 0; i < i_uiCount; ++i)
+        if (i_pFields[i].offset + (i_pFields[i].kind == kesRegisterLong ? 2u : 1u) > i_usRegisters)
+            return false;
+    return true;
+}
+
 } // namespace
 
 #define KES_MEASUREMENT_READ(name, unit, registers, reply, data, fields, count, failure)        \
     static_assert(is_consistent(registers, reply, data), "reply shape of " #name);             \
     static_assert(count <= sizeof(fields) / sizeof(fields[0]), "fields of " #name);            \
+    static_assert(fields_fit(fields, count, registers), "registers of " #name);                \
     const kesMeasurementRead name = {unit, 0, registers, reply, data, fields, count, failure}
 
 KES_MEASUREMENT_READ(PANEL_READ, kesEnergyDevicePanel, 2, 9, 4, PANEL_FIELDS, 2, VOLT_TEMP_FAILURE);

@@ -258,6 +258,118 @@ private:
     unsigned int m_uiReceiveTimeOut;
     unsigned int m_uiAnswerPause;
     unsigned int m_uiFailurePause;
+
+    // ---- identity, alarm device, addressing, discovery and device report
+public:
+    // Identity texts come back at the full length of their field, zero bytes
+    // and padding included.
+#define KES_IDENTITY_READS(WORD)                                                \
+    kesEError Read##WORD##Model(unsigned short i_usAddress, kesString* o_pData);    \
+    kesEError Read##WORD##Serial(unsigned short i_usAddress, kesString* o_pData);   \
+    kesEError Read##WORD##TestDate(unsigned short i_usAddress, kesString* o_pData);
+    KES_IDENTITY_READS(Panel)
+    KES_IDENTITY_READS(String)
+    KES_IDENTITY_READS(StringOne)
+    KES_IDENTITY_READS(StringTwo)
+    KES_IDENTITY_READS(StringThree)
+    KES_IDENTITY_READS(StringFour)
+    KES_IDENTITY_READS(Ambient)
+    KES_IDENTITY_READS(Alarm)
+    KES_IDENTITY_READS(PulseCounter)
+    KES_IDENTITY_READS(PulseCounterTwo)
+    KES_IDENTITY_READS(PulseCounterFive)
+#undef KES_IDENTITY_READS
+
+    // Data sheet of a panel; any output may be null.
+    kesEError ReadPanelFlash(unsigned short i_usAddress, float* o_pOpenVoltage, float* o_pOpenAmpere,
+                             float* o_pMaxPower, float* o_pMaxVoltage, float* o_pMaxAmpere, float* o_pEfficiency,
+                             unsigned int* o_pCells, unsigned int* o_pPanels);
+
+    // While a check cycle runs the status and the power keep what they held.
+    kesEError ReadAlarmStatus(unsigned short i_usAddress, unsigned char* o_pCycle, unsigned char* o_pStatus,
+                              unsigned short* o_pPower);
+    kesEError SetupAlarmTuning(unsigned short i_usAddress, unsigned short i_usTuning1, unsigned short i_usTuning2,
+                               unsigned short i_usTuning3);
+    // A cycle still running after i_uiTimeOut is no failure: o_pCycle stays 1.
+    kesEError ControlAlarmDevice(unsigned short i_usAddress, unsigned int i_uiTimeOut, unsigned short i_usTuning1,
+                                 unsigned short i_usTuning2, unsigned short i_usTuning3, unsigned char* o_pCycle,
+                                 unsigned char* o_pStatus, unsigned short* o_pPower);
+
+    kesEError EnableAllDeviceFind();
+    kesEError MuteDeviceBySerial(unsigned int i_uiSerial);
+    // Module numbers 1 to 100 only.
+    kesEError SetDeviceAddress(unsigned int i_uiSerial, unsigned char i_ucAddress);
+    // Numbers the devices from i_ucOffset (1 when 0) in the order of the list.
+    // A list whose numbers would run past 255 is refused whole.
+    kesEError SetDevicesAddresses(unsigned char i_ucOffset, kesArray<kesEnergyDevice>* io_devices);
+
+    kesEError FindAllDevices(kesArray<kesEnergyDevice>* o_devices);
+    bool FindDeviceBySerial(unsigned int i_uiSerial, kesEnergyDevice* io_pDevice);
+
+    // Appends the report of one device to o_strData.
+    kesEError GetDeviceInfo(const kesEnergyDevice* i_pDevice, kesString* o_strData);
+
+    // How often FindAllDevices asks one key again after answers, so that a
+    // device that keeps answering cannot hold the search.
+    static const unsigned int MAX_ROUNDS_PER_KEY = 100;
+
+    // Results of one search exchange besides the reply length.
+    enum ESearchResult { SearchSilent = -1, SearchCollision = -2, SearchOtherLength = -3 };
+
+protected:
+    // Search for buses whose devices cannot be muted, and the plain fine-key
+    // search; both sort the result by serial number.
+    kesEError old_find_all_devices(kesArray<kesEnergyDevice>* o_devices, int i_iRetries, int i_iChecks);
+    kesEError find_all_devices_10000(kesArray<kesEnergyDevice>* o_devices, int i_iCount);
+    int read_all_device_with_100(kesEnergySocket* io_pChannel, unsigned short i_usSearchKey,
+                                 kesArray<kesEnergyDevice>* o_devices, int i_iRetries, bool i_bNotify);
+    int read_all_device_with_10000(kesEnergySocket* io_pChannel, unsigned short i_usSearchKey,
+                                   kesArray<kesEnergyDevice>* o_devices, int i_iRetries, bool i_bNotify);
+
+    kesEError enable_alldevices(kesEnergySocket* io_pChannel);
+    kesEError mute_device(kesEnergySocket* io_pChannel, unsigned int i_uiSerial);
+    // 0, 1 when the device refused, or a reported code.
+    kesEError set_address_by_serial(kesEnergySocket* io_pChannel, unsigned int i_uiSerial, unsigned char i_ucAddress);
+
+private:
+    kesEError read_response_model(kesEnergySocket* io_pChannel, kesEEnergyDeviceType i_eType,
+                                  unsigned short i_usAddress, kesString* o_pData, unsigned char i_ucOffset);
+    kesEError read_response_serial(kesEnergySocket* io_pChannel, kesEEnergyDeviceType i_eType,
+                                   unsigned short i_usAddress, kesString* o_pData, unsigned char i_ucOffset);
+    kesEError read_response_test_date(kesEnergySocket* io_pChannel, kesEEnergyDeviceType i_eType,
+                                      unsigned short i_usAddress, kesString* o_pData, unsigned char i_ucOffset);
+    kesEError read_response_panel_flash(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
+                                        float* o_pOpenVoltage, float* o_pOpenAmpere, float* o_pMaxPower,
+                                        float* o_pMaxVoltage, float* o_pMaxAmpere, float* o_pEfficiency,
+                                        unsigned int* o_pCells, unsigned int* o_pPanels);
+    kesEError read_response_alarm_status(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
+                                         unsigned char* o_pCycle, unsigned char* o_pStatus,
+                                         unsigned short* o_pPower);
+    kesEError setup_alarm_device_tuning(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
+                                        unsigned short i_usTuning1, unsigned short i_usTuning2,
+                                        unsigned short i_usTuning3);
+
+    // One identity read: field i_uiField of the identity table (model, serial
+    // text, test date) of the device type.
+    kesEError read_identity(unsigned int i_uiField, kesEEnergyDeviceType i_eType, unsigned short i_usAddress,
+                            kesString* o_pData, const char* i_szFunction);
+    kesEError read_text(kesEnergySocket* io_pChannel, unsigned int i_uiField, kesEEnergyDeviceType i_eType,
+                        unsigned short i_usAddress, kesString* o_pData, unsigned char i_ucOffset,
+                        const char* i_szFunction);
+    // One coarse (i_bFine false) or fine search exchange.
+    int search(kesEnergySocket* io_pChannel, bool i_bFine, unsigned short i_usSearchKey,
+               kesArray<kesEnergyDevice>* o_devices, int i_iRetries, bool i_bNotify);
+    // Asks one key again while it brings new devices; false when no answer
+    // brought one.
+    bool search_key_until_silent(bool i_bFine, unsigned short i_usSearchKey, kesArray<kesEnergyDevice>* o_devices,
+                                 int* o_pLast);
+    // The hundred fine keys under one coarse key; true when one brought a
+    // device.
+    bool search_fine_keys(unsigned short i_usCoarseKey, kesArray<kesEnergyDevice>* o_devices,
+                          bool i_bReportCollisions);
+    kesEError check_find_arguments(kesArray<kesEnergyDevice>* o_devices, const char* i_szFunction);
+    void old_fine_scan(unsigned short i_usCoarseKey, kesArray<kesEnergyDevice>* o_devices, int i_iRetries,
+                       int i_iChecks);
 };
 
 } // namespace kes

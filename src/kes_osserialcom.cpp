@@ -335,7 +335,8 @@ bool kesOsSerialCom::IsReadyToReceive(unsigned int i_milliseconds) const
         report(kesErrorFailed, with_std_error("select(...) failed", errno), "IsReadyToReceive", __LINE__);
         return false;
     }
-    return result > 0 && (entry.revents & POLLIN) != 0;
+    // a hung-up line counts as readable, as select has it: the read then tells
+    return result > 0;
 }
 
 kesEError kesOsSerialCom::get_modem_line(int i_line, unsigned char* o_pValue, const char* i_function) const

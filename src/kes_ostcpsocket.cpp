@@ -33,6 +33,8 @@ kesString with_std_error(const char* i_message, int i_errno)
 
 const char* const SOCKET_IS_INVALID = "Socket is invalid.";
 const char* const SOCKET_IS_CLOSE = "Socket is close.";
+// a peer that never stops talking must not hold FlushReceive forever
+const unsigned int FLUSH_MAX_BYTES = 65536;
 
 } // namespace
 
@@ -359,7 +361,9 @@ kesEError kesOsTcpSocket::FlushReceive(unsigned int i_milliseconds, int* o_pCoun
         return report(kesErrorNetwork, "Can not set receive timeout", "FlushReceive", __LINE__);
 
     unsigned int last = kesTime::GetTime();
-    while (kesTime::GetTime() - last < i_milliseconds && IsReadyToReceive(i_milliseconds))
+    for (unsigned int count = 0; count < FLUSH_MAX_BYTES && kesTime::GetTime() - last < i_milliseconds &&
+                                 IsReadyToReceive(i_milliseconds);
+         ++count)
     {
         unsigned char dropped = 0;
         if (Receive(&dropped, 1, nullptr) < 1)

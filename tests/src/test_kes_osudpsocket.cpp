@@ -1,6 +1,7 @@
+#include "kes_osudpsocket.h"
+
 #include "datagram_receiver.h"
 #include "error_capture.h"
-#include "kes_osudpsocket.h"
 
 #include <gtest/gtest.h>
 
@@ -11,12 +12,11 @@
 namespace {
 
 using kes::kesOsUdpSocket;
-using kes::kesString;
 using kes_test::DatagramReceiver;
 
 struct DestinationCase {
     const char* name;
-    const char* address; // "%u" is the receiver's port
+    std::string address; // the receiver's port follows when portInAddress
     bool portInAddress;
 };
 
@@ -25,101 +25,55 @@ std::ostream& operator<<(std::ostream& out, const DestinationCase& c)
     return out << c.name;
 }
 
-std::string Fill(const char* pattern, unsigned short port)
-{
-    std::string text = pattern;
-    size_t at = text.find("%u");
-    if (at != std::string::npos)
-        text.replace(at, 2, std::to_string(port));
-    return text;
-}
-
 class UdpSocketDestination : public ::testing::TestWithParam<DestinationCase> {};
 
-TEST_P(UdpSocketDestination, DatagramReachesTheReceiver)
+TEST_P(UdpSocketDestination, DatagramsReachTheReceiverWhole)
 {
     const DestinationCase& c = GetParam();
     DatagramReceiver receiver;
     kesOsUdpSocket socket;
-    // a port in the address wins over the argument, which then points nowhere
+    // a port in the address wins over the argument, which then points elsewhere
+    std::string address = c.portInAddress ? c.address + std::to_string(receiver.Port()) : c.address;
     unsigned short argument = c.portInAddress ? static_cast<unsigned short>(receiver.Port() ^ 1) : receiver.Port();
-    ASSERT_EQ(socket.SetTo(Fill(c.address, receiver.Port()).c_str(), argument), kes::kesErrorOk);
-    ASSERT_EQ(socket.Send("ping", 4), 4);
-    std::string datagram;
-    ASSERT_TRUE(receiver.Receive(&datagram));
-    EXPECT_EQ(datagram, "ping");
-}
-
-INSTANTIATE_TEST_SUITE_P(Addresses, UdpSocketDestination,
-                         ::testing::Values(DestinationCase{"dotted_with_port", "127.0.0.1:%u", true},
-                                           DestinationCase{"blanks_around_host", "  127.0.0.1 :%u", true},
-                                           DestinationCase{"dotted_port_argument", "127.0.0.1", false},
-                                           DestinationCase{"name_port_argument", "localhost", false},
-                                           DestinationCase{"name_with_port", "localhost:%u", true}),
-                         [](const ::testing::TestParamInfo<DestinationCase>& info) {
-                             return std::string(info.param.name);
-                         });
-
-TEST(UdpSocket, EmptyDatagramIsSent)
-{
-    DatagramReceiver receiver;
-    kesOsUdpSocket socket;
-    ASSERT_EQ(socket.SetTo("127.0.0.1", receiver.Port()), kes::kesErrorOk);
-    EXPECT_EQ(socket.Send("", 0), 0);
-    std::string datagram = "not empty";
-    ASSERT_TRUE(receiver.Receive(&datagram));
-    EXPECT_EQ(datagram, "");
-}
-
-TEST(UdpSocket, EachSendIsOneWholeDatagram)
-{
-    DatagramReceiver receiver;
-    kesOsUdpSocket socket;
-    ASSERT_EQ(socket.SetTo("127.0.0.1", receiver.Port()), kes::kesErrorOk);
+    ASSERT_EQ(socket.SetTo(address.c_str(), argument), kes::kesErrorOk);
     std::string big(1400, 'x');
-    ASSERT_EQ(socket.Send(big.data(), static_cast<unsigned int>(big.size())), 1400);
-    ASSERT_EQ(socket.Send("tail", 4), 4);
+    EXPECT_EQ(socket.Send(big.data(), 1400), 1400);
+    EXPECT_EQ(socket.Send("", 0), 0);
     std::string first, second;
     ASSERT_TRUE(receiver.Receive(&first));
     ASSERT_TRUE(receiver.Receive(&second));
     EXPECT_EQ(first, big);
-    EXPECT_EQ(second, "tail");
+    EXPECT_EQ(second, "");
 }
 
-TEST(UdpSocket, CloseWithNothingSentIsSilentAndRepeatable)
-{
-    kes_test::ErrorCapture captured;
-    kesOsUdpSocket socket;
-    EXPECT_TRUE(socket.IsValid());
-    EXPECT_EQ(socket.GetType(), kes::kesOsSocketTypeUdp);
-    EXPECT_EQ(socket.Close(), kes::kesErrorOk);
-    EXPECT_FALSE(socket.IsValid());
-    EXPECT_EQ(socket.Close(), kes::kesErrorOk);
-    EXPECT_EQ(captured.Count(), 0u) << captured.Dump();
-}
+INSTANTIATE_TEST_SUITE_P(Addresses, UdpSocketDestination,
+                         ::testing::Values(DestinationCase{"dotted_with_port", "127.0.0.1:", true},
+                                           DestinationCase{"blanks_around_host", "  127.0.0.1 :", true},
+                                           DestinationCase{"dotted", "127.0.0.1", false},
+                                           DestinationCase{"name", "localhost", false},
+                                           DestinationCase{"name_with_port", "localhost:", true}),
+                         [](const ::testing::TestParamInfo<DestinationCase>& info) {
+                             return info.param.name;
+                         });
 
-TEST(UdpSocket, ClosedSocketRefusesEveryOperationWithAReport)
-{
-    kes_test::ErrorCapture captured;
-    kesOsUdpSocket socket;
-    ASSERT_EQ(socket.Close(), kes::kesErrorOk);
-    EXPECT_EQ(socket.Send("x", 1), -1);
-    EXPECT_FALSE(socket.SetReceiveTimeOut(100));
-    EXPECT_FALSE(socket.SetSendTimeOut(100));
-    EXPECT_EQ(socket.GetReceiveTimeOut(), 0u);
-    EXPECT_EQ(socket.GetSendTimeOut(), 0u);
-    EXPECT_EQ(socket.GetMaxMessageSize(), 0u);
-    EXPECT_EQ(captured.CountContaining("Socket is invalid."), 6u);
-    EXPECT_FALSE(socket.IsReadyToSend(0));
-    EXPECT_FALSE(socket.IsReadyToReceive(0));
-    EXPECT_EQ(captured.CountContaining("Socket is not valid."), 2u);
-}
-
-TEST(UdpSocket, ResetAfterCloseSendsAgain)
+TEST(UdpSocket, CloseIsSilentAndRepeatableThenEverythingIsRefusedUntilReset)
 {
     DatagramReceiver receiver;
     kesOsUdpSocket socket;
-    ASSERT_EQ(socket.Close(), kes::kesErrorOk);
+    {
+        kes_test::ErrorCapture captured;
+        EXPECT_EQ(socket.Close(), kes::kesErrorOk);
+        EXPECT_EQ(socket.Close(), kes::kesErrorOk);
+        EXPECT_EQ(captured.Count(), 0u) << captured.Dump();
+
+        EXPECT_EQ(socket.Send("x", 1), -1);
+        EXPECT_FALSE(socket.SetReceiveTimeOut(100));
+        EXPECT_EQ(socket.GetSendTimeOut(), 0u);
+        EXPECT_EQ(socket.GetMaxMessageSize(), 0u);
+        EXPECT_EQ(captured.CountContaining("Socket is invalid."), 4u);
+        EXPECT_FALSE(socket.IsReadyToSend(0));
+        EXPECT_EQ(captured.CountContaining("Socket is not valid."), 1u);
+    }
     ASSERT_EQ(socket.Reset(), kes::kesErrorOk);
     ASSERT_EQ(socket.SetTo("127.0.0.1", receiver.Port()), kes::kesErrorOk);
     EXPECT_EQ(socket.Send("again", 5), 5);
@@ -141,13 +95,12 @@ TEST(UdpSocket, UnknownHostIsReportedAndTheSendGoesNowhere)
 TEST(UdpSocket, TimeOutsReadBackAndReadinessAnswers)
 {
     kesOsUdpSocket socket;
-    EXPECT_TRUE(socket.SetReceiveTimeOut(250));
+    EXPECT_EQ(socket.GetType(), kes::kesOsSocketTypeUdp);
     // the kernel keeps the time in its own ticks: allow their rounding
+    EXPECT_TRUE(socket.SetReceiveTimeOut(250));
     EXPECT_NEAR(socket.GetReceiveTimeOut(), 250u, 20u);
     EXPECT_TRUE(socket.SetSendTimeOut(1500));
     EXPECT_NEAR(socket.GetSendTimeOut(), 1500u, 20u);
-    EXPECT_TRUE(socket.SetReceiveTimeOut(0));
-    EXPECT_EQ(socket.GetReceiveTimeOut(), 0u);
     EXPECT_GT(socket.GetMaxMessageSize(), 0u);
     EXPECT_TRUE(socket.IsReadyToSend(0));
     EXPECT_FALSE(socket.IsReadyToReceive(10));
@@ -166,7 +119,6 @@ TEST(UdpSocket, DescriptorZeroIsMovedOutOfTheWay)
         EXPECT_TRUE(socket.IsValid());
         EXPECT_EQ(socket.SetTo("127.0.0.1", receiver.Port()), kes::kesErrorOk);
         EXPECT_EQ(socket.Send("zero", 4), 4);
-        EXPECT_EQ(socket.Close(), kes::kesErrorOk);
     }
     dup2(savedInput, 0);
     close(savedInput);

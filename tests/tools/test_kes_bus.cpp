@@ -1,0 +1,205 @@
+// kes_bus run as a process against the simulated bus.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "kes_enerysystem.h"
+#include "test_gateway_bus.h"
+#include "test_process.h"
+
+using kes_test::BinPath;
+using kes_test::ChildProcess;
+using kes_test::TestBusGateway;
+
+namespace {
+
+const char* const HELP_TITLE = "Kes. Bus Command Help";
+
+struct ToolRun {
+    int status;
+    std::string output;
+};
+
+ToolRun run_kes_bus(const std::vector<std::string>& i_arguments, unsigned int i_timeoutMs = 10000)
+{
+    std::vector<std::string> argv = {BinPath("kes_bus")};
+    argv.insert(argv.end(), i_arguments.begin(), i_arguments.end());
+    ChildProcess child;
+    ToolRun run = {-1, std::string()};
+    if (!child.Start(argv))
+        return run;
+    run.status = child.Wait(i_timeoutMs);
+    run.output = child.Output();
+    return run;
+}
+
+// The engine's floors: a silent search key costs two frames of 50 ms.
+std::vector<std::string> fast(const TestBusGateway& i_gateway, std::vector<std::string> i_command)
+{
+    std::vector<std::string> arguments = {"-adr",    i_gateway.GetAddress(), "-timeout", "50",      "-answer",
+                                          "5",       "-failure",             "30",       "-attempts", "1"};
+    arguments.insert(arguments.end(), i_command.begin(), i_command.end());
+    return arguments;
+}
+
+bool contains(const std::string& i_text, const std::string& i_part)
+{
+    return i_text.find(i_part) != std::string::npos;
+}
+
+TEST(KesBusTool, HelpAndBadArguments)
+{
+    ToolRun help = run_kes_bus({"-h"});
+    EXPECT_EQ(0, help.status);
+    EXPECT_TRUE(contains(help.output, HELP_TITLE));
+
+    struct Row {
+        std::vector<std::string> arguments;
+        const char* error;
+    };
+    const Row rows[] = {
+        {{"scan"}, "kes_bus: -adr ADDRESS is required\n"},
+        {{"-adr", "127.0.0.1:1"}, "kes_bus: No command given\n"},
+        {{"-adr", "127.0.0.1:1", "sing"}, "kes_bus: Unknown command \"sing\"\n"},
+        {{"-adr", "127.0.0.1:1", "read", "1"}, "kes_bus: Wrong number of arguments for read\n"},
+        {{"-adr", "127.0.0.1:1", "read", "Lamp", "3"}, "TYPE must be a number from 1 to 11 or a device type name"},
+        {{"-adr", "127.0.0.1:1", "read", "0", "3"}, "TYPE must be"},
+        {{"-adr", "127.0.0.1:1", "info", "panel", "256"}, "MID must be a number from 0 to 255: \"256\""},
+        {{"-adr", "127.0.0.1:1", "read", "ambient", "3"}, "An Ambient device has no measurement to read"},
+        {{"-adr", "127.0.0.1:1", "mute", "12x"}, "SERIAL must be a number"},
+        {{"-adr", "127.0.0.1:1", "find", "-5"}, "Option -5 needs a value"},
+        {{"-adr", "127.0.0.1:1", "set-address", "7", "101"}, "MID must be a number from 1 to 100"},
+        {{"-adr", "127.0.0.1:1", "alarm", "1", "2", "3", "70000"}, "T3 must be a number from 0 to 65535"},
+        {{"-adr", "127.0.0.1:1", "-speed", "9600", "scan"}, "kes_bus: Unknown option -speed\n"},
+        {{"-adr", "127.0.0.1:1", "-timeout", "soon", "scan"}, "Option -timeout takes a number"},
+        {{"-adr", "127.0.0.1:1", "scan-fine", "10001"}, "COUNT must be a number from 1 to 10000"},
+    };
+    for (const Row& row : rows) {
+        ToolRun run = run_kes_bus(row.arguments);
+        EXPECT_EQ(2, run.status) << row.error;
+        EXPECT_TRUE(contains(run.output, row.error)) << run.output;
+        EXPECT_TRUE(contains(run.output, HELP_TITLE)) << row.error;
+        // one line of error before the help
+        EXPECT_EQ(0u, run.output.find("kes_bus: ")) << run.output;
+    }
+}
+
+TEST(KesBusTool, UnreachableBusFails)
+{
+    TestBusGateway gateway;
+    ASSERT_TRUE(gateway.Start());
+    std::string address = gateway.GetAddress();
+    gateway.Stop();
+    ToolRun run = run_kes_bus({"-adr", address, "enable"});
+    EXPECT_EQ(2, run.status);
+    EXPECT_TRUE(contains(run.output, "Can not open the bus at " + address)) << run.output;
+    EXPECT_FALSE(contains(run.output, HELP_TITLE));
+}
+
+TEST(KesBusTool, ReadsReportsAndAlarm)
+{
+    TestBusGateway gateway;
+    gateway.AddDevice(kes::kesEnergyDeviceString, 1001, 3);
+    gateway.SetDeviceRegisters(1001, 0, {2300, 150});
+    gateway.SetIdentity(1001, "STR-1", "SN-1001", "2024-02-03");
+    gateway.AddDevice(kes::kesEnergyDevicePulseCounterTwo, 2002, 4);
+    gateway.SetDeviceRegisters(2002, 0, {0, 1500, 3600, 1, 0, 0});
+    gateway.AddDevice(kes::kesEnergyDeviceAlarm, 3003, 5);
+    gateway.SetDeviceRegisters(3003, 0, {2300, 150, 0, 0});
+    gateway.SetAlarmCycle(3003, 2, kes::kesEnergyAlarmPowerAboveMaximum, 321);
+    ASSERT_TRUE(gateway.Start());
+
+    struct Row {
+        std::vector<std::string> command;
+        int status;
+        std::string output;
+    };
+    const Row rows[] = {
+        {{"read", "string", "3"}, 0, "[String][3]\nVoltage 230.00 V\nAmpere 1.50 A\n"},
+        {{"read", "8", "4"}, 0,
+         "[PulseCounterTwo][4]\nOA Pulse Count 1500\nOA Last Time 3600 ms\nOR Pulse Count 65536\nOR Last Time 0 ms\n"},
+        {{"info", "String", "3"}, 0,
+         "[String][3]\n"
+         "\tHardware Serial ------------:0\n"
+         "\tModbus Address -------------:300\n"
+         "\tModel ----------------------:STR-1\n"
+         "\tSerial ---------------------:SN-1001\n"
+         "\tTest Date ------------------:2024-02-03\n"
+         "\tVoltage --------------------:230.00 V\n"
+         "\tAmpere ---------------------:1.50 A\n"
+         "\tInstantaneous Power --------:345.00 W\n"},
+        {{"alarm", "5", "10", "20", "30", "-wait", "3000"}, 0,
+         "Alarm Cycle Check: Terminated\n"
+         "Alarm Status: Returned power greater than maximun, possible manumission\n"
+         "Alarm Returned Power: 321\n"},
+        {{"alarm-status", "5"}, 0,
+         "Alarm Cycle Check: Terminated\n"
+         "Alarm Status: Returned power greater than maximun, possible manumission\n"
+         "Alarm Returned Power: 321\n"},
+        {{"set-address", "0x7D1", "9"}, 0, "Device 2001 has the module number 9\n"}, // nobody has 2001
+        {{"set-address", "1001", "9"}, 0, "Device 1001 has the module number 9\n"},
+        {{"read", "String", "9"}, 0, "[String][9]\nVoltage 230.00 V\nAmpere 1.50 A\n"},
+        {{"read", "String", "3"}, 2, "Read failed\n"},
+        {{"mute", "1001"}, 0, "Device 1001 muted\n"},
+        {{"find", "1001"}, 2, "No device answers for serial 1001\n"},
+        {{"enable"}, 0, "All devices answer searches\n"},
+        {{"find", "1001"}, 0, "found [String] serial 1001 module 9\n[String] serial 1001 module 9\n"},
+    };
+    for (const Row& row : rows) {
+        ToolRun run = run_kes_bus(fast(gateway, row.command));
+        std::string what = row.command[0] + " " + (row.command.size() > 1 ? row.command[1] : "");
+        // set-address of a serial nobody has waits for its reply in vain
+        if (row.command[0] == "set-address" && row.command[1] == "0x7D1") {
+            EXPECT_EQ(2, run.status) << run.output;
+            EXPECT_TRUE(contains(run.output, "Set address failed")) << run.output;
+            continue;
+        }
+        EXPECT_EQ(row.status, run.status) << what << "\n" << run.output;
+        if (row.status == 0)
+            EXPECT_EQ(row.output, run.output) << what;
+        else
+            EXPECT_TRUE(contains(run.output, row.output)) << what << "\n" << run.output;
+    }
+    TestBusGateway::Device alarm;
+    ASSERT_TRUE(gateway.GetDevice(3003, &alarm));
+    EXPECT_EQ((std::vector<uint16_t>{1, 10, 20, 30}), alarm.tuning);
+}
+
+TEST(KesBusTool, ScanListsEveryDevice)
+{
+    TestBusGateway gateway;
+    gateway.AddDevice(kes::kesEnergyDeviceStringFour, 16909060, 9);
+    gateway.AddDevice(kes::kesEnergyDevicePanel, 12345678, 9);
+    ASSERT_TRUE(gateway.Start());
+    ToolRun run = run_kes_bus(fast(gateway, {"scan"}), 120000);
+    EXPECT_EQ(0, run.status) << run.output;
+    EXPECT_TRUE(contains(run.output, "Searching the bus at " + gateway.GetAddress())) << run.output;
+    EXPECT_TRUE(contains(run.output, "found [Panel] serial 12345678 module 9\n")) << run.output;
+    EXPECT_TRUE(contains(run.output, "\n[StringFour] serial 16909060 module 9\n[Panel] serial 12345678 module 9\n"))
+        << run.output;
+    EXPECT_TRUE(contains(run.output, "2 device(s) found\n")) << run.output;
+}
+
+TEST(KesBusTool, NumberGivesConsecutiveModuleNumbers)
+{
+    TestBusGateway gateway;
+    gateway.AddDevice(kes::kesEnergyDeviceString, 1011, 1);
+    gateway.AddDevice(kes::kesEnergyDeviceAlarm, 2022, 1);
+    gateway.AddDevice(kes::kesEnergyDevicePulseCounter, 3033, 1);
+    ASSERT_TRUE(gateway.Start());
+    ToolRun run = run_kes_bus(fast(gateway, {"number", "5"}), 120000);
+    EXPECT_EQ(0, run.status) << run.output;
+    EXPECT_TRUE(contains(run.output, "[String] serial 1011 module 1 -> 5\n"
+                                     "[Alarm] serial 2022 module 1 -> 6\n"
+                                     "[PulseCounter] serial 3033 module 1 -> 7\n"))
+        << run.output;
+    const unsigned int serials[] = {1011, 2022, 3033};
+    for (unsigned int i = 0; i < 3; ++i) {
+        TestBusGateway::Device device;
+        ASSERT_TRUE(gateway.GetDevice(serials[i], &device));
+        EXPECT_EQ(5 + i, device.module);
+    }
+}
+
+} // namespace

@@ -1,0 +1,468 @@
+#include "kes_bus_tool.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+namespace kes {
+
+namespace {
+
+const unsigned int MAX_MODULE_NUMBER = 255;
+const unsigned int FINE_KEYS = 10000;
+
+struct kesBusContext {
+    const kesBusOptions* options;
+    const std::vector<std::string>* arguments;
+    kesBusTool* tool;
+    std::string* error;
+};
+
+kesEBusOutcome bad(kesBusContext& io_context, const std::string& i_text)
+{
+    *io_context.error = i_text;
+    return kesBusBadArguments;
+}
+
+// Decimal, or hexadecimal with 0x; nothing else may follow the number.
+bool parse_unsigned(const std::string& i_text, unsigned long i_max, unsigned long* o_value)
+{
+    if (i_text.empty() || i_text[0] == '-' || i_text[0] == '+' || i_text[0] == ' ')
+        return false;
+    errno = 0;
+    char* end = nullptr;
+    bool hex = i_text.size() > 2 && i_text[0] == '0' && (i_text[1] == 'x' || i_text[1] == 'X');
+    unsigned long long value = strtoull(i_text.c_str() + (hex ? 2 : 0), &end, hex ? 16 : 10);
+    if (errno != 0 || !end || *end != '\0' || value > i_max)
+        return false;
+    *o_value = static_cast<unsigned long>(value);
+    return true;
+}
+
+bool argument(kesBusContext& io_context, size_t i_index, const char* i_name, unsigned long i_min,
+              unsigned long i_max, unsigned long* o_value, kesEBusOutcome* o_outcome)
+{
+    const std::string& text = (*io_context.arguments)[i_index];
+    if (parse_unsigned(text, i_max, o_value) && *o_value >= i_min)
+        return true;
+    *o_outcome = bad(io_context, std::string(i_name) + " must be a number from " + std::to_string(i_min) + " to " +
+                                     std::to_string(i_max) + ": \"" + text + "\"");
+    return false;
+}
+
+bool type_argument(kesBusContext& io_context, size_t i_index, kesEEnergyDeviceType* o_type,
+                   kesEBusOutcome* o_outcome)
+{
+    const std::string& text = (*io_context.arguments)[i_index];
+    unsigned long number = 0;
+    if (parse_unsigned(text, kesEnergyDeviceStringThree, &number) && number >= kesEnergyDevicePanel) {
+        *o_type = static_cast<kesEEnergyDeviceType>(number);
+        return true;
+    }
+    for (unsigned int type = kesEnergyDevicePanel; type <= kesEnergyDeviceStringThree; ++type) {
+        if (kesEnergySystem::DeviceTypeToTypeName(static_cast<kesEEnergyDeviceType>(type)).IsEqualNoCase(text)) {
+            *o_type = static_cast<kesEEnergyDeviceType>(type);
+            return true;
+        }
+    }
+    *o_outcome = bad(io_context, "TYPE must be a number from 1 to 11 or a device type name: \"" + text + "\"");
+    return false;
+}
+
+kesEBusOutcome open(kesBusContext& io_context)
+{
+    const kesBusOptions& options = *io_context.options;
+    kesEnergySystem::EXECUTION_COUNT = static_cast<unsigned char>(options.attempts);
+    if (io_context.tool->OpenCommunication(options.address.c_str(), 0, options.receiveTimeOut, options.answerPause,
+                                           options.failurePause) != kesErrorOk) {
+        fprintf(stderr, "Can not open the bus at %s\n", options.address.c_str());
+        return kesBusFailed;
+    }
+    return kesBusOk;
+}
+
+kesEBusOutcome failed(const char* i_szWhat)
+{
+    fprintf(stderr, "%s\n", i_szWhat);
+    return kesBusFailed;
+}
+
+// ---------------------------------------------------------------- read
+
+struct kesReadValue {
+    std::string label;
+    double value;
+    const char* unit; // null for a count
+};
+
+kesEError read_values(kesBusTool& io_tool, kesEEnergyDeviceType i_type, unsigned short i_address,
+                      std::vector<kesReadValue>* o_values)
+{
+    float f[5] = {0, 0, 0, 0, 0};
+    unsigned int counts[5] = {0, 0, 0, 0, 0}, seconds[5] = {0, 0, 0, 0, 0};
+    unsigned short times[5] = {0, 0, 0, 0, 0};
+    kesEError result = kesErrorOk;
+    int amperes = 0;
+    switch (i_type) {
+    case kesEnergyDevicePanel:
+        result = io_tool.ReadPanelVoltTemp(i_address, &f[0], &f[1]);
+        *o_values = {{"Voltage", f[0], "V"}, {"Temperature", f[1], "°C"}};
+        return result;
+    case kesEnergyDeviceString:
+        result = io_tool.ReadStringVoltAmpere(i_address, &f[0], &f[1]);
+        amperes = 1;
+        break;
+    case kesEnergyDeviceStringOne:
+        result = io_tool.ReadStringOneVoltAmpere(i_address, &f[0], &f[1]);
+        amperes = 1;
+        break;
+    case kesEnergyDeviceAlarm:
+        result = io_tool.ReadAlarmVoltAmpere(i_address, &f[0], &f[1]);
+        amperes = 1;
+        break;
+    case kesEnergyDeviceStringTwo:
+        result = io_tool.ReadStringTwoVoltAmpere(i_address, &f[0], &f[1], &f[2]);
+        amperes = 2;
+        break;
+    case kesEnergyDeviceStringThree:
+        result = io_tool.ReadStringThreeVoltAmpere(i_address, &f[0], &f[1], &f[2], &f[3]);
+        amperes = 3;
+        break;
+    case kesEnergyDeviceStringFour:
+        result = io_tool.ReadStringFourVoltAmpere(i_address, &f[0], &f[1], &f[2], &f[3], &f[4]);
+        amperes = 4;
+        break;
+    case kesEnergyDevicePulseCounter:
+    case kesEnergyDevicePulseCounterTwo:
+    case kesEnergyDevicePulseCounterFive: {
+        static const char* const ONE[] = {"O"};
+        static const char* const TWO[] = {"OA", "OR"};
+        static const char* const FIVE[] = {"IA", "IR", "15", "OA", "OR"};
+        const char* const* names = ONE;
+        unsigned int channels = 1;
+        if (i_type == kesEnergyDevicePulseCounter) {
+            result = io_tool.ReadPulseCounterData(i_address, &counts[0], &times[0]);
+        } else if (i_type == kesEnergyDevicePulseCounterTwo) {
+            result = io_tool.ReadPulseCounterTwoData(i_address, &counts[0], &times[0], &counts[1], &times[1]);
+            names = TWO;
+            channels = 2;
+        } else {
+            result = io_tool.ReadPulseCounterFiveData(
+                i_address, &counts[0], &times[0], &seconds[0], &counts[1], &times[1], &seconds[1], &counts[2],
+                &times[2], &seconds[2], &counts[3], &times[3], &seconds[3], &counts[4], &times[4], &seconds[4]);
+            names = FIVE;
+            channels = 5;
+        }
+        o_values->clear();
+        for (unsigned int i = 0; i < channels; ++i) {
+            o_values->push_back({std::string(names[i]) + " Pulse Count", static_cast<double>(counts[i]), nullptr});
+            o_values->push_back({std::string(names[i]) + " Last Time", static_cast<double>(times[i]), "ms"});
+            if (channels == 5)
+                o_values->push_back(
+                    {std::string(names[i]) + "P Pulse Count", static_cast<double>(seconds[i]), nullptr});
+        }
+        return result;
+    }
+    default:
+        return kesErrorInvalidArgument;
+    }
+    o_values->clear();
+    o_values->push_back({"Voltage", f[0], "V"});
+    for (int i = 1; i <= amperes; ++i)
+        o_values->push_back({amperes == 1 ? std::string("Ampere") : std::to_string(i) + " Ampere", f[i], "A"});
+    return result;
+}
+
+kesEBusOutcome command_read(kesBusContext& io_context)
+{
+    kesEEnergyDeviceType type;
+    unsigned long mid = 0;
+    kesEBusOutcome outcome = kesBusOk;
+    if (!type_argument(io_context, 0, &type, &outcome) ||
+        !argument(io_context, 1, "MID", 0, MAX_MODULE_NUMBER, &mid, &outcome))
+        return outcome;
+    if (type == kesEnergyDeviceAmbient)
+        return bad(io_context, "An Ambient device has no measurement to read; try info");
+    if ((outcome = open(io_context)) != kesBusOk)
+        return outcome;
+    std::vector<kesReadValue> values;
+    if (read_values(*io_context.tool, type, static_cast<unsigned short>(mid * 100), &values) != kesErrorOk)
+        return failed("Read failed");
+    printf("[%s][%lu]\n", kesEnergySystem::DeviceTypeToTypeName(type).c_str(), mid);
+    for (const kesReadValue& value : values) {
+        if (value.unit && strcmp(value.unit, "ms") != 0)
+            printf("%s %.2f %s\n", value.label.c_str(), value.value, value.unit);
+        else if (value.unit)
+            printf("%s %.0f %s\n", value.label.c_str(), value.value, value.unit);
+        else
+            printf("%s %.0f\n", value.label.c_str(), value.value);
+    }
+    return kesBusOk;
+}
+
+// ---------------------------------------------------------------- info
+
+kesEBusOutcome command_info(kesBusContext& io_context)
+{
+    kesEnergyDevice device;
+    unsigned long mid = 0;
+    kesEBusOutcome outcome = kesBusOk;
+    if (!type_argument(io_context, 0, &device.Type, &outcome) ||
+        !argument(io_context, 1, "MID", 0, MAX_MODULE_NUMBER, &mid, &outcome))
+        return outcome;
+    device.Address = static_cast<unsigned char>(mid);
+    if ((outcome = open(io_context)) != kesBusOk)
+        return outcome;
+    kesString text;
+    if (io_context.tool->GetDeviceInfo(&device, &text) != kesErrorOk)
+        return failed("Report failed");
+    fputs(text.c_str(), stdout);
+    return kesBusOk;
+}
+
+// ---------------------------------------------------------------- discovery
+
+kesEBusOutcome print_devices(const kesArray<kesEnergyDevice>& i_devices)
+{
+    for (const kesEnergyDevice& device : i_devices)
+        printf("%s\n", kesBusDeviceLine(device).c_str());
+    fprintf(stderr, "%u device(s) found\n", static_cast<unsigned int>(i_devices.size()));
+    return kesBusOk;
+}
+
+kesEBusOutcome scan(kesBusContext& io_context, int i_iFineCount, bool i_bMute)
+{
+    kesEBusOutcome outcome = open(io_context);
+    if (outcome != kesBusOk)
+        return outcome;
+    fprintf(stderr, "Searching the bus at %s...\n", io_context.options->address.c_str());
+    kesArray<kesEnergyDevice> devices;
+    kesEError result = i_iFineCount > 0 ? io_context.tool->find_all_devices_10000(&devices, i_iFineCount)
+                       : i_bMute        ? io_context.tool->FindAllDevices(&devices)
+                                        : io_context.tool->old_find_all_devices(&devices, 3, 50);
+    if (result != kesErrorOk)
+        return failed("Search failed");
+    return print_devices(devices);
+}
+
+kesEBusOutcome command_scan(kesBusContext& io_context)
+{
+    return scan(io_context, 0, true);
+}
+
+kesEBusOutcome command_scan_nomute(kesBusContext& io_context)
+{
+    return scan(io_context, 0, false);
+}
+
+kesEBusOutcome command_scan_fine(kesBusContext& io_context)
+{
+    unsigned long count = FINE_KEYS;
+    kesEBusOutcome outcome = kesBusOk;
+    if (!io_context.arguments->empty() && !argument(io_context, 0, "COUNT", 1, FINE_KEYS, &count, &outcome))
+        return outcome;
+    return scan(io_context, static_cast<int>(count), true);
+}
+
+kesEBusOutcome command_find(kesBusContext& io_context)
+{
+    unsigned long serial = 0;
+    kesEBusOutcome outcome = kesBusOk;
+    if (!argument(io_context, 0, "SERIAL", 0, 0xFFFFFFFFul, &serial, &outcome))
+        return outcome;
+    if ((outcome = open(io_context)) != kesBusOk)
+        return outcome;
+    kesEnergyDevice device;
+    if (!io_context.tool->FindDeviceBySerial(static_cast<unsigned int>(serial), &device)) {
+        fprintf(stderr, "No device answers for serial %lu\n", serial);
+        return kesBusFailed;
+    }
+    printf("%s\n", kesBusDeviceLine(device).c_str());
+    return kesBusOk;
+}
+
+// ---------------------------------------------------------------- addressing
+
+kesEBusOutcome command_enable(kesBusContext& io_context)
+{
+    kesEBusOutcome outcome = open(io_context);
+    if (outcome != kesBusOk)
+        return outcome;
+    if (io_context.tool->EnableAllDeviceFind() != kesErrorOk)
+        return failed("Enable failed");
+    printf("All devices answer searches\n");
+    return kesBusOk;
+}
+
+kesEBusOutcome command_mute(kesBusContext& io_context)
+{
+    unsigned long serial = 0;
+    kesEBusOutcome outcome = kesBusOk;
+    if (!argument(io_context, 0, "SERIAL", 0, 0xFFFFFFFFul, &serial, &outcome))
+        return outcome;
+    if ((outcome = open(io_context)) != kesBusOk)
+        return outcome;
+    if (io_context.tool->MuteDeviceBySerial(static_cast<unsigned int>(serial)) != kesErrorOk)
+        return failed("Mute failed");
+    printf("Device %lu muted\n", serial);
+    return kesBusOk;
+}
+
+kesEBusOutcome command_set_address(kesBusContext& io_context)
+{
+    unsigned long serial = 0, mid = 0;
+    kesEBusOutcome outcome = kesBusOk;
+    if (!argument(io_context, 0, "SERIAL", 0, 0xFFFFFFFFul, &serial, &outcome) ||
+        !argument(io_context, 1, "MID", 1, 100, &mid, &outcome))
+        return outcome;
+    if ((outcome = open(io_context)) != kesBusOk)
+        return outcome;
+    if (io_context.tool->SetDeviceAddress(static_cast<unsigned int>(serial), static_cast<unsigned char>(mid)) !=
+        kesErrorOk)
+        return failed("Set address failed");
+    printf("Device %lu has the module number %lu\n", serial, mid);
+    return kesBusOk;
+}
+
+kesEBusOutcome command_number(kesBusContext& io_context)
+{
+    unsigned long offset = 0;
+    kesEBusOutcome outcome = kesBusOk;
+    if (!argument(io_context, 0, "OFFSET", 0, MAX_MODULE_NUMBER, &offset, &outcome))
+        return outcome;
+    if ((outcome = open(io_context)) != kesBusOk)
+        return outcome;
+    fprintf(stderr, "Searching the bus at %s...\n", io_context.options->address.c_str());
+    kesArray<kesEnergyDevice> devices;
+    if (io_context.tool->FindAllDevices(&devices) != kesErrorOk)
+        return failed("Search failed");
+    fprintf(stderr, "%u device(s) found\n", static_cast<unsigned int>(devices.size()));
+    const kesArray<kesEnergyDevice> before = devices;
+    kesEError result = io_context.tool->SetDevicesAddresses(static_cast<unsigned char>(offset), &devices);
+    // Devices numbered before a failure keep their new numbers: show them all.
+    for (size_t i = 0; i < devices.size(); ++i)
+        printf("%s -> %u\n", kesBusDeviceLine(before[i]).c_str(), static_cast<unsigned int>(devices[i].Address));
+    if (result != kesErrorOk)
+        return failed("Numbering failed");
+    return kesBusOk;
+}
+
+// ---------------------------------------------------------------- alarm
+
+void print_alarm(unsigned char i_ucCycle, unsigned char i_ucStatus, unsigned short i_usPower)
+{
+    printf("Alarm Cycle Check: %s\n",
+           kesEnergySystem::AlarmCycleStatusTypeToTypeName(static_cast<kesEEnergyAlarmCycleStatus>(i_ucCycle)).c_str());
+    // Status and power mean something only once the cycle has ended.
+    if (i_ucCycle != kesEnergyAlarmCycleTerminated)
+        return;
+    printf("Alarm Status: %s\n",
+           kesEnergySystem::AlarmStatusTypeToTypeName(static_cast<kesEEnergyAlarmStatus>(i_ucStatus)).c_str());
+    printf("Alarm Returned Power: %u\n", static_cast<unsigned int>(i_usPower));
+}
+
+kesEBusOutcome command_alarm(kesBusContext& io_context)
+{
+    unsigned long mid = 0, tuning[3] = {0, 0, 0};
+    kesEBusOutcome outcome = kesBusOk;
+    if (!argument(io_context, 0, "MID", 0, MAX_MODULE_NUMBER, &mid, &outcome) ||
+        !argument(io_context, 1, "T1", 0, 65535, &tuning[0], &outcome) ||
+        !argument(io_context, 2, "T2", 0, 65535, &tuning[1], &outcome) ||
+        !argument(io_context, 3, "T3", 0, 65535, &tuning[2], &outcome))
+        return outcome;
+    if ((outcome = open(io_context)) != kesBusOk)
+        return outcome;
+    unsigned char cycle = kesEnergyAlarmCycleInProgress, status = 0;
+    unsigned short power = 0;
+    if (io_context.tool->ControlAlarmDevice(static_cast<unsigned short>(mid * 100), io_context.options->wait,
+                                            static_cast<unsigned short>(tuning[0]),
+                                            static_cast<unsigned short>(tuning[1]),
+                                            static_cast<unsigned short>(tuning[2]), &cycle, &status,
+                                            &power) != kesErrorOk)
+        return failed("Alarm check failed");
+    print_alarm(cycle, status, power);
+    if (cycle != kesEnergyAlarmCycleTerminated)
+        fprintf(stderr, "The check did not end within %u ms; ask again with alarm-status\n",
+                io_context.options->wait);
+    return kesBusOk;
+}
+
+kesEBusOutcome command_alarm_status(kesBusContext& io_context)
+{
+    unsigned long mid = 0;
+    kesEBusOutcome outcome = kesBusOk;
+    if (!argument(io_context, 0, "MID", 0, MAX_MODULE_NUMBER, &mid, &outcome))
+        return outcome;
+    if ((outcome = open(io_context)) != kesBusOk)
+        return outcome;
+    unsigned char cycle = 0, status = 0;
+    unsigned short power = 0;
+    if (io_context.tool->ReadAlarmStatus(static_cast<unsigned short>(mid * 100), &cycle, &status, &power) !=
+        kesErrorOk)
+        return failed("Alarm status read failed");
+    print_alarm(cycle, status, power);
+    return kesBusOk;
+}
+
+struct kesBusCommand {
+    const char* name;
+    unsigned int minArguments;
+    unsigned int maxArguments;
+    kesEBusOutcome (*run)(kesBusContext&);
+};
+
+const kesBusCommand COMMANDS[] = {
+    {"read", 2, 2, &command_read},
+    {"info", 2, 2, &command_info},
+    {"scan", 0, 0, &command_scan},
+    {"scan-nomute", 0, 0, &command_scan_nomute},
+    {"scan-fine", 0, 1, &command_scan_fine},
+    {"find", 1, 1, &command_find},
+    {"enable", 0, 0, &command_enable},
+    {"mute", 1, 1, &command_mute},
+    {"set-address", 2, 2, &command_set_address},
+    {"number", 1, 1, &command_number},
+    {"alarm", 4, 4, &command_alarm},
+    {"alarm-status", 1, 1, &command_alarm_status},
+};
+
+} // namespace
+
+void kesBusTool::OnDeviceFound(const kesEnergyDevice* i_pDevice)
+{
+    if (m_pProgress && i_pDevice)
+        fprintf(m_pProgress, "found %s\n", kesBusDeviceLine(*i_pDevice).c_str());
+}
+
+std::string kesBusDeviceLine(const kesEnergyDevice& i_device)
+{
+    kesString line;
+    line.SetFormat(128, "[%s] serial %lu module %u", kesEnergySystem::DeviceTypeToTypeName(i_device.Type).c_str(),
+                   static_cast<unsigned long>(i_device.UniqueID), static_cast<unsigned int>(i_device.Address));
+    return line;
+}
+
+kesEBusOutcome kesBusRun(const kesBusOptions& i_options, const std::vector<std::string>& i_command,
+                         std::string* o_error)
+{
+    if (i_command.empty()) {
+        *o_error = "No command given";
+        return kesBusBadArguments;
+    }
+    for (const kesBusCommand& command : COMMANDS) {
+        if (i_command[0] != command.name)
+            continue;
+        std::vector<std::string> arguments(i_command.begin() + 1, i_command.end());
+        if (arguments.size() < command.minArguments || arguments.size() > command.maxArguments) {
+            *o_error = "Wrong number of arguments for " + i_command[0];
+            return kesBusBadArguments;
+        }
+        kesBusTool tool(stderr);
+        kesBusContext context = {&i_options, &arguments, &tool, o_error};
+        return command.run(context);
+    }
+    *o_error = "Unknown command \"" + i_command[0] + "\"";
+    return kesBusBadArguments;
+}
+
+} // namespace kes
