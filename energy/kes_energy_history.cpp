@@ -117,10 +117,10 @@ kesString std_error_words(const char* first, const kesString& second)
 
 unsigned int next_divisor_of_hour(unsigned int minutes)
 {
-    if (minutes > MAX_MINUTES)
+    // 0 stands for no interval at all: the default hour, as at the command line.
+    if (minutes > MAX_MINUTES || minutes == 0)
         return MAX_MINUTES;
-    // 0 has no divisor to stand for; raising it in steps of one gives 1.
-    unsigned int n = minutes == 0 ? 1 : minutes;
+    unsigned int n = minutes;
     while (MAX_MINUTES % n != 0)
         ++n;
     return n;

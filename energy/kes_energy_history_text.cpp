@@ -50,14 +50,18 @@ double energy_last_total(const std::vector<kesEnergyHistoryRowIndex::Rest>& i_re
     {
         kesEnergyHistoryPieces pieces(i_rests[r].begin, i_rests[r].end);
         const char* latest = 0;
+        const char* latestEnd = 0;
         const char* begin;
         const char* end;
         // The totals are the pieces 3, 7, 11 and so on.
         for (size_t i = 0; pieces.Next(&begin, &end); ++i)
             if (i % 4 == 3 && !is_empty_char(begin, end))
+            {
                 latest = begin;
+                latestEnd = end;
+            }
         if (latest)
-            return kesEnergyHistoryAsDouble(latest);
+            return kesEnergyHistoryAsDouble(latest, latestEnd);
     }
     return 0.0;
 }
@@ -67,7 +71,7 @@ double energy_sum(const std::vector<kesEnergyHistoryRowIndex::Rest>& i_rests)
     double sum = 0.0;
     for (const kesEnergyHistoryRowIndex::Rest& rest : i_rests)
         if (!is_empty_char(rest.begin, rest.end))
-            sum += kesEnergyHistoryAsDouble(rest.begin);
+            sum += kesEnergyHistoryAsDouble(rest.begin, rest.end);
     return sum;
 }
 
@@ -101,9 +105,9 @@ bool value_figures(const std::vector<kesEnergyHistoryRowIndex::Rest>& i_rests, d
             }
             else
             {
-                sum += kesEnergyHistoryAsDouble(group[0][0]);
-                const double low = kesEnergyHistoryAsDouble(group[1][0]);
-                const double high = kesEnergyHistoryAsDouble(group[2][0]);
+                sum += kesEnergyHistoryAsDouble(group[0][0], group[0][1]);
+                const double low = kesEnergyHistoryAsDouble(group[1][0], group[1][1]);
+                const double high = kesEnergyHistoryAsDouble(group[2][0], group[2][1]);
                 if (!(low > minimum))
                     minimum = low;
                 if (!(high < maximum))
@@ -134,31 +138,35 @@ double pulse_figure(const std::vector<kesEnergyHistoryRowIndex::Rest>& i_rests, 
                 figure = total;
         }
         else
-            figure = kesEnergyHistoryAsDouble(piece);
+            figure = kesEnergyHistoryAsDouble(piece, rest.end);
     }
     return figure;
 }
 } // namespace
 
-double kesEnergyHistoryAsDouble(const char* i_text)
+double kesEnergyHistoryAsDouble(const char* i_begin, const char* i_end)
 {
-    const char* s = i_text;
-    const bool negative = *s == '-';
+    const char* s = i_begin;
+    const bool negative = s != i_end && *s == '-';
     if (negative)
         ++s;
-    if (!is_digit(*s))
-        return std::strtod(i_text, 0);
     unsigned long long mantissa = 0;
     int digits = 0;
     int decimals = 0;
-    for (; is_digit(*s); ++s, ++digits)
+    for (; s != i_end && is_digit(*s); ++s, ++digits)
         mantissa = mantissa * 10 + static_cast<unsigned int>(*s - '0');
-    if (*s == '.')
-        for (++s; is_digit(*s); ++s, ++digits, ++decimals)
+    if (digits > 0 && s != i_end && *s == '.')
+        for (++s; s != i_end && is_digit(*s); ++s, ++digits, ++decimals)
             mantissa = mantissa * 10 + static_cast<unsigned int>(*s - '0');
-    // Exponents, hexadecimal and long mantissas go the long way.
-    if (digits > MAX_EXACT_DIGITS || *s == 'e' || *s == 'E' || *s == 'x' || *s == 'X' || *s == 'p' || *s == 'P')
-        return std::strtod(i_text, 0);
+    // Anything else (exponents, hexadecimal, white space, long mantissas, text)
+    // goes the long way, on a copy that ends where the piece ends.
+    const bool plain = digits > 0 && digits <= MAX_EXACT_DIGITS &&
+                       (s == i_end || (*s != 'e' && *s != 'E' && *s != 'x' && *s != 'X' && *s != 'p' && *s != 'P'));
+    if (!plain)
+    {
+        const std::string piece(i_begin, i_end);
+        return std::strtod(piece.c_str(), 0);
+    }
     const double value = static_cast<double>(mantissa) / POWERS_OF_TEN[decimals];
     return negative ? -value : value;
 }

@@ -17,8 +17,10 @@ namespace kes
 namespace Energy
 {
 
-// strtod of the text, with an exact shortcut for the plain decimals of the files.
-double kesEnergyHistoryAsDouble(const char* i_text);
+// strtod of the piece [i_begin, i_end) alone, with an exact shortcut for the
+// plain decimals of the files. strtod skips white space, line feeds included,
+// so it never sees more than the piece.
+double kesEnergyHistoryAsDouble(const char* i_begin, const char* i_end);
 
 // A text read back that lost its last line feed gets it again, so that every
 // row stays a whole line and a header is never glued to a cut row.

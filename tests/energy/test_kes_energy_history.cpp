@@ -3,10 +3,11 @@
 #include <unistd.h>
 
 #include <memory>
-#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "error_capture.h"
 #include "kes_error.h"
 #include "kes_history_fake.h"
 #include "test_process.h"
@@ -18,33 +19,11 @@ using namespace kes;
 
 namespace {
 
-std::mutex g_logMutex;
-std::vector<std::string> g_log;
-
-void CaptureLog(const kesError& error)
-{
-    std::lock_guard<std::mutex> lock(g_logMutex);
-    g_log.push_back(error.GetDescription());
-}
-
 // Parameters of the examples: an energy, a value and a pulse parameter.
 const unsigned int ENERGY = 101, VALUE = 201, PULSE = 301;
 
 class HistorySystem : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        m_level = kesError::Level;
-        kesError::Level = kesErrorOutCallBack;
-        kesError::ShowErrorCallBack = CaptureLog;
-        g_log.clear();
-    }
-    void TearDown() override
-    {
-        kesError::Level = m_level;
-        kesError::ShowErrorCallBack = nullptr;
-    }
-
     // A store on the test's folder with N minutes, started at the given local time.
     std::unique_ptr<FakeClockHistory> Started(unsigned int minutes, unsigned long long at, bool example = true)
     {
@@ -92,17 +71,10 @@ protected:
 
     std::string Read(const std::string& name) const { return kes_test::ReadFile(m_dir.File(name)); }
     bool Exists(const std::string& name) const { return access(m_dir.File(name).c_str(), F_OK) == 0; }
-    static bool Logged(const std::string& text)
-    {
-        std::lock_guard<std::mutex> lock(g_logMutex);
-        for (const std::string& record : g_log)
-            if (record.find(text) != std::string::npos)
-                return true;
-        return false;
-    }
+    bool Logged(const std::string& text) const { return m_log.Contains(text); }
 
+    kes_test::ErrorCapture m_log;
     kes_test::TempDir m_dir;
-    unsigned int m_level = 0;
 };
 
 } // namespace
@@ -132,10 +104,10 @@ TEST_F(HistorySystem, InitRoundsUpToADivisorOfTheHour)
         unsigned int minutes;
         bool notice;
     } cases[] = {{1, 1, false},  {5, 5, false},  {12, 12, false}, {60, 60, false}, {7, 10, true},
-                 {25, 30, true}, {61, 60, true}, {0, 1, true},     {45, 60, true}};
+                 {25, 30, true}, {61, 60, true}, {0, 60, true},    {45, 60, true}};
     FakeClockHistory history;
     for (const auto& c : cases) {
-        g_log.clear();
+        m_log.Clear();
         EXPECT_EQ(kesErrorOk, history.Init(c.requested));
         EXPECT_EQ(c.minutes * 60000, history.GetExpiredTime()) << c.requested;
         const std::string notice = "History Time set to " + std::to_string(c.minutes) + " minutes";
@@ -143,8 +115,9 @@ TEST_F(HistorySystem, InitRoundsUpToADivisorOfTheHour)
     }
 }
 
-TEST_F(HistorySystem, FolderGetsOneSeparator)
+TEST_F(HistorySystem, AlarmStatusLinesAreAppended)
 {
+    // The folder gets one separator however many it came with.
     for (const char* suffix : {"", "/", "//"}) {
         FakeClockHistory history;
         history.SetLocal(2015, 3, 7, 9, 5, 59);
@@ -153,14 +126,8 @@ TEST_F(HistorySystem, FolderGetsOneSeparator)
         EXPECT_EQ(kesErrorOk, history.UpdateAlarmStatusFile(17, 3)) << suffix;
         EXPECT_EQ("201503070905|17|3\n", Read("a")) << suffix;
     }
-}
-
-TEST_F(HistorySystem, AlarmStatusLinesAreAppended)
-{
     FakeClockHistory history;
     history.SetHistoryFolder(m_dir.Path());
-    history.SetLocal(2015, 3, 7, 9, 5, 59);
-    history.UpdateAlarmStatusFile(17, 3);
     history.SetLocal(2015, 12, 31, 23, 0, 0);
     history.UpdateAlarmStatusFile(4000000000u, 255);
     EXPECT_EQ("201503070905|17|3\n201512312300|4000000000|255\n", Read("a"));
@@ -425,7 +392,7 @@ TEST_F(HistorySystem, OffsetFilesAreReadAsWritten)
         {"no files", nullptr, nullptr, "14\n101|0.00\n", "301|0.00\n", true},
     };
     for (const auto& c : cases) {
-        g_log.clear();
+        m_log.Clear();
         unlink(m_dir.File("offset_energy_day").c_str());
         unlink(m_dir.File("offset_pulse").c_str());
         if (c.energyFile)
@@ -507,4 +474,44 @@ TEST_F(HistorySystem, StopForgetsTheParameters)
     history->SetClock(LocalMs(2015, 3, 14, 10, 5));
     history->Tick();
     EXPECT_EQ("H|10\n", Read("d"));
+}
+
+TEST_F(HistorySystem, TheTimerTicksAtTheBoundary)
+{
+    // One second before a boundary: the timer's own thread writes the files.
+    std::unique_ptr<FakeClockHistory> history(new FakeClockHistory());
+    history->RegisterParameterDouble(ENERGY, kesEnergyDeviceString, 2);
+    history->SetLocal(2015, 3, 14, 12, 4, 59);
+    history->Init(5);
+    history->SetHistoryFolder(m_dir.Path());
+    history->LetTimerTick(true);
+    ASSERT_EQ(kesErrorOk, history->Start());
+    for (int wait = 0; wait < 100 && !Exists("offset_energy_day"); ++wait)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(kesErrorOk, history->Stop());
+    EXPECT_EQ(0u, Read("d").find("H|12\n101|f|f|f|0\n"));
+}
+
+TEST_F(HistorySystem, SamplesFromOtherThreadsDuringTicks)
+{
+    auto history = Started(5, LocalMs(2015, 3, 14, 10, 0));
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> lines;
+    for (unsigned int uid : {ENERGY, VALUE, PULSE})
+        lines.emplace_back([&history, &stop, uid] {
+            for (int i = 0; i < 100000 && !stop; ++i) {
+                history->SetValueAsDouble(uid, 100 + i % 7);
+                history->SetValueAsInt(uid, i);
+            }
+        });
+    for (int tick = 1; tick <= 6; ++tick) {
+        history->SetClock(LocalMs(2015, 3, 14, 10, 5 * tick));
+        history->Tick();
+    }
+    stop = true;
+    for (std::thread& line : lines)
+        line.join();
+    const std::string day = Read("d");
+    EXPECT_EQ(0u, day.find("H|10\n101|"));
+    EXPECT_EQ(4u, static_cast<unsigned int>(std::count(day.begin(), day.end(), '\n')));
 }

@@ -52,7 +52,7 @@ TEST(HistoryNumber, MatchesStrtodBitForBit)
                            "nan", "9007199254740993", "3000.125", "1.7976931348623157e308"};
     for (const char* text : cases) {
         const double expected = std::strtod(text, nullptr);
-        const double got = kesEnergyHistoryAsDouble(text);
+        const double got = kesEnergyHistoryAsDouble(text, text + std::strlen(text));
         EXPECT_EQ(0, std::memcmp(&expected, &got, sizeof(double))) << "'" << text << "'";
     }
     // The plain decimals of the files, at random.
@@ -64,9 +64,20 @@ TEST(HistoryNumber, MatchesStrtodBitForBit)
                       static_cast<unsigned long long>(random() % 100000000), decimals,
                       static_cast<unsigned long long>(random() % 100000));
         const double expected = std::strtod(text, nullptr);
-        const double got = kesEnergyHistoryAsDouble(text);
+        const double got = kesEnergyHistoryAsDouble(text, text + std::strlen(text));
         ASSERT_EQ(0, std::memcmp(&expected, &got, sizeof(double))) << text;
     }
+}
+
+TEST(HistoryNumber, NeverReadsPastItsPiece)
+{
+    // strtod skips white space and line feeds: a blank piece must not reach the next line.
+    const char* text = " \n11|12.5e3";
+    EXPECT_EQ(0.0, kesEnergyHistoryAsDouble(text, text + 1));
+    EXPECT_EQ(0.0, kesEnergyHistoryAsDouble(text + 2, text + 2));
+    EXPECT_EQ(1.0, kesEnergyHistoryAsDouble(text + 2, text + 3));
+    EXPECT_EQ(12.5, kesEnergyHistoryAsDouble(text + 5, text + 9));
+    EXPECT_EQ(12500.0, kesEnergyHistoryAsDouble(text + 5, text + 11));
 }
 
 TEST(HistoryPieces, CutAsGetSplitCuts)
@@ -145,6 +156,9 @@ TEST(HistoryLevelRows, CondenseTheRowsBelow)
          "1|0\n3|0\n"},
         {"latest total, a missing one keeps it", "D|1\n1|5|5|5|10|f|f|f|f\n", &MONTH_RULES, {"1"}, {}, {},
          "1|10\n"},
+        {"a blank last piece reads as 0, not as the next line", "D|1\n2|10|9|\n11\n1|1|1| \n7\n", &MONTH_RULES,
+         {"1"}, {"2"}, {}, "1|0\n2|10|9|0\n"},
+        {"a blank row reads as 0 in the year", "D|1\n1| \n5\n", &YEAR_RULES, {"1"}, {}, {}, "1|0\n"},
         {"energy total on a cut row is not read", "D|1\n1|5|5|5\n", &MONTH_RULES, {"1"}, {}, {}, "1|0\n"},
         {"missing pulse takes the storage", "D|1\n301|f\n302|7|f\n", &MONTH_RULES, {}, {}, {"301", "302"},
          "301|1205300\n302|0\n"},

@@ -44,7 +44,13 @@ public:
     unsigned long long Clock() const { return m_ms; }
 
     void Tick() { kes::Energy::kesEnergyHistorySystem::OnTimer(); }
-    void OnTimer() override {}
+    // Lets the timer's own thread run the real tick too.
+    void LetTimerTick(bool allowed) { m_timerTicks = allowed; }
+    void OnTimer() override
+    {
+        if (m_timerTicks)
+            Tick();
+    }
 
     unsigned int ComputeTime()
     {
@@ -58,6 +64,7 @@ protected:
 
 private:
     std::atomic<unsigned long long> m_ms;
+    std::atomic<bool> m_timerTicks{false};
 };
 
 } // namespace kes_test

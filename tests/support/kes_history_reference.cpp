@@ -81,15 +81,16 @@ void ReferenceAppendRows(kesString* io_text, const kesString& source, const kesE
             if (pieces.size() <= 2)
                 return;
             for (size_t g = 0; g + 3 <= pieces.size(); g += 3) {
+                // "takes it if it is not above": a NaN is not above anything
                 if (pieces[g].IsEqualNoCase(EMPTY)) {
-                    minimum = 0.0 <= minimum ? 0.0 : minimum;
-                    maximum = 0.0 >= maximum ? 0.0 : maximum;
+                    minimum = !(0.0 > minimum) ? 0.0 : minimum;
+                    maximum = !(0.0 < maximum) ? 0.0 : maximum;
                 } else {
                     sum += kesString::AsDouble(pieces[g]);
                     const double low = kesString::AsDouble(pieces[g + 1]);
                     const double high = kesString::AsDouble(pieces[g + 2]);
-                    minimum = low <= minimum ? low : minimum;
-                    maximum = high >= maximum ? high : maximum;
+                    minimum = !(low > minimum) ? low : minimum;
+                    maximum = !(high < maximum) ? high : maximum;
                 }
                 count += 1.0;
             }
