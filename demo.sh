@@ -1,33 +1,112 @@
 #!/usr/bin/env bash
-# Builds the daemon and runs it for a few seconds on a small example installation,
-# then stops it with SIGTERM as a service manager would.
+# The whole system on loopback in one command: the simulator serves one TCP
+# line, one serial line and a weather station from the demo configuration,
+# the daemon polls them, and the datagrams it publishes are shown live.
+# Usage: ./demo.sh [SECONDS]   (default 90, so that one history tick is seen;
+#                               Ctrl-C ends it earlier)
 set -euo pipefail
 cd "$(dirname "$0")"
 source ./scripts/deps.sh
 kes_install_deps
 
+seconds=${1:-90}
+case "$seconds" in
+  ''|*[!0-9]*) echo "usage: $0 [SECONDS]" >&2; exit 2 ;;
+esac
+
 cmake -S . -B build >/dev/null
-cmake --build build -j2 --target kes_energy
+cmake --build build -j2 --target kes_energy kes_bus_sim
 
 run=./run/demo
-mkdir -p "$run/data"
+rm -rf "$run"
+mkdir -p "$run/data" ./run/dev
 cat > "$run/conf.xml" <<'XML'
-<energy>
-  <line id="1" address="127.0.0.1:5020">
-    <string mid="3" type="2" fid="0" iid="1201"/>
+<energy v="1">
+  <!-- a TCP gateway: two string modules, a panel, an alarm module, a meter -->
+  <line id="1" adr="127.0.0.1:20502">
+    <string type="2" mid="3" iid="1301" fid="0"/>
+    <string type="2" mid="3" iid="1302" fid="1"/>
+    <string type="2" mid="3" iid="1303" fid="2"/>
+    <string type="6" mid="4" iid="1401" fid="0"/>
+    <string type="6" mid="4" iid="1403" fid="2"/>
+    <string type="6" mid="4" iid="1405" fid="4"/>
+    <panel type="1" mid="5" iid="1501" fid="0"/>
+    <panel type="1" mid="5" iid="1502" fid="1"/>
+    <alarm type="3" mid="6" iid="1601" fid="0"/>
+    <alarm type="3" mid="6" iid="1604" fid="3"/>
+    <meter type="8" mid="7" iid="1701" fid="0"/>
+    <meter type="8" mid="7" iid="1702" fid="1"/>
   </line>
+  <!-- a USB serial adapter: a four-string module and a pulse counter -->
+  <line id="2" adr="./run/dev/ttyUSB0">
+    <string type="7" mid="1" iid="2101" fid="0"/>
+    <string type="7" mid="1" iid="2103" fid="2"/>
+    <string type="7" mid="1" iid="2109" fid="8"/>
+    <meter type="5" mid="2" iid="2201" fid="0"/>
+    <meter type="5" mid="2" iid="2202" fid="1"/>
+  </line>
+  <davis adr="127.0.0.1:20222"/>
 </energy>
 XML
 
-seconds=${1:-5}
-echo "== kes_energy on $run/conf.xml for $seconds s =="
-./build/bin/kes_energy -conf "$run/conf.xml" -dir "$run/data" -history 1 &
-pid=$!
-trap 'kill -TERM $pid 2>/dev/null || true' EXIT INT
-sleep "$seconds"
-kill -TERM "$pid"
-wait "$pid" && status=0 || status=$?
-trap - EXIT INT
-echo "== daemon ended with status $status; data in $run/data =="
-ls -la "$run/data"
+sim_pid=""
+daemon_pid=""
+listen_pid=""
+cleanup() {
+  trap - EXIT INT TERM
+  for pid in $listen_pid $daemon_pid $sim_pid; do
+    kill -TERM "$pid" 2>/dev/null || true
+  done
+  for pid in $listen_pid $daemon_pid $sim_pid; do
+    wait "$pid" 2>/dev/null || true
+  done
+}
+trap cleanup EXIT
+# Ctrl-C only ends the waiting: the daemon is stopped below as a service manager would.
+trap 'echo; echo "== interrupted =="' INT
+
+echo "== simulator on $run/conf.xml (log in $run/sim.log) =="
+./build/bin/kes_bus_sim -conf "$run/conf.xml" -hour 11 -weather 5000 > "$run/sim.log" 2>&1 &
+sim_pid=$!
+for _ in $(seq 50); do
+  grep -q "ready" "$run/sim.log" 2>/dev/null && break
+  kill -0 "$sim_pid" 2>/dev/null || break
+  sleep 0.1
+done
+cat "$run/sim.log"
+grep -q "ready" "$run/sim.log" || { echo "the simulator did not start"; exit 2; }
+
+./build/bin/kes_bus_sim -listen -conf "$run/conf.xml" &
+listen_pid=$!
+sleep 0.3
+
+echo "== kes_energy -history 1 for $seconds s (log in $run/daemon.log) =="
+./build/bin/kes_energy -conf "$run/conf.xml" -dir "$run/data/" -history 1 > "$run/daemon.log" 2>&1 &
+daemon_pid=$!
+
+end=$((SECONDS + seconds))
+while [ "$SECONDS" -lt "$end" ] && kill -0 "$daemon_pid" 2>/dev/null; do
+  sleep 1 || break
+done
+
+status=0
+if kill -0 "$daemon_pid" 2>/dev/null; then
+  kill -TERM "$daemon_pid"
+  wait "$daemon_pid" || status=$?
+else
+  wait "$daemon_pid" || status=$?
+fi
+daemon_pid=""
+echo "== daemon ended with status $status =="
+cleanup
+
+echo "== history files in $run/data =="
+ls -l "$run/data"
+for f in d m y b meteo_c; do
+  if [ -f "$run/data/$f" ]; then
+    echo "-- $f --"
+    head -c 1500 "$run/data/$f"
+    echo
+  fi
+done
 exit "$status"

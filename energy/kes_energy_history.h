@@ -1,7 +1,7 @@
 #ifndef KES_ENERGY_HISTORY_H
 #define KES_ENERGY_HISTORY_H
 
-#include "kes_energy_device_type.h"
+#include "kes_enerysystem.h"
 #include "kes_energy_history_item.h"
 #include "kes_error.h"
 #include "kes_osmutex.h"

@@ -1,7 +1,7 @@
 #ifndef KES_ENERGY_HISTORY_ITEM_H
 #define KES_ENERGY_HISTORY_ITEM_H
 
-#include "kes_energy_device_type.h"
+#include "kes_enerysystem.h"
 
 namespace kes
 {

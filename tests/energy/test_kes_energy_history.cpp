@@ -115,8 +115,9 @@ TEST_F(HistorySystem, InitRoundsUpToADivisorOfTheHour)
     }
 }
 
-TEST_F(HistorySystem, FolderGetsOneSeparator)
+TEST_F(HistorySystem, AlarmStatusLinesAreAppended)
 {
+    // The folder gets one separator however many it came with.
     for (const char* suffix : {"", "/", "//"}) {
         FakeClockHistory history;
         history.SetLocal(2015, 3, 7, 9, 5, 59);
@@ -125,14 +126,8 @@ TEST_F(HistorySystem, FolderGetsOneSeparator)
         EXPECT_EQ(kesErrorOk, history.UpdateAlarmStatusFile(17, 3)) << suffix;
         EXPECT_EQ("201503070905|17|3\n", Read("a")) << suffix;
     }
-}
-
-TEST_F(HistorySystem, AlarmStatusLinesAreAppended)
-{
     FakeClockHistory history;
     history.SetHistoryFolder(m_dir.Path());
-    history.SetLocal(2015, 3, 7, 9, 5, 59);
-    history.UpdateAlarmStatusFile(17, 3);
     history.SetLocal(2015, 12, 31, 23, 0, 0);
     history.UpdateAlarmStatusFile(4000000000u, 255);
     EXPECT_EQ("201503070905|17|3\n201512312300|4000000000|255\n", Read("a"));

@@ -73,20 +73,6 @@ TEST(HistoryDouble, FirstSampleAddsNothingAndTheNextIntervalStartsClean)
     EXPECT_EQ(0.0, parameter.m_dSum);
 }
 
-TEST(HistoryInteger, KeepsValueMinimumAndMaximum)
-{
-    kesEnegyHistoryInteger parameter(3, kes::kesEnergyDeviceAlarm);
-    for (int value : {5, -3, 9, 2})
-        parameter.Set(value);
-    EXPECT_EQ(2, parameter.m_iValue);
-    EXPECT_EQ(-3, parameter.m_iMinimum);
-    EXPECT_EQ(9, parameter.m_iMaximum);
-    EXPECT_EQ(1u, parameter.m_uiFlags);
-    parameter.Reset();
-    EXPECT_EQ(2147483647, parameter.m_iMinimum);
-    EXPECT_EQ(0u, parameter.m_uiFlags);
-}
-
 struct PulseCase {
     const char* name;
     double base;

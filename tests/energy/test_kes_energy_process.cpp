@@ -29,6 +29,13 @@ struct RunCase {
     std::vector<std::string> texts; // in this order in the output
 };
 
+std::ostream& operator<<(std::ostream& out, const RunCase& c)
+{
+    for (const std::string& a : c.args)
+        out << a << ' ';
+    return out;
+}
+
 class DaemonCommandLine : public ::testing::TestWithParam<RunCase> {};
 
 TEST_P(DaemonCommandLine, PrintsAndEndsWithItsStatus)

@@ -12,6 +12,11 @@ struct DoubleCase {
     const char* text;
 };
 
+std::ostream& operator<<(std::ostream& out, const DoubleCase& c)
+{
+    return out << c.text;
+}
+
 class FromDoubleTest : public ::testing::TestWithParam<DoubleCase> {};
 
 TEST_P(FromDoubleTest, GivesTheFileForm)
@@ -42,6 +47,11 @@ struct SplitCase {
     std::vector<std::string> pieces;
 };
 
+std::ostream& operator<<(std::ostream& out, const SplitCase& c)
+{
+    return out << '"' << c.text << '"';
+}
+
 class SplitTest : public ::testing::TestWithParam<SplitCase> {};
 
 TEST_P(SplitTest, AppendsThePieces)
@@ -66,6 +76,11 @@ struct ShrinkCase {
     bool fromStart;
     const char* result;
 };
+
+std::ostream& operator<<(std::ostream& out, const ShrinkCase& c)
+{
+    return out << '"' << c.text << (c.fromStart ? "\" from start" : "\" from end");
+}
 
 class ShrinkTest : public ::testing::TestWithParam<ShrinkCase> {};
 

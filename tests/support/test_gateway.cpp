@@ -113,7 +113,7 @@ TestGateway::~TestGateway()
 bool TestGateway::Start(uint16_t i_port)
 {
     Stop();
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return false;
     int yes = 1;
@@ -125,7 +125,7 @@ bool TestGateway::Start(uint16_t i_port)
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t len = sizeof(addr);
     if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || ::listen(fd, 16) != 0 ||
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0 || ::pipe(m_wake) != 0) {
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0 || ::pipe2(m_wake, O_CLOEXEC) != 0) {
         ::close(fd);
         return false;
     }
@@ -393,7 +393,7 @@ void TestGateway::service()
         }
 
         if (fds[1].revents & POLLIN) {
-            int fd = ::accept(m_listener, nullptr, nullptr);
+            int fd = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
             if (fd >= 0) {
                 int yes = 1;
                 ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes));
