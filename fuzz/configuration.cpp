@@ -17,7 +17,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
     fwrite(data, 1, size, file);
     fclose(file);
-    kes::Energy::kesEnergy energy;
-    energy.Configure(path.c_str());
+    {
+        kes::Energy::kesEnergy energy;
+        energy.Configure(path.c_str());
+    }
+    unlink(path.c_str());
     return 0;
 }

@@ -55,7 +55,7 @@ unsigned int kesTimer::GetCounter()
     return m_uCounter;
 }
 
-unsigned int kesTimer::get_time()
+unsigned int kesTimer::get_loop_time()
 {
     return kesTime::GetTime();
 }
@@ -101,12 +101,12 @@ void kesTimer::thread_proc(kesOsThread* thread, void* argument)
 void kesTimer::run(kesOsThread* thread)
 {
     OnTimerStart();
-    unsigned int last = get_time();
+    unsigned int last = get_loop_time();
     for (;;) {
-        unsigned int now = get_time();
+        unsigned int now = get_loop_time();
         unsigned int expired = GetExpiredTime();
         if (now - last >= expired) {
-            last = get_time();
+            last = get_loop_time();
             unsigned int count = GetCount();
             if (count != 0 && GetCounter() >= count)
                 break;
@@ -121,12 +121,12 @@ void kesTimer::run(kesOsThread* thread)
             expired = GetExpiredTime();
         }
         unsigned int resolution = GetResolutionTime();
-        unsigned int elapsed = get_time() - now;
+        unsigned int elapsed = get_loop_time() - now;
         unsigned int wait = resolution - elapsed;
         unsigned int pause = (wait == 0 || elapsed > resolution || wait > expired) ? 1 : wait;
         // Never sleep past the next expiry: a pause as long as the period that wakes a
         // millisecond early would otherwise lose a whole tick.
-        int remaining = static_cast<int>(last + expired - get_time());
+        int remaining = static_cast<int>(last + expired - get_loop_time());
         if (remaining < static_cast<int>(pause))
             pause = remaining < 1 ? 1 : static_cast<unsigned int>(remaining);
         if (!thread->WaitContinue(pause))

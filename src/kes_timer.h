@@ -32,7 +32,7 @@ public:
 
 protected:
     // The millisecond clock of the loop; a seam for tests.
-    virtual unsigned int get_time();
+    virtual unsigned int get_loop_time();
 
 private:
     static void thread_proc(kesOsThread* thread, void* argument);

@@ -42,7 +42,7 @@ public:
 // A clock whose readings jitter by 2 ms, so a check can land just before the expiry.
 class JitterClockTimer : public RecordingTimer {
 protected:
-    unsigned int get_time() override { return kesTime::GetTime() + ((++m_calls & 1) ? 2 : 0); }
+    unsigned int get_loop_time() override { return kesTime::GetTime() + ((++m_calls & 1) ? 2 : 0); }
 
 private:
     unsigned int m_calls = 0;
