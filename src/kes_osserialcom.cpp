@@ -202,18 +202,7 @@ int kesOsSerialCom::Send(const void* i_pData, const unsigned int& i_length)
     }
     ssize_t written = write(handle, i_pData, i_length);
     if (written == -1)
-    {
-        int error = errno;
-        if (error == EAGAIN)
-            return -2;
-        report(kesErrorFailed, with_std_error("write(...) == -1", error), "Send", __LINE__);
-        if (error == EIO)
-        {
-            on_reopen();
-            return -3;
-        }
-        return -1;
-    }
+        return failed_transfer("write(...) == -1", "Send", __LINE__);
     // the caller reads the echo next, so it waits until the whole frame is on the line
     if (bytesPerSecond != 0)
         kesOsThread::SleepMicro((unsigned int)((long double)i_length / bytesPerSecond * 1000000.0L));
@@ -234,19 +223,24 @@ int kesOsSerialCom::Receive(void* o_pData, const unsigned int& i_length)
     }
     ssize_t got = read(handle, o_pData, i_length);
     if (got == -1)
-    {
-        int error = errno;
-        if (error == EAGAIN)
-            return -2;
-        report(kesErrorFailed, with_std_error("read(...) == -1", error), "Receive", __LINE__);
-        if (error == EIO)
-        {
-            on_reopen();
-            return -3;
-        }
-        return -1;
-    }
+        return failed_transfer("read(...) == -1", "Receive", __LINE__);
     return (int)got;
+}
+
+// Would-block is -2 without a record; a vanished adapter (EIO) is -3 and arms
+// the reconnection; anything else is -1.
+int kesOsSerialCom::failed_transfer(const char* i_call, const char* i_function, int i_line)
+{
+    int error = errno;
+    if (error == EAGAIN)
+        return -2;
+    report(kesErrorFailed, with_std_error(i_call, error), i_function, i_line);
+    if (error == EIO)
+    {
+        on_reopen();
+        return -3;
+    }
+    return -1;
 }
 
 int kesOsSerialCom::Receive(void* o_pData, const unsigned int& i_length, const unsigned int& i_pause,

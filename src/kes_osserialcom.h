@@ -100,6 +100,7 @@ private:
     };
 
     void on_reopen();
+    int failed_transfer(const char* i_call, const char* i_function, int i_line);
     static void thread_reconnect(kesOsThread* i_pThread, void* i_pArgument);
     kesEError set_modem_line(int i_line, unsigned char i_value, const char* i_function);
     kesEError get_modem_line(int i_line, unsigned char* o_pValue, const char* i_function) const;
