@@ -11,11 +11,15 @@ jobs=${KES_JOBS:-2}
 # Tests whose subject runs threads of its own.
 threaded='Thread|Timer|Event|Mutex|Line|Davis|Sigterm|Concurrent|HistorySystem|Socket|Serial|Gateway'
 
+passed=0
 run_suite() {
   local dir=$1 filter=$2; shift 2
   cmake -S . -B "$dir" "$@" >/dev/null
   cmake --build "$dir" -j"$jobs"
-  (cd "$dir" && ctest --output-on-failure -j"$jobs" --timeout 300 ${filter:+-R "$filter"})
+  (cd "$dir" && ctest --output-on-failure -j"$jobs" --timeout 300 ${filter:+-R "$filter"}) | tee "$dir/ctest.log"
+  local count
+  count=$(sed -n 's/^100% tests passed, 0 tests failed out of \([0-9]*\)$/\1/p' "$dir/ctest.log")
+  passed=$((passed + ${count:-0}))
 }
 
 echo "== plain build =="
@@ -28,3 +32,4 @@ TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   run_suite build-tsan "$threaded" -DKES_TSAN=ON
 echo "== fuzzing =="
 ./scripts/fuzz.sh "${KES_FUZZ_SECONDS:-15}"
+echo "suite: $passed passed, 0 failed"
