@@ -36,6 +36,47 @@ kesEError register_value(kesEnergyHistorySystem& history, int type, unsigned int
     return history.RegisterParameterDouble(iid, deviceType, fid);
 }
 
+// Whether the file is well-formed UTF-8 (ASCII included). TinyXML trusts the
+// length a lead byte announces and reads past the end of a cut sequence.
+bool is_utf8_file(const kesString& path, kesString* o_where)
+{
+    FILE* file = fopen(path.c_str(), "rb");
+    if (!file)
+        return true; // TinyXML reports a file it can not open
+    unsigned char buffer[4096];
+    unsigned int expected = 0; // continuation bytes still due
+    unsigned long offset = 0;
+    bool valid = true;
+    size_t got;
+    while (valid && (got = fread(buffer, 1, sizeof(buffer), file)) > 0) {
+        for (size_t i = 0; i < got; ++i, ++offset) {
+            unsigned char c = buffer[i];
+            if (expected > 0) {
+                if ((c & 0xC0) != 0x80) {
+                    valid = false;
+                    break;
+                }
+                --expected;
+            } else if (c >= 0xC2 && c <= 0xDF) {
+                expected = 1;
+            } else if (c >= 0xE0 && c <= 0xEF) {
+                expected = 2;
+            } else if (c >= 0xF0 && c <= 0xF4) {
+                expected = 3;
+            } else if (c >= 0x80) {
+                valid = false;
+                break;
+            }
+        }
+    }
+    fclose(file);
+    if (valid && expected > 0)
+        valid = false;
+    if (!valid && o_where)
+        o_where->SetFormat(64, " at byte %lu", offset);
+    return valid;
+}
+
 } // namespace
 
 kesEError kesEnergy::Configure(const kesString& path)
@@ -46,6 +87,10 @@ kesEError kesEnergy::Configure(const kesString& path)
 
 kesEError kesEnergy::configure_system()
 {
+    kesString where;
+    if (!is_utf8_file(m_sConfigurationPath, &where))
+        return KES_LOG(kesErrorFailed, kesString("Configuration file is not valid UTF-8") + where + " in file: " +
+                                           m_sConfigurationPath);
     TiXmlBase::SetCondenseWhiteSpace(true);
     TiXmlDocument document(m_sConfigurationPath.c_str());
     if (!document.LoadFile() && document.Error()) {

@@ -43,6 +43,11 @@ const ConfigCase CONFIG_CASES[] = {
     {"missing_file", "", false, "Failed to open file", 0, false},
     {"malformed", "<energy><line id=\"1\"></energy>", false, "Error", 0, false},
     {"not_xml", "\x01\x02garbage", false, "Error", 0, false},
+    // a cut multi-byte sequence once made the parser read past its buffer
+    {"broken_utf8", "<energy><line id=\"1\" adr=\"a:1\"><v\xe0\x8c type=\"2\"/></line></energy>", false,
+     "Configuration file is not valid UTF-8 at byte 35", 0, false},
+    {"truncated_utf8", "<energy/>\xf4", false, "not valid UTF-8", 0, false},
+    {"utf8_comment", "<energy><!-- d\xc3\xa9part --></energy>", true, "", 0, false},
     {"wrong_root_case", "<ENERGY><line id=\"1\" adr=\"a:1\">" + value(2, 3, 1, 0) + "</line></ENERGY>", false,
      "Main energy node not found in file:", 0, false},
     {"empty_energy", "<energy/>", true, "", 0, false},
