@@ -176,12 +176,13 @@ kesEError kesEnergy::Execute()
         return KES_LOG(kesErrorFailed, "Can not start history system");
 
     kesEnergySystem::EXECUTION_COUNT = 2;
-    for (size_t i = 0; i < m_aLines.size(); ++i) {
+    // A SIGTERM during the start-up leaves the remaining lines unstarted.
+    for (size_t i = 0; i < m_aLines.size() && !kesOsTcpSocket::IsConnectAborted(); ++i) {
         if (m_aLines[i]->Start(kesEnergyLine::RECEIVE_TIMEOUT, kesEnergyLine::ANSWER_PAUSE,
                                kesEnergyLine::FAILURE_PAUSE) != kesErrorOk)
             KES_LOG(kesErrorFailed, kesString("Can not start line ") + kesString::FromInt(m_aLines[i]->GetUniqueID()));
     }
-    if (m_pDavisMeteo) {
+    if (m_pDavisMeteo && !kesOsTcpSocket::IsConnectAborted()) {
         m_pDavisMeteo->SetHistoryFolder(m_sDataDirectory);
         if (m_pDavisMeteo->Start() != kesErrorOk)
             KES_LOG(kesErrorFailed, "Can not start davis meteo");
@@ -216,6 +217,8 @@ void kesEnergy::add_to_line_list(kesEnergyLine* line)
 
 void kesEnergy::clear_line_list()
 {
+    for (size_t i = 0; i < m_aLines.size(); ++i)
+        m_aLines[i]->RequestStop();
     for (size_t i = 0; i < m_aLines.size(); ++i) {
         m_aLines[i]->Stop();
         delete m_aLines[i];
@@ -276,6 +279,8 @@ void kesEnergy::sigterm_relay_proc(kesOsThread*, void* argument)
         }
         if (self->m_bRelayQuit)
             return;
+        // a gateway that drops connection attempts must not hold the stop
+        kesOsTcpSocket::SetConnectAbort(true);
         if (!self->m_eTerm.Signal())
             KES_LOG(kesErrorFailed, "Term Event not segnalized");
     }

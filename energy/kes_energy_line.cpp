@@ -12,6 +12,7 @@ const unsigned int kesEnergyLine::ANSWER_PAUSE;
 const unsigned int kesEnergyLine::FAILURE_PAUSE;
 const unsigned int kesEnergyLine::CYCLE_PAUSE;
 const unsigned int kesEnergyLine::RECONNECT_PAUSE;
+const unsigned int kesEnergyLine::RECONNECT_SLICE;
 const unsigned int kesEnergyLine::THREAD_STACK;
 
 namespace {
@@ -221,6 +222,11 @@ kesEError kesEnergyLine::Start(unsigned int i_uiReceiveTimeOut, unsigned int i_u
     return kesErrorOk;
 }
 
+void kesEnergyLine::RequestStop()
+{
+    m_bExitWanted = true;
+}
+
 kesEError kesEnergyLine::Stop()
 {
     term_threads();
@@ -235,7 +241,12 @@ kesEError kesEnergyLine::Reset()
     kesSOsMutex lock(&m_oMutex);
     if (m_oSystem.IsConnected())
         return kesErrorOk;
-    kesOsThread::SleepMs(RECONNECT_PAUSE);
+    // In slices: a stop must not wait out the pause, nor a connection after it.
+    for (unsigned int slept = 0; slept < RECONNECT_PAUSE; slept += RECONNECT_SLICE) {
+        if (m_bExitWanted || kesOsTcpSocket::IsConnectAborted())
+            return kesErrorFailed;
+        kesOsThread::SleepMs(RECONNECT_SLICE);
+    }
     if (m_oSystem.CloseCommunication() != kesErrorOk)
         return kesErrorLog(
             kesBuildErrorLocation(kesErrorFailed, line_text("Can not close line "), __FILE__, __func__, __LINE__));

@@ -24,6 +24,7 @@ public:
     // Pause between two cycles, and before each reconnection attempt.
     static const unsigned int CYCLE_PAUSE = 10;
     static const unsigned int RECONNECT_PAUSE = 1000;
+    static const unsigned int RECONNECT_SLICE = 50;
     static const unsigned int THREAD_STACK = 1048576;
 
     // Positions of the device lists, in their order of declaration; AddDevice
@@ -55,6 +56,9 @@ public:
     unsigned int GetDeviceCount();
 
     kesEError Start(unsigned int i_uiReceiveTimeOut, unsigned int i_uiAnswerPause, unsigned int i_uiFailurePause);
+    // Asks the polling thread to end without waiting for it: several lines
+    // then end side by side, and Stop only joins.
+    void RequestStop();
     // Ends the thread and drops every listener; the channel stays open.
     kesEError Stop();
     // Reconnects a lost channel; the polling thread calls it before each cycle.

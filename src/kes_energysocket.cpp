@@ -2,6 +2,7 @@
 
 #include "kes_modbusrtu.h"
 #include "kes_osthread.h"
+#include "kes_time.h"
 
 #include <cstring>
 #include <new>
@@ -203,6 +204,41 @@ int kesEnergySocket::Receive(void* o_pData, unsigned int i_size, int* o_pReceive
         return result;
     }
     return -1;
+}
+
+int kesEnergySocket::receive_available(unsigned char* o_pData, unsigned int i_size, unsigned int i_milliseconds)
+{
+    if (m_pTcpSocket != nullptr)
+        return m_pTcpSocket->ReceiveAvailable(o_pData, i_size, i_milliseconds);
+    if (m_pSerialCom == nullptr || !m_pSerialCom->IsValid())
+        return -1;
+    if (i_milliseconds > 0 && !m_pSerialCom->IsReadyToReceive(i_milliseconds))
+        return 0;
+    int got = m_pSerialCom->Receive(o_pData, i_size);
+    return got == -2 ? 0 : got;
+}
+
+int kesEnergySocket::Discard(unsigned int i_milliseconds)
+{
+    unsigned char dropped[ECHO_BUFFER_SIZE];
+    unsigned int start = kesTime::GetSteadyTime();
+    int count = 0;
+    while (count < (int)FLUSH_MAX_BYTES)
+    {
+        unsigned int spent = kesTime::GetSteadyTime() - start;
+        unsigned int left = spent < i_milliseconds ? i_milliseconds - spent : 0;
+        int got = receive_available(dropped, sizeof(dropped), left);
+        if (got == -1 || got == -3)
+        {
+            close_after_failure(got, "Discard");
+            return got;
+        }
+        if (got > 0)
+            count += got;
+        else if (left == 0)
+            break;
+    }
+    return count;
 }
 
 int __SEND_PURGE_ECHO__(kesEnergySocket* io_pSocket, const void* i_pData, unsigned int i_size)

@@ -37,8 +37,13 @@ public:
     unsigned int GetReceiveTimeOut() const;
     int Send(const void* i_pData, unsigned int i_size);
     int Receive(void* o_pData, unsigned int i_size, int* o_pReceived);
+    // Reads and drops what arrives within i_milliseconds (0: only what waits
+    // now): the number of bytes dropped, or -1 / -3 as Receive.
+    int Discard(unsigned int i_milliseconds);
 
 private:
+    int receive_available(unsigned char* o_pData, unsigned int i_size, unsigned int i_milliseconds);
+
     int send_serial(const unsigned char* i_pData, unsigned int i_size);
     void close_after_failure(int i_result, const char* i_function);
 

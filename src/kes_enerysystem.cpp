@@ -2,6 +2,7 @@
 
 #include "kes_modbusrtu.h"
 #include "kes_osthread.h"
+#include "kes_time.h"
 
 namespace kes {
 
@@ -150,7 +151,9 @@ kesString with_address(const char* i_szText, unsigned short i_usAddress)
 } // namespace
 
 kesEnergySystem::kesEnergySystem()
-    : m_uiReceiveTimeOut(MIN_RECEIVE_TIMEOUT), m_uiAnswerPause(MIN_ANSWER_PAUSE), m_uiFailurePause(MIN_FAILURE_PAUSE)
+    : m_uiReceiveTimeOut(MIN_RECEIVE_TIMEOUT), m_uiAnswerPause(MIN_ANSWER_PAUSE), m_uiFailurePause(MIN_FAILURE_PAUSE),
+      m_bUnanswered(false), m_uiUnansweredAt(0), m_uiStrayAt(kesTime::GetSteadyTime() - LATE_REPLY_WINDOW_MS),
+      m_uiQuickest(~0u)
 {
 }
 
@@ -182,6 +185,10 @@ kesEError kesEnergySystem::OpenCommunication(const kesString& i_sAddress, unsign
     m_uiReceiveTimeOut = i_uiReceiveTimeOut < MIN_RECEIVE_TIMEOUT ? MIN_RECEIVE_TIMEOUT : i_uiReceiveTimeOut;
     m_uiAnswerPause = i_uiAnswerPause < MIN_ANSWER_PAUSE ? MIN_ANSWER_PAUSE : i_uiAnswerPause;
     m_uiFailurePause = i_uiFailurePause < MIN_FAILURE_PAUSE ? MIN_FAILURE_PAUSE : i_uiFailurePause;
+    // A new connection starts quiet, with no reply to measure promptness by.
+    m_bUnanswered = false;
+    m_uiStrayAt = kesTime::GetSteadyTime() - LATE_REPLY_WINDOW_MS;
+    m_uiQuickest = ~0u;
     if (!m_oSocket.SetReceiveTimeOut(m_uiReceiveTimeOut))
         return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "Can not set receive timeout", __FILE__, __func__,
                                                  __LINE__));
@@ -243,6 +250,42 @@ void kesEnergySystem::pause_after_failure() const
     kesOsThread::SleepMs(m_uiFailurePause);
 }
 
+int kesEnergySystem::drop_arriving(kesEnergySocket* io_pChannel, unsigned int i_uiMilliseconds) const
+{
+    return io_pChannel->Discard(i_uiMilliseconds);
+}
+
+void kesEnergySystem::note_unanswered(unsigned int i_uiSentAt)
+{
+    m_bUnanswered = true;
+    m_uiUnansweredAt = i_uiSentAt;
+}
+
+void kesEnergySystem::note_stray(int i_iBytes)
+{
+    if (i_iBytes > 0)
+        m_uiStrayAt = kesTime::GetSteadyTime();
+}
+
+// Replies carry nothing but the unit, which devices of one type share. While
+// an earlier request may still be answered, a reply is taken as the answer to
+// its own request only on a quiet line and when it came as fast as replies do.
+const char* kesEnergySystem::untied(unsigned int i_uiSentAt, unsigned int i_uiArrivedAt)
+{
+    unsigned int took = i_uiArrivedAt - i_uiSentAt;
+    unsigned int prompt = m_uiQuickest == ~0u ? 0u : 4u * m_uiQuickest + PROMPT_MARGIN_MS;
+    m_uiQuickest = took < m_uiQuickest ? took : m_uiQuickest + 1u;
+    if (!m_bUnanswered || i_uiArrivedAt - m_uiUnansweredAt >= LATE_REPLY_WINDOW_MS)
+        return nullptr;
+    if (i_uiArrivedAt - m_uiStrayAt < LATE_REPLY_WINDOW_MS)
+        return "Reply after an unanswered request on a line out of step at address:";
+    if (took <= prompt)
+        return nullptr;
+    // most likely the late one itself
+    m_uiStrayAt = i_uiArrivedAt;
+    return "Reply slower than the line's replies after an unanswered request at address:";
+}
+
 kesEError kesEnergySystem::exchange(kesEnergySocket* io_pChannel, kesIModbusRtuFrame* i_pRequest, bool i_bCheckSend,
                                     unsigned short i_usAddress, unsigned int i_uiReplyLength,
                                     unsigned int i_uiDataSize, kesReplyDecoder i_pDecoder, void* io_pContext,
@@ -254,16 +297,25 @@ kesEError kesEnergySystem::exchange(kesEnergySocket* io_pChannel, kesIModbusRtuF
         return kesErrorLog(kesBuildErrorLocation(kesErrorInvalidArgument, "Invalid exchange", __FILE__,
                                                  i_szFunction, __LINE__));
 
+    // Bytes waiting now answer no request of this exchange.
+    note_stray(drop_arriving(io_pChannel, 0));
     int sent = io_pChannel->Send(i_pRequest->GetFrameBufferPtr(), i_pRequest->GetFrameSize());
-    if (i_bCheckSend && sent != static_cast<int>(i_pRequest->GetFrameSize()))
+    unsigned int sentAt = kesTime::GetSteadyTime();
+    if (i_bCheckSend && sent != static_cast<int>(i_pRequest->GetFrameSize())) {
+        note_unanswered(sentAt);
         return kesErrorLog(kesBuildErrorLocation(
             kesErrorFailed, with_address("Can not send data to the bus at address:", i_usAddress), __FILE__,
             i_szFunction, __LINE__));
+    }
 
     int received = 0;
     int result = io_pChannel->Receive(reply, i_uiReplyLength, &received);
+    unsigned int arrivedAt = kesTime::GetSteadyTime();
     if (result == -2 || received != static_cast<int>(i_uiReplyLength)) {
-        pause_after_failure();
+        note_unanswered(sentAt);
+        note_stray(received);
+        if (io_pChannel->IsOpen())
+            note_stray(drop_arriving(io_pChannel, m_uiFailurePause));
         kesString text;
         text.SetFormat(128, "%s%i bytes but requested %u at address:%u",
                        result == -2 ? "Response timeout received " : "Received ", received, i_uiReplyLength,
@@ -273,32 +325,51 @@ kesEError kesEnergySystem::exchange(kesEnergySocket* io_pChannel, kesIModbusRtuF
 
     kesModbusRtuFrame response(reply, i_uiReplyLength);
     if (!response.HasValidCrc()) {
-        pause_after_failure();
+        // most likely this reply spoilt on the line; bytes behind it say otherwise
+        int behind = drop_arriving(io_pChannel, m_uiFailurePause);
+        note_stray(behind);
+        if (behind > 0)
+            note_unanswered(sentAt);
         kesString dump;
         kesModbusRtuFrame::DumpFrame(&response, &dump);
         return kesErrorLog(
             kesBuildErrorLocation(kesErrorFailed, kesString("Invalid Crc\n") + dump, __FILE__, i_szFunction, __LINE__));
     }
 
-    if (response.IsException()) {
-        pause_after_answer();
+    // A second frame within the answer pause (a reply twice, or a late one
+    // beside this) leaves no telling which of them answered this request.
+    int after = drop_arriving(io_pChannel, m_uiAnswerPause);
+    note_stray(after);
+
+    if (response.IsException())
         return kesErrorLog(
             kesBuildErrorLocation(kesErrorFailed, response.GetExceptionDescription(), __FILE__, i_szFunction, __LINE__));
-    }
 
     const unsigned char* data = response.GetDataPtr(true);
     unsigned int size = response.GetDataSize(true);
     if (size != i_uiDataSize || !data || response.GetUnitID() != i_pRequest->GetUnitID() ||
         response.GetFunctionCodeID() != i_pRequest->GetFunctionCodeID()) {
-        pause_after_answer();
+        // the reply of another request: this one may still be answered
+        note_unanswered(sentAt);
+        note_stray(received);
         return kesErrorLog(kesBuildErrorLocation(
             kesErrorFailed, "pData && size && oFrameResponse.GetUnitID() && oFrameResponse.GetFunctionCodeID()",
             __FILE__, i_szFunction, __LINE__));
     }
 
-    kesEError decoded = i_pDecoder ? i_pDecoder(data, size, io_pContext) : kesErrorOk;
-    pause_after_answer();
-    return decoded;
+    if (after > 0) {
+        kesString text;
+        text.SetFormat(128, "Reply out of step, %i more bytes after it at address:%u", after,
+                       static_cast<unsigned int>(i_usAddress));
+        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, text, __FILE__, i_szFunction, __LINE__));
+    }
+    if (const char* why = untied(sentAt, arrivedAt)) {
+        // it may be the late reply of the earlier request, and this one's still to come
+        note_unanswered(sentAt);
+        return kesErrorLog(
+            kesBuildErrorLocation(kesErrorFailed, with_address(why, i_usAddress), __FILE__, i_szFunction, __LINE__));
+    }
+    return i_pDecoder ? i_pDecoder(data, size, io_pContext) : kesErrorOk;
 }
 
 kesEError kesEnergySystem::execute(kesEError (*i_pAttempt)(kesEnergySystem* io_pSystem, void* io_pContext),

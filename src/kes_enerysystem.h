@@ -213,6 +213,15 @@ protected:
     // waits; the bus itself always gets them.
     virtual void pause_after_answer() const;
     virtual void pause_after_failure() const;
+    // The pauses of a measurement-style exchange, spent reading: whatever
+    // arrives is dropped and counted (or -1 / -3 when the channel fails).
+    virtual int drop_arriving(kesEnergySocket* io_pChannel, unsigned int i_uiMilliseconds) const;
+
+    // How long after an unanswered request its reply is still expected, so
+    // that a reply arriving meanwhile may be that one rather than its own.
+    static const unsigned int LATE_REPLY_WINDOW_MS = 5000;
+    // Beyond four times the quickest reply and this, a reply is no longer prompt.
+    static const unsigned int PROMPT_MARGIN_MS = 50;
 
     kesEnergySocket m_oSocket;
 
@@ -257,9 +266,22 @@ private:
         unsigned int* o_pCount4, unsigned short* o_pPeriod4, unsigned int* o_pSecond4,
         unsigned int* o_pCount5, unsigned short* o_pPeriod5, unsigned int* o_pSecond5);
 
+    // Late replies: the last request that got no reply of its own, and the
+    // last bytes that belonged to no request (steady clock, milliseconds).
+    void note_unanswered(unsigned int i_uiSentAt);
+    void note_stray(int i_iBytes);
+    // 0 when the reply answers its own request; otherwise why it may not.
+    const char* untied(unsigned int i_uiSentAt, unsigned int i_uiArrivedAt);
+
     unsigned int m_uiReceiveTimeOut;
     unsigned int m_uiAnswerPause;
     unsigned int m_uiFailurePause;
+    bool m_bUnanswered;
+    unsigned int m_uiUnansweredAt;
+    unsigned int m_uiStrayAt;
+    // The quickest reply of this connection, creeping up by 1 ms a reply so
+    // that a line grown slower is followed; no reply yet: ~0u.
+    unsigned int m_uiQuickest;
 
     // ---- identity, alarm device, addressing, discovery and device report
 public:

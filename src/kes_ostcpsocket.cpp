@@ -3,6 +3,7 @@
 #include "kes_time.h"
 
 #include <arpa/inet.h>
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <netdb.h>
@@ -35,6 +36,10 @@ const char* const SOCKET_IS_INVALID = "Socket is invalid.";
 const char* const SOCKET_IS_CLOSE = "Socket is close.";
 // a peer that never stops talking must not hold FlushReceive forever
 const unsigned int FLUSH_MAX_BYTES = 65536;
+// how often a connection in progress looks at the abort flag
+const unsigned int CONNECT_SLICE_MS = 50;
+
+std::atomic<bool> g_connect_abort(false);
 
 } // namespace
 
@@ -129,12 +134,98 @@ kesEError kesOsTcpSocket::Open(const kesString& i_address, unsigned short i_port
     if (!kesOsResolveIPv4(host, &destination.sin_addr))
         return report(kesErrorNetwork, "gethostbyname failed", "Open", __LINE__);
 
-    if (connect(m_hSocket, reinterpret_cast<sockaddr*>(&destination), sizeof(destination)) == -1)
-        return report(kesErrorNetwork, with_std_error("Can not connect socket", errno), "Open", __LINE__);
+    int error = connect_bounded(destination);
+    if (error != 0)
+    {
+        report(kesErrorNetwork, with_std_error("Can not connect socket", error), "Open", __LINE__);
+        // a socket whose connection failed is not connected again: the next Open gets a fresh one
+        if (Reset() != kesErrorOk)
+            report(kesErrorNetwork, "Can not reset socket", "Open", __LINE__);
+        return kesErrorNetwork;
+    }
 
     m_uFlags |= FLAG_CONNECTED;
     m_uConnectionTime = kesTime::GetTime() / 1000;
     return kesErrorOk;
+}
+
+void kesOsTcpSocket::SetConnectAbort(bool i_abort)
+{
+    g_connect_abort = i_abort;
+}
+
+bool kesOsTcpSocket::IsConnectAborted()
+{
+    return g_connect_abort;
+}
+
+// 0 once connected, otherwise the reason as an errno value. The descriptor is
+// blocking again afterwards: the transfers rely on the socket time-outs.
+int kesOsTcpSocket::connect_bounded(const sockaddr_in& i_destination)
+{
+    if (g_connect_abort)
+        return ECANCELED;
+    int flags = fcntl(m_hSocket, F_GETFL);
+    if (flags == -1 || fcntl(m_hSocket, F_SETFL, flags | O_NONBLOCK) == -1)
+        return errno;
+    int error = 0;
+    if (connect(m_hSocket, reinterpret_cast<const sockaddr*>(&i_destination), sizeof(i_destination)) == -1)
+        error = errno;
+    unsigned int start = kesTime::GetSteadyTime();
+    while (error == EINPROGRESS || error == EINTR)
+    {
+        unsigned int spent = kesTime::GetSteadyTime() - start;
+        if (g_connect_abort)
+            error = ECANCELED;
+        else if (spent >= CONNECT_TIME_OUT_MS)
+            error = ETIMEDOUT;
+        else
+        {
+            unsigned int left = CONNECT_TIME_OUT_MS - spent;
+            pollfd entry = {m_hSocket, POLLOUT, 0};
+            int ready = poll(&entry, 1, (int)(left < CONNECT_SLICE_MS ? left : CONNECT_SLICE_MS));
+            if (ready == -1 && errno != EINTR)
+                error = errno;
+            else if (ready > 0)
+            {
+                socklen_t size = sizeof(error);
+                if (getsockopt(m_hSocket, SOL_SOCKET, SO_ERROR, &error, &size) == -1)
+                    error = errno;
+            }
+        }
+    }
+    if (fcntl(m_hSocket, F_SETFL, flags) == -1 && error == 0)
+        error = errno;
+    return error;
+}
+
+int kesOsTcpSocket::ReceiveAvailable(void* o_pData, unsigned int i_length, unsigned int i_milliseconds)
+{
+    if (!IsOpen())
+    {
+        report(kesErrorNetwork, SOCKET_IS_CLOSE, "ReceiveAvailable", __LINE__);
+        return -1;
+    }
+    if (i_length == 0 || (i_milliseconds > 0 && !IsReadyToReceive(i_milliseconds)))
+        return 0;
+    for (;;)
+    {
+        ssize_t result = recv(m_hSocket, o_pData, i_length, MSG_DONTWAIT);
+        if (result > 0)
+            return (int)result;
+        if (result == 0)
+        {
+            if (Close() != kesErrorOk)
+                report(kesErrorNetwork, "Can not close socket", "ReceiveAvailable", __LINE__);
+            return -3;
+        }
+        if (errno == EINTR)
+            continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK)
+            return 0;
+        report(kesErrorNetwork, with_std_error("recv error", errno), "ReceiveAvailable", __LINE__);
+        return -1;
+    }
 }
 
 kesEError kesOsTcpSocket::Close()

@@ -80,8 +80,21 @@ public:
     int Send(const void* i_pData, unsigned int i_length) override;
     kesEError Close() override;
 
+    // Connects within CONNECT_TIME_OUT_MS; a gateway that drops the attempts
+    // must not hold the caller for the kernel's two minutes.
     kesEError Open(const kesString& i_address, unsigned short i_port);
     kesEError Reset();
+
+    // Waits up to i_milliseconds for bytes, then takes what is there, at most
+    // i_length: the count, 0 when none came, -1 on a failure, -3 when the peer closed.
+    int ReceiveAvailable(void* o_pData, unsigned int i_length, unsigned int i_milliseconds);
+
+    // Set when the process stops: connections in progress and later ones give
+    // up at once, in every thread.
+    static void SetConnectAbort(bool i_abort);
+    static bool IsConnectAborted();
+
+    static const unsigned int CONNECT_TIME_OUT_MS = 3000;
 
     enum EFlags : unsigned int
     {
@@ -93,6 +106,7 @@ private:
     int transfer(bool i_send, unsigned char* io_pData, unsigned int i_length, int* o_pDone, const char* i_function);
     bool set_time_out(int i_option, unsigned int i_milliseconds, const char* i_function);
     unsigned int get_time_out(int i_option, const char* i_function) const;
+    int connect_bounded(const sockaddr_in& i_destination);
     bool is_ready(short i_events, unsigned int i_milliseconds, const char* i_function) const;
     kesString get_address_text(bool i_peer, const char* i_function) const;
 

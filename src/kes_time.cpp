@@ -14,6 +14,15 @@ unsigned int kesTime::GetTime()
     return static_cast<unsigned int>(ms);
 }
 
+unsigned int kesTime::GetSteadyTime()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    unsigned long long ms = static_cast<unsigned long long>(now.tv_sec) * 1000ull +
+                            static_cast<unsigned long long>(now.tv_nsec) / 1000000ull;
+    return static_cast<unsigned int>(ms);
+}
+
 kesString kesTime::GetDateTime()
 {
     // The reentrant forms: every thread logs, and the shared static buffers would mix.

@@ -22,6 +22,8 @@ public:
 
     // Milliseconds of the wall clock, wrapping at 2^32: good for unsigned differences only.
     static unsigned int GetTime();
+    // Milliseconds of a clock that no setting of the date moves, wrapping at 2^32.
+    static unsigned int GetSteadyTime();
     // Local time in the 24-character form of asctime, without the line end.
     static kesString GetDateTime();
     // Raw struct tm values but the year; yearDay, month and weekDay count from 0.

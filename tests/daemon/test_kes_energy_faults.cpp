@@ -6,7 +6,10 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -14,6 +17,7 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -295,35 +299,91 @@ TEST(DaemonFaults, SigtermDuringConfigurationEndsInOrder)
     }
 }
 
+// A port whose connection attempts go unanswered, as behind a gateway with
+// its power cut: a listener that accepts nothing and a full backlog.
+struct Blackhole {
+    int listener = -1;
+    std::vector<int> queued;
+    explicit Blackhole(uint16_t i_port)
+    {
+        listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        int on = 1;
+        setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(i_port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || listen(listener, 0) != 0)
+            return;
+        for (int i = 0; i < 3; ++i) {
+            int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+            connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+            queued.push_back(fd);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    ~Blackhole()
+    {
+        for (int fd : queued)
+            close(fd);
+        close(listener);
+    }
+};
+
 // SIGTERM while a line waits for its gateway, or its serial adapter, to come
-// back.
+// back; and while gateways drop the connection attempts, at start-up and
+// when a line reconnects: the daemon ends in order within 2 s.
 TEST(DaemonFaults, SigtermDuringReconnectionEndsInOrder)
 {
     kes_net_test::UdpReceiver receiver(16549);
     ASSERT_EQ(receiver.port, 16549) << "the datagram port is taken";
-    const bool serialCases[] = {false, true};
-    for (bool serial : serialCases) {
-        SCOPED_TRACE(serial ? "serial adapter" : "TCP gateway");
+    enum Phase { Refused, SerialAway, Unanswered, StartUnanswered };
+    const Phase phases[] = {Refused, SerialAway, Unanswered, StartUnanswered};
+    for (Phase phase : phases) {
+        SCOPED_TRACE("phase " + std::to_string(phase));
         kes_test::TempDir dir;
         ASSERT_EQ(mkdir(dir.File("dev").c_str(), 0755), 0);
-        std::string address =
-            serial ? dir.File("dev/ttyUSB0") : "127.0.0.1:" + std::to_string(free_port());
-        kes_test::WriteFile(dir.File("conf.xml"), "<energy><line id=\"1\" adr=\"" + address + "\">" +
-                                                      value(2, 3, 1301, 0) + "</line></energy>");
+        uint16_t port = free_port();
+        std::string address = phase == SerialAway ? dir.File("dev/ttyUSB0") : "127.0.0.1:" + std::to_string(port);
+        std::string lines = "<line id=\"1\" adr=\"" + address + "\">" + value(2, 3, 1301, 0) + "</line>";
+        if (phase == StartUnanswered)
+            lines += "<line id=\"2\" adr=\"" + address + "\">" + value(2, 3, 2301, 0) + "</line>";
+        kes_test::WriteFile(dir.File("conf.xml"), "<energy>" + lines + "</energy>");
         keep_descriptors_from_children();
+        std::unique_ptr<Blackhole> blackhole;
         kes_test::ChildProcess sim;
-        ASSERT_TRUE(sim.Start({kes_test::BinPath("kes_bus_sim"), "-conf", dir.File("conf.xml")}));
-        ASSERT_TRUE(sim.WaitForOutput("ready", 5000)) << sim.Output();
         kes_test::ChildProcess daemon;
-        ASSERT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir",
-                                  dir.Path() + "/"}));
-        std::string datagram;
-        ASSERT_TRUE(receiver.Receive(&datagram, 3000)) << daemon.Output();
-        sim.Signal(SIGTERM);
-        EXPECT_EQ(sim.Wait(5000), 0) << sim.Output();
-        EXPECT_TRUE(daemon.WaitForOutput("Can not start line 1", 4000)) << daemon.Output();
+        if (phase == StartUnanswered) {
+            blackhole.reset(new Blackhole(port));
+            ASSERT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir",
+                                      dir.Path() + "/"}));
+            auto end = Clock::now() + std::chrono::seconds(3);
+            while (!catches_sigterm(daemon.Pid()) && Clock::now() < end)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            // into the first connection attempt
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        } else {
+            ASSERT_TRUE(sim.Start({kes_test::BinPath("kes_bus_sim"), "-conf", dir.File("conf.xml")}));
+            ASSERT_TRUE(sim.WaitForOutput("ready", 5000)) << sim.Output();
+            ASSERT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir",
+                                      dir.Path() + "/"}));
+            std::string datagram;
+            ASSERT_TRUE(receiver.Receive(&datagram, 3000)) << daemon.Output();
+            sim.Signal(SIGTERM);
+            EXPECT_EQ(sim.Wait(5000), 0) << sim.Output();
+            if (phase == Unanswered) {
+                blackhole.reset(new Blackhole(port));
+                // the pause before a reconnection, then into the connection attempt
+                std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+            } else {
+                EXPECT_TRUE(daemon.WaitForOutput("Can not start line 1", 4000)) << daemon.Output();
+            }
+        }
+        auto signalled = Clock::now();
         daemon.Signal(SIGTERM);
         EXPECT_EQ(daemon.Wait(4000), 0) << daemon.Output();
+        EXPECT_LT(since(signalled), 2.0) << daemon.Output();
+        std::string datagram;
         while (receiver.Receive(&datagram, 0)) {
         }
     }
