@@ -147,7 +147,8 @@ unsigned int kesString::AsULong(const kesString& text, int base)
     if (*p == '-' || *p == '+') {
         negative = *p == '-';
         ++p;
-        if (*p == '-' || *p == '+')
+        // strtoull would skip blanks and take another sign here: the number must follow the sign
+        if (*p == '-' || *p == '+' || isspace(static_cast<unsigned char>(*p)))
             return 0;
     }
     errno = 0;

@@ -126,9 +126,11 @@ void kesTimer::run(kesOsThread* thread)
         unsigned int pause = (wait == 0 || elapsed > resolution || wait > expired) ? 1 : wait;
         // Never sleep past the next expiry: a pause as long as the period that wakes a
         // millisecond early would otherwise lose a whole tick.
-        int remaining = static_cast<int>(last + expired - get_loop_time());
-        if (remaining < static_cast<int>(pause))
-            pause = remaining < 1 ? 1 : static_cast<unsigned int>(remaining);
+        // Unsigned all through: a period of 2^31 ms or more is no negative number.
+        unsigned int since = get_loop_time() - last;
+        unsigned int remaining = since >= expired ? 0u : expired - since;
+        if (remaining < pause)
+            pause = remaining < 1 ? 1 : remaining;
         if (!thread->WaitContinue(pause))
             break;
     }

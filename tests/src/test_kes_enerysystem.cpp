@@ -2,10 +2,18 @@
 
 #include <gtest/gtest.h>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <map>
+#include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "error_capture.h"
@@ -537,5 +545,150 @@ TEST_F(EnergySystemTest, NoAttemptAtAllSucceedsWithoutTouchingTheBus)
     EXPECT_EQ(-1.0f, voltage);
     EXPECT_EQ(0u, m_gateway.GetRequestCount());
 }
+
+} // namespace
+
+// ---------------------------------------------------------------- late replies
+
+namespace {
+
+// A bus whose replies come late (just past the time-out to seconds), twice, or
+// not at all, in a given share of the requests; the others come at once. On a
+// serial line every request is echoed first.
+class FaultyBus {
+public:
+    FaultyBus(int i_fd, bool i_echo, int i_share, const TestGateway& i_registers)
+        : m_fd(i_fd), m_echo(i_echo), m_share(i_share), m_registers(i_registers), m_thread([this] { run(); })
+    {
+    }
+    ~FaultyBus()
+    {
+        m_stop = true;
+        m_thread.join();
+    }
+
+private:
+    typedef std::chrono::steady_clock Clock;
+    void run()
+    {
+        std::mt19937 random(static_cast<unsigned int>(m_share) * 7919u + (m_echo ? 1u : 0u));
+        std::multimap<Clock::time_point, Bytes> due;
+        Bytes input;
+        while (!m_stop) {
+            pollfd entry = {m_fd, POLLIN, 0};
+            unsigned char got[64];
+            ssize_t count = poll(&entry, 1, 1) == 1 ? ::read(m_fd, got, sizeof(got)) : 0;
+            if (count > 0)
+                input.insert(input.end(), got, got + count);
+            while (input.size() >= 8) {
+                Bytes request(input.begin(), input.begin() + 8);
+                input.erase(input.begin(), input.begin() + 8);
+                if (m_echo)
+                    kes_test::WriteAll(m_fd, request);
+                Bytes reply = m_registers.Answer(request);
+                Clock::time_point now = Clock::now();
+                auto later = [&] { return now + std::chrono::milliseconds(55 + random() % 2500); };
+                if (static_cast<int>(random() % 100) >= m_share) {
+                    due.emplace(now, reply);
+                    continue;
+                }
+                switch (random() % 3) {
+                case 0: // lost
+                    break;
+                case 1:
+                    due.emplace(later(), reply);
+                    break;
+                default: // twice
+                    due.emplace(now, reply);
+                    due.emplace(later(), reply);
+                    break;
+                }
+            }
+            while (!due.empty() && due.begin()->first <= Clock::now()) {
+                kes_test::WriteAll(m_fd, due.begin()->second);
+                due.erase(due.begin());
+            }
+        }
+    }
+
+    int m_fd;
+    bool m_echo;
+    int m_share;
+    const TestGateway& m_registers;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+struct LateRow {
+    bool serial;
+    int share; // percent of the requests answered late, twice or never
+};
+
+class LateReplies : public ::testing::TestWithParam<LateRow> {};
+
+// Four string modules, one unit id, distinct voltages: every value read is the
+// voltage of the module asked, whatever the bus does.
+TEST_P(LateReplies, NeverLendAValueToAnotherDevice)
+{
+    const LateRow row = GetParam();
+    TestGateway registers;
+    for (unsigned short mid = 1; mid <= 4; ++mid)
+        registers.SetRegisters(kesEnergyDeviceString, static_cast<uint16_t>(100 * mid), {uint16_t(1000 * mid), 7});
+    kes_test::PtyPair pty;
+    kes_test::LoopbackServer server;
+    std::atomic<int> peerFd{-1};
+    kes_test::Gate done;
+    std::string address;
+    if (row.serial) {
+        ASSERT_TRUE(pty.IsValid());
+        peerFd = pty.Master();
+        address = pty.LinkPath();
+    } else {
+        server.Serve([&](int i_fd, int) {
+            int on = 1;
+            setsockopt(i_fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+            peerFd = i_fd;
+            done.Wait(20000);
+        });
+        address = server.Address();
+    }
+    ErrorCapture log;
+    unsigned char savedCount = kesEnergySystem::EXECUTION_COUNT;
+    kesEnergySystem::EXECUTION_COUNT = 1;
+    kesEnergySystem system;
+    // an answer pause well above the bus's own delay, as on a real line
+    ASSERT_EQ(kesErrorOk, system.OpenCommunication(address.c_str(), 0, 50, 20, 30));
+    for (int i = 0; i < 500 && peerFd < 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    ASSERT_GE(peerFd, 0);
+    int read = 0, wrong = 0;
+    {
+        FaultyBus bus(peerFd, row.serial, row.share, registers);
+        auto start = std::chrono::steady_clock::now();
+        for (unsigned short mid = 1; elapsed_ms(start) < 4000 && system.IsConnected(); mid = mid % 4 + 1) {
+            float voltage = -1;
+            kesEError r = system.ReadStringVoltAmpere(static_cast<unsigned short>(100 * mid), &voltage, nullptr);
+            if (r != kesErrorOk)
+                continue;
+            ++read;
+            wrong += voltage != 100.0f * mid;
+        }
+    }
+    done.Open();
+    server.Join();
+    kesEnergySystem::EXECUTION_COUNT = savedCount;
+    EXPECT_EQ(0, wrong) << read << " values read";
+    if (row.share < 100) {
+        EXPECT_GT(read, 0);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(BothLines, LateReplies,
+                         ::testing::Values(LateRow{false, 100}, LateRow{false, 30}, LateRow{true, 100},
+                                           LateRow{true, 30}),
+                         [](const ::testing::TestParamInfo<LateRow>& i_info) {
+                             return std::string(i_info.param.serial ? "Serial" : "Tcp") +
+                                    std::to_string(i_info.param.share);
+                         });
 
 } // namespace

@@ -134,6 +134,8 @@ TEST(KesString, ConversionsAndComparison)
     EXPECT_EQ(kesString::AsULong("-1", 10), 4294967295u);
     EXPECT_EQ(kesString::AsULong("99999999999", 10), 4294967295u);
     EXPECT_EQ(kesString::AsULong("  257", 10), 257u);
+    EXPECT_EQ(kesString::AsULong(" + 3", 10), 0u);
+    EXPECT_EQ(kesString::AsULong("- 3", 10), 0u);
     EXPECT_EQ(kesString::AsInt("abc", 10), 0);
     EXPECT_EQ(kesString::AsInt("-99999999999", 10), INT32_MIN);
     EXPECT_TRUE(kesString("ABC").IsEqualNoCase("abc"));

@@ -42,10 +42,11 @@ public:
 // A clock whose readings jitter by 2 ms, so a check can land just before the expiry.
 class JitterClockTimer : public RecordingTimer {
 protected:
-    unsigned int get_loop_time() override { return kesTime::GetTime() + ((++m_calls & 1) ? 2 : 0); }
+    unsigned int get_loop_time() override { return kesTime::GetTime() + ((++m_calls & 1) ? m_jitter : 0); }
 
-private:
-    unsigned int m_calls = 0;
+public:
+    unsigned int m_jitter = 2;
+    std::atomic<unsigned int> m_calls{0};
 };
 
 } // namespace
@@ -160,6 +161,20 @@ TEST(KesTimer, PauseAsLongAsThePeriodLosesNoTick)
     timer.Stop();
     EXPECT_GE(timer.ticks.size(), 9u);
     EXPECT_LE(timer.ticks.size(), 11u);
+}
+
+TEST(KesTimer, PeriodOfHalfTheClockOrMoreStillSleeps)
+{
+    // a pause figured in signed milliseconds turned negative and the loop spun at 1 ms
+    JitterClockTimer timer;
+    timer.m_jitter = 0;
+    timer.SetExpiredTime(0x80000000u);
+    timer.SetResolutionTime(0x80000000u);
+    ASSERT_EQ(timer.Start(0), kesErrorOk);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    timer.Stop();
+    EXPECT_TRUE(timer.ticks.empty());
+    EXPECT_LT(timer.m_calls.load(), 20u);
 }
 
 TEST(KesTimer, RestartRunsStopAndStartHooks)
