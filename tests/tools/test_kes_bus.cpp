@@ -247,7 +247,7 @@ TEST(KesBusConf, WritesTheLineOfTheBusAndKeepsTheRest)
     const kesArray<kesEnergyDevice> plant = array_of({device(kesEnergyDevicePanel, 2, 11),
                                                       device(kesEnergyDeviceAmbient, 0, 44),
                                                       device(kesEnergyDevicePulseCounterTwo, 3, 88)});
-    const kesArray<kesEnergyDevice> one = array_of({device(kesEnergyDeviceString, 5, 55)});
+    const kesArray<kesEnergyDevice> none, one = array_of({device(kesEnergyDeviceString, 5, 55)});
     const kesArray<kesEnergyDevice> shared =
         array_of({device(kesEnergyDevicePanel, 9, 11), device(kesEnergyDeviceString, 9, 22)});
     struct Row {
@@ -289,6 +289,7 @@ TEST(KesBusConf, WritesTheLineOfTheBusAndKeepsTheRest)
         {"an item number another line has", ELSEWHERE, 4, plant, false, "Item number 400200 is taken by another line"},
         {"an id past 32-bit item numbers", "<energy><line id=\"50000\" adr=\"10.0.0.5:502\"/></energy>",
          KES_BUS_LINE_ID_OF_FILE, plant, false, "Line id 50000 would take item numbers past 32 bits (at most 42949)"},
+        {"nothing found", ELSEWHERE, 1, none, false, "No device with a value to read was found"},
         {"a file that is no XML", "<energy><line", 1, plant, false, " at row 1"},
         {"a write that fails half way", ELSEWHERE, 1, plant, true, "; it is as it was"},
     };

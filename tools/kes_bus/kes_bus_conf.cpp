@@ -238,6 +238,14 @@ unsigned int kesBusItemNumber(unsigned int i_lineId, unsigned int i_mid, unsigne
 bool kesBusWriteConfiguration(const std::string& i_path, const std::string& i_address, unsigned int i_lineId,
                               const kesArray<kesEnergyDevice>& i_devices, std::string* o_text)
 {
+    size_t values = 0;
+    for (const kesEnergyDevice& device : i_devices)
+        values += field_count(device.Type);
+    if (values == 0) {
+        // a bus that did not answer this time must not empty a line that works
+        *o_text = "No device with a value to read was found; " + i_path + " is left as it was";
+        return false;
+    }
     if (!check_modules(i_devices, o_text)) {
         *o_text += "; give each device its own with: kes_bus -adr " + i_address + " number 1 -conf " + i_path;
         return false;
