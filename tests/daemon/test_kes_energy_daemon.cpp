@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cstring>
 #include <map>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -142,19 +141,14 @@ TEST(DaemonEndToEnd, BadConfigurationEndsWithStatusTwo)
     EXPECT_TRUE(a != std::string::npos && b != std::string::npos && c != std::string::npos && a < b && b < c) << out;
 }
 
-std::set<unsigned int> items_of(const std::string& i_conf)
+// Items of the file that got no value from the daemon in 4 s.
+std::set<unsigned int> items_without_value(const std::string& i_conf, const std::string& i_dir)
 {
     std::set<unsigned int> items;
     const std::string text = kes_test::ReadFile(i_conf);
     for (size_t at = text.find("iid=\""); at != std::string::npos; at = text.find("iid=\"", at + 1))
         items.insert(static_cast<unsigned int>(strtoul(text.c_str() + at + 5, nullptr, 10)));
-    return items;
-}
-
-// Items of the file that got no value from the daemon in 4 s.
-std::set<unsigned int> items_without_value(const std::string& i_conf, const std::string& i_dir)
-{
-    std::set<unsigned int> items = items_of(i_conf);
+    EXPECT_EQ(items.size(), 49u); // 2 + 3 + 4 + 0 + 2 + 5 + 9 + 4 + 10 + 3 + 7 values
     kes_net_test::UdpReceiver receiver(16549);
     EXPECT_EQ(receiver.port, 16549) << "the datagram port is taken";
     kes_test::ChildProcess daemon;
@@ -181,23 +175,19 @@ TEST(DaemonEndToEnd, ReadsEveryValueOfTheFileKesBusWrote)
     for (unsigned int type = 1; type <= 11; ++type)
         plant += "<v type=\"" + std::to_string(type) + "\" mid=\"" + std::to_string(mids[type]) + "\" iid=\"1\"/>";
     kes_test::WriteFile(dir.File("plant.xml"), plant + "</line></energy>");
-    auto sim = std::make_unique<kes_test::ChildProcess>();
-    ASSERT_TRUE(sim->Start({kes_test::BinPath("kes_bus_sim"), "-conf", dir.File("plant.xml"), "-hour", "12"}));
-    ASSERT_TRUE(sim->WaitForOutput("ready", 5000)) << sim->Output();
-    kes_test::ChildProcess bus;
+    kes_test::ChildProcess sims[2], bus;
+    ASSERT_TRUE(sims[0].Start({kes_test::BinPath("kes_bus_sim"), "-conf", dir.File("plant.xml")}));
+    ASSERT_TRUE(sims[0].WaitForOutput("ready", 5000)) << sims[0].Output();
     ASSERT_TRUE(bus.Start({kes_test::BinPath("kes_bus"), "-adr", adapter, "-timeout", "50", "-answer", "5",
                            "-failure", "30", "-attempts", "1", "number", "1", "-conf", conf}));
     ASSERT_EQ(bus.Wait(90000), 0) << bus.Output();
     EXPECT_NE(kes_test::ReadFile(conf).find("<!-- [Ambient] serial 10104004 module 1: never read, no value -->"),
               std::string::npos);
-    // 2 + 3 + 4 + 0 + 2 + 5 + 9 + 4 + 10 + 3 + 7 values
-    EXPECT_EQ(items_of(conf).size(), 49u);
     EXPECT_EQ(items_without_value(conf, dir.Path()), std::set<unsigned int>());
-    sim->Signal(SIGTERM);
-    EXPECT_EQ(sim->Wait(5000), 0);
-    sim = std::make_unique<kes_test::ChildProcess>();
-    ASSERT_TRUE(sim->Start({kes_test::BinPath("kes_bus_sim"), "-conf", conf}));
-    ASSERT_TRUE(sim->WaitForOutput("ready", 5000)) << sim->Output();
+    sims[0].Signal(SIGTERM);
+    EXPECT_EQ(sims[0].Wait(5000), 0);
+    ASSERT_TRUE(sims[1].Start({kes_test::BinPath("kes_bus_sim"), "-conf", conf}));
+    ASSERT_TRUE(sims[1].WaitForOutput("ready", 5000)) << sims[1].Output();
     EXPECT_EQ(items_without_value(conf, dir.Path()), std::set<unsigned int>());
 }
 
