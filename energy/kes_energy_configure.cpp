@@ -5,6 +5,7 @@
 #include <new>
 
 #include "kes_energy.h"
+#include "kes_energy_configure.h"
 #include "kes_energy_davis_meteo.h"
 #include "kes_energy_line.h"
 #include "kes_enerysystem.h"
@@ -36,9 +37,9 @@ kesEError register_value(kesEnergyHistorySystem& history, int type, unsigned int
     return history.RegisterParameterDouble(iid, deviceType, fid);
 }
 
-// Whether the file is well-formed UTF-8 (ASCII included). TinyXML trusts the
-// length a lead byte announces and reads past the end of a cut sequence.
-bool is_utf8_file(const kesString& path, kesString* o_where)
+} // namespace
+
+bool kesEnergyIsUtf8File(const kesString& path, kesString* o_where)
 {
     FILE* file = fopen(path.c_str(), "rb");
     if (!file)
@@ -77,8 +78,6 @@ bool is_utf8_file(const kesString& path, kesString* o_where)
     return valid;
 }
 
-} // namespace
-
 kesEError kesEnergy::Configure(const kesString& path)
 {
     m_sConfigurationPath = path;
@@ -88,7 +87,7 @@ kesEError kesEnergy::Configure(const kesString& path)
 kesEError kesEnergy::configure_system()
 {
     kesString where;
-    if (!is_utf8_file(m_sConfigurationPath, &where))
+    if (!kesEnergyIsUtf8File(m_sConfigurationPath, &where))
         return KES_LOG(kesErrorFailed, kesString("Configuration file is not valid UTF-8") + where + " in file: " +
                                            m_sConfigurationPath);
     TiXmlBase::SetCondenseWhiteSpace(true);

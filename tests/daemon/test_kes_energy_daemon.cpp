@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <cstring>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -137,6 +139,56 @@ TEST(DaemonEndToEnd, BadConfigurationEndsWithStatusTwo)
     size_t b = out.find("Configuration failed");
     size_t c = out.find("Energy Execute");
     EXPECT_TRUE(a != std::string::npos && b != std::string::npos && c != std::string::npos && a < b && b < c) << out;
+}
+
+// Items of the file that got no value from the daemon in 4 s.
+std::set<unsigned int> items_without_value(const std::string& i_conf, const std::string& i_dir)
+{
+    std::set<unsigned int> items;
+    const std::string text = kes_test::ReadFile(i_conf);
+    for (size_t at = text.find("iid=\""); at != std::string::npos; at = text.find("iid=\"", at + 1))
+        items.insert(static_cast<unsigned int>(strtoul(text.c_str() + at + 5, nullptr, 10)));
+    EXPECT_EQ(items.size(), 49u); // 2 + 3 + 4 + 0 + 2 + 5 + 9 + 4 + 10 + 3 + 7 values
+    kes_net_test::UdpReceiver receiver(16549);
+    EXPECT_EQ(receiver.port, 16549) << "the datagram port is taken";
+    kes_test::ChildProcess daemon;
+    EXPECT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", i_conf, "-dir", i_dir}));
+    for (const Datagram& d : receive_for(receiver, 4000))
+        if (d.text != "f")
+            items.erase(d.iid);
+    daemon.Signal(SIGTERM);
+    EXPECT_EQ(daemon.Wait(3000), 0) << daemon.Output();
+    return items;
+}
+
+// A plant of every type, three devices on the factory number 9, behind a
+// serial adapter with a stable name: kes_bus numbers it and writes the file,
+// on which the daemon reads every value, from that plant and from the
+// simulator started on the file.
+TEST(DaemonEndToEnd, ReadsEveryValueOfTheFileKesBusWrote)
+{
+    kes_test::TempDir dir;
+    mkdir(dir.File("dev").c_str(), 0755);
+    const std::string adapter = dir.File("dev/ttyUSB-plant-north"), conf = dir.File("conf.xml");
+    std::string plant = "<energy><line id=\"1\" adr=\"" + adapter + "\">";
+    const unsigned int mids[12] = {0, 9, 9, 9, 4, 5, 6, 7, 8, 10, 11, 12}; // by type
+    for (unsigned int type = 1; type <= 11; ++type)
+        plant += "<v type=\"" + std::to_string(type) + "\" mid=\"" + std::to_string(mids[type]) + "\" iid=\"1\"/>";
+    kes_test::WriteFile(dir.File("plant.xml"), plant + "</line></energy>");
+    kes_test::ChildProcess sims[2], bus;
+    ASSERT_TRUE(sims[0].Start({kes_test::BinPath("kes_bus_sim"), "-conf", dir.File("plant.xml")}));
+    ASSERT_TRUE(sims[0].WaitForOutput("ready", 5000)) << sims[0].Output();
+    ASSERT_TRUE(bus.Start({kes_test::BinPath("kes_bus"), "-adr", adapter, "-timeout", "50", "-answer", "5",
+                           "-failure", "30", "-attempts", "1", "number", "1", "-conf", conf}));
+    ASSERT_EQ(bus.Wait(90000), 0) << bus.Output();
+    EXPECT_NE(kes_test::ReadFile(conf).find("<!-- [Ambient] serial 10104004 module 1: never read, no value -->"),
+              std::string::npos);
+    EXPECT_EQ(items_without_value(conf, dir.Path()), std::set<unsigned int>());
+    sims[0].Signal(SIGTERM);
+    EXPECT_EQ(sims[0].Wait(5000), 0);
+    ASSERT_TRUE(sims[1].Start({kes_test::BinPath("kes_bus_sim"), "-conf", conf}));
+    ASSERT_TRUE(sims[1].WaitForOutput("ready", 5000)) << sims[1].Output();
+    EXPECT_EQ(items_without_value(conf, dir.Path()), std::set<unsigned int>());
 }
 
 } // namespace

@@ -43,6 +43,7 @@ TEST(EnergySocket, AddressPicksTheChannel)
 {
     PtyPair lower("dev/ttyUSB0");
     PtyPair mixed("x/DEV/TtYuSb3");
+    PtyPair named("dev/ttyUSB-plant-north");
     LoopbackServer server;
     server.Serve([](int, int) {}, 1, 2000);
     kes_test::TempDir dir;
@@ -57,6 +58,7 @@ TEST(EnergySocket, AddressPicksTheChannel)
     const Case cases[] = {
         {"serial adapter", lower.LinkPath(), true, true, true},
         {"any case, anywhere", mixed.LinkPath(), true, true, true},
+        {"stable name of a udev rule", named.LinkPath(), true, true, true},
         // the port object stays, without a handle
         {"missing adapter", dir.Path() + "/dev/ttyUSB9", true, false, false},
         {"gateway", server.Address(), false, true, true},

@@ -1,9 +1,14 @@
 // kes_bus run as a process against the simulated bus.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/resource.h>
+
+#include <array>
 #include <string>
 #include <vector>
 
+#include "kes_bus_conf.h"
 #include "kes_enerysystem.h"
 #include "test_gateway_bus.h"
 #include "test_process.h"
@@ -74,6 +79,8 @@ TEST(KesBusTool, HelpAndBadArguments)
         {{"-adr", "127.0.0.1:1", "-speed", "9600", "scan"}, "kes_bus: Unknown option -speed\n"},
         {{"-adr", "127.0.0.1:1", "-timeout", "soon", "scan"}, "Option -timeout takes a number"},
         {{"-adr", "127.0.0.1:1", "scan-fine", "10001"}, "COUNT must be a number from 1 to 10000"},
+        {{"-adr", "127.0.0.1:1", "-conf", "c.xml", "read", "1", "3"}, "-conf goes with scan, scan-nomute, scan-fine"},
+        {{"-adr", "127.0.0.1:1", "-id", "42950", "number", "1"}, "Option -id takes a number from 0 to 42949"},
     };
     for (const Row& row : rows) {
         ToolRun run = run_kes_bus(row.arguments);
@@ -199,6 +206,86 @@ TEST(KesBusTool, NumberGivesConsecutiveModuleNumbers)
         TestBusGateway::Device device;
         ASSERT_TRUE(gateway.GetDevice(serials[i], &device));
         EXPECT_EQ(5 + i, device.module);
+    }
+}
+
+// Devices as {type, module number, serial number}.
+kes::kesArray<kes::kesEnergyDevice> devices(std::initializer_list<std::array<unsigned int, 3>> i_rows)
+{
+    kes::kesArray<kes::kesEnergyDevice> array;
+    array.resize(i_rows.size());
+    for (size_t i = 0; i < i_rows.size(); ++i) {
+        array[i].Type = static_cast<kes::kesEEnergyDeviceType>(i_rows.begin()[i][0]);
+        array[i].Address = static_cast<unsigned char>(i_rows.begin()[i][1]);
+        array[i].UniqueID = i_rows.begin()[i][2];
+    }
+    return array;
+}
+
+const char* const ELSEWHERE = "<?xml version=\"1.0\"?>\n<!-- plant north -->\n<energy v=\"1\">\n"
+                              "  <line id=\"4\" adr=\"10.0.0.5:502\"><v type=\"2\" mid=\"3\" iid=\"7\"/></line>\n"
+                              "  <line id=\"2\" adr=\"/dev/ttyUSB0\"><!-- roof --><v iid=\"400200\"/></line>\n"
+                              "  <davis adr=\"10.0.0.6:22222\"/>\n</energy>\n";
+
+TEST(KesBusConf, WritesTheLineOfTheBusAndKeepsTheRest)
+{
+    const kes::kesArray<kes::kesEnergyDevice> plant = devices({{1, 2, 11}, {4, 0, 44}}), none,
+                                              meter = devices({{8, 3, 88}}), shared = devices({{1, 9, 11}, {2, 9, 22}});
+    const std::string note = "        <!-- written by kes_bus: iid = 100000 x id + 100 x mid + fid -->\n";
+    struct Row {
+        const char* name;
+        const char* existing; // null: no file
+        unsigned int id;
+        const kes::kesArray<kes::kesEnergyDevice>& devices;
+        std::string result; // the file written, or a part of the refusal
+    };
+    const Row rows[] = {
+        {"a whole file", nullptr, kes::KES_BUS_LINE_ID_OF_FILE, plant,
+         "<energy v=\"1\">\n    <line id=\"1\" adr=\"10.0.0.5:502\">\n" + note +
+             "        <!-- [Panel] serial 11 module 2 -->\n        <!-- voltage, V -->\n"
+             "        <value type=\"1\" mid=\"2\" iid=\"100200\" fid=\"0\" />\n        <!-- temperature, °C -->\n"
+             "        <value type=\"1\" mid=\"2\" iid=\"100201\" fid=\"1\" />\n"
+             "        <!-- [Ambient] serial 44 module 0: never read, no value -->\n    </line>\n</energy>\n"},
+        {"the line of the address in place, with its id", ELSEWHERE, kes::KES_BUS_LINE_ID_OF_FILE, meter,
+         "<?xml version=\"1.0\" ?>\n<!-- plant north -->\n<energy v=\"1\">\n    <line id=\"4\" adr=\"10.0.0.5:502\">\n" +
+             note + "        <!-- [PulseCounterTwo] serial 88 module 3 -->\n        <!-- pulse rate 1, pulses/h -->\n"
+             "        <value type=\"8\" mid=\"3\" iid=\"400300\" fid=\"0\" />\n        <!-- pulse count 1, pulses -->\n"
+             "        <value type=\"8\" mid=\"3\" iid=\"400301\" fid=\"1\" />\n        <!-- pulse rate 2, pulses/h -->\n"
+             "        <value type=\"8\" mid=\"3\" iid=\"400302\" fid=\"2\" />\n        <!-- pulse count 2, pulses -->\n"
+             "        <value type=\"8\" mid=\"3\" iid=\"400303\" fid=\"3\" />\n    </line>\n"
+             "    <line id=\"2\" adr=\"/dev/ttyUSB0\">\n        <!-- roof -->\n        <v iid=\"400200\" />\n    </line>\n"
+             "    <davis adr=\"10.0.0.6:22222\" />\n</energy>\n"},
+        {"a shared module number", nullptr, 1, shared,
+         "[Panel] serial 11 module 9 and [String] serial 22 module 9 share a module number; give each device its own "
+         "with: kes_bus -adr 10.0.0.5:502 number 1 -conf "},
+        {"nothing found", ELSEWHERE, 1, none, "No device with a value to read was found"},
+        {"an id another line has", ELSEWHERE, 2, plant, "Line id 2 is the id of the line at /dev/ttyUSB0 in "},
+        {"an item number another line has", ELSEWHERE, 4, plant, "Item number 400200 is taken by another line"},
+        {"an id past 32-bit item numbers", "<energy><line id=\"50000\" adr=\"10.0.0.5:502\"/></energy>",
+         kes::KES_BUS_LINE_ID_OF_FILE, plant, "Line id 50000 would take item numbers past 32 bits (at most 42949)"},
+        {"a file that is no XML", "<energy><line", 1, plant, " at row 1"},
+        {"a write that fails half way", ELSEWHERE, 1, plant, "File too large; it is as it was"},
+    };
+    for (const Row& row : rows) {
+        kes_test::TempDir dir;
+        const std::string path = dir.File("conf.xml");
+        if (row.existing)
+            kes_test::WriteFile(path, row.existing);
+        rlimit before, small;
+        getrlimit(RLIMIT_FSIZE, &before);
+        small = {200, before.rlim_max};
+        sighandler_t handler = signal(SIGXFSZ, SIG_IGN); // a write past the limit fails instead
+        if (contains(row.name, "fails"))
+            setrlimit(RLIMIT_FSIZE, &small);
+        std::string text;
+        bool written = kes::kesBusWriteConfiguration(path, "10.0.0.5:502", row.id, row.devices, &text);
+        setrlimit(RLIMIT_FSIZE, &before);
+        signal(SIGXFSZ, handler);
+        EXPECT_EQ(row.result[0] == '<', written) << row.name << ": " << text;
+        EXPECT_TRUE(written ? row.result == kes_test::ReadFile(path) : contains(text, row.result)) << row.name << text;
+        if (!written) {
+            EXPECT_EQ(row.existing ? row.existing : "", kes_test::ReadFile(path)) << row.name;
+        }
     }
 }
 

@@ -222,12 +222,23 @@ kesEBusOutcome command_info(kesBusContext& io_context)
 
 // ---------------------------------------------------------------- discovery
 
-kesEBusOutcome print_devices(const kesArray<kesEnergyDevice>& i_devices)
+kesEBusOutcome write_configuration(kesBusContext& io_context, const kesArray<kesEnergyDevice>& i_devices)
+{
+    const kesBusOptions& options = *io_context.options;
+    if (options.conf.empty())
+        return kesBusOk;
+    std::string text;
+    bool written = kesBusWriteConfiguration(options.conf, options.address, options.lineId, i_devices, &text);
+    fprintf(stderr, "%s\n", text.c_str());
+    return written ? kesBusOk : kesBusFailed;
+}
+
+kesEBusOutcome print_devices(kesBusContext& io_context, const kesArray<kesEnergyDevice>& i_devices)
 {
     for (const kesEnergyDevice& device : i_devices)
         printf("%s\n", kesBusDeviceLine(device).c_str());
     fprintf(stderr, "%u device(s) found\n", static_cast<unsigned int>(i_devices.size()));
-    return kesBusOk;
+    return write_configuration(io_context, i_devices);
 }
 
 kesEBusOutcome scan(kesBusContext& io_context, int i_iFineCount, bool i_bMute)
@@ -242,7 +253,7 @@ kesEBusOutcome scan(kesBusContext& io_context, int i_iFineCount, bool i_bMute)
                                         : io_context.tool->old_find_all_devices(&devices, 3, 50);
     if (result != kesErrorOk)
         return failed("Search failed");
-    return print_devices(devices);
+    return print_devices(io_context, devices);
 }
 
 kesEBusOutcome command_scan(kesBusContext& io_context)
@@ -344,7 +355,7 @@ kesEBusOutcome command_number(kesBusContext& io_context)
         printf("%s -> %u\n", kesBusDeviceLine(before[i]).c_str(), static_cast<unsigned int>(devices[i].Address));
     if (result != kesErrorOk)
         return failed("Numbering failed");
-    return kesBusOk;
+    return write_configuration(io_context, devices);
 }
 
 // ---------------------------------------------------------------- alarm
@@ -409,21 +420,22 @@ struct kesBusCommand {
     unsigned int minArguments;
     unsigned int maxArguments;
     kesEBusOutcome (*run)(kesBusContext&);
+    bool finds; // takes -conf
 };
 
 const kesBusCommand COMMANDS[] = {
-    {"read", 2, 2, &command_read},
-    {"info", 2, 2, &command_info},
-    {"scan", 0, 0, &command_scan},
-    {"scan-nomute", 0, 0, &command_scan_nomute},
-    {"scan-fine", 0, 1, &command_scan_fine},
-    {"find", 1, 1, &command_find},
-    {"enable", 0, 0, &command_enable},
-    {"mute", 1, 1, &command_mute},
-    {"set-address", 2, 2, &command_set_address},
-    {"number", 1, 1, &command_number},
-    {"alarm", 4, 4, &command_alarm},
-    {"alarm-status", 1, 1, &command_alarm_status},
+    {"read", 2, 2, &command_read, false},
+    {"info", 2, 2, &command_info, false},
+    {"scan", 0, 0, &command_scan, true},
+    {"scan-nomute", 0, 0, &command_scan_nomute, true},
+    {"scan-fine", 0, 1, &command_scan_fine, true},
+    {"find", 1, 1, &command_find, false},
+    {"enable", 0, 0, &command_enable, false},
+    {"mute", 1, 1, &command_mute, false},
+    {"set-address", 2, 2, &command_set_address, false},
+    {"number", 1, 1, &command_number, true},
+    {"alarm", 4, 4, &command_alarm, false},
+    {"alarm-status", 1, 1, &command_alarm_status, false},
 };
 
 } // namespace
@@ -455,6 +467,10 @@ kesEBusOutcome kesBusRun(const kesBusOptions& i_options, const std::vector<std::
         std::vector<std::string> arguments(i_command.begin() + 1, i_command.end());
         if (arguments.size() < command.minArguments || arguments.size() > command.maxArguments) {
             *o_error = "Wrong number of arguments for " + i_command[0];
+            return kesBusBadArguments;
+        }
+        if (!i_options.conf.empty() && !command.finds) {
+            *o_error = "-conf goes with scan, scan-nomute, scan-fine and number";
             return kesBusBadArguments;
         }
         kesBusTool tool(stderr);

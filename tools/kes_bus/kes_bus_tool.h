@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "kes_bus_conf.h"
 #include "kes_enerysystem.h"
 
 namespace kes {
@@ -19,6 +20,8 @@ struct kesBusOptions {
     unsigned int failurePause = 100;
     unsigned int attempts = 2;
     unsigned int wait = 10000; // alarm: how long to wait for the end of a cycle
+    std::string conf;          // scan, number: the configuration file to write
+    unsigned int lineId = KES_BUS_LINE_ID_OF_FILE;
 };
 
 // The engine with the hooks a person at the console wants to see.

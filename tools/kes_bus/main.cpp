@@ -19,6 +19,9 @@ const char* const HELP =
     "-failure pause after failure -- [milliseconds, default 100, at least 30]\n"
     "-attempts tries per exchange -- [1 to 255, default 2]\n"
     "-wait alarm cycle wait -------- [milliseconds, default 10000]\n"
+    "-conf FILE -------------------- [scan, number: write the devices found into\n"
+    "                                 FILE, the daemon's configuration file]\n"
+    "-id line id in FILE ----------- [0 to 42949, default: as in FILE, else 1]\n"
     "-h this help\n"
     "\n"
     "Commands:\n"
@@ -53,6 +56,7 @@ const NumberOption NUMBER_OPTIONS[] = {
     {"-failure", &kes::kesBusOptions::failurePause, 0, 3600000},
     {"-attempts", &kes::kesBusOptions::attempts, 1, 255},
     {"-wait", &kes::kesBusOptions::wait, 0, 3600000},
+    {"-id", &kes::kesBusOptions::lineId, 0, kes::KES_BUS_MAX_LINE_ID},
 };
 
 int usage_error(const std::string& i_error)
@@ -97,6 +101,10 @@ int main(int argc, char** argv)
         if (word.IsEqualNoCase("-adr")) {
             options.address = value;
             haveAddress = !value.empty();
+            continue;
+        }
+        if (word.IsEqualNoCase("-conf")) {
+            options.conf = value;
             continue;
         }
         const NumberOption* option = nullptr;
