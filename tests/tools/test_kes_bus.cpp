@@ -173,19 +173,32 @@ TEST(KesBusTool, ReadsReportsAndAlarm)
     EXPECT_EQ((std::vector<uint16_t>{1, 10, 20, 30}), alarm.tuning);
 }
 
+// scan mutes each device it finds; scan-nomute, for buses whose devices can
+// not be muted, sends no mute at all.
 TEST(KesBusTool, ScanListsEveryDevice)
 {
-    TestBusGateway gateway;
-    gateway.AddDevice(kes::kesEnergyDeviceStringFour, 16909060, 9);
-    gateway.AddDevice(kes::kesEnergyDevicePanel, 12345678, 9);
-    ASSERT_TRUE(gateway.Start());
-    ToolRun run = run_kes_bus(fast(gateway, {"scan"}), 120000);
-    EXPECT_EQ(0, run.status) << run.output;
-    EXPECT_TRUE(contains(run.output, "Searching the bus at " + gateway.GetAddress())) << run.output;
-    EXPECT_TRUE(contains(run.output, "found [Panel] serial 12345678 module 9\n")) << run.output;
-    EXPECT_TRUE(contains(run.output, "\n[StringFour] serial 16909060 module 9\n[Panel] serial 12345678 module 9\n"))
-        << run.output;
-    EXPECT_TRUE(contains(run.output, "2 device(s) found\n")) << run.output;
+    const bool muting[] = {true, false};
+    for (bool mute : muting) {
+        SCOPED_TRACE(mute ? "scan" : "scan-nomute");
+        TestBusGateway gateway;
+        gateway.AddDevice(kes::kesEnergyDeviceStringFour, 16909060, 9);
+        gateway.AddDevice(kes::kesEnergyDevicePanel, 12345678, 9);
+        ASSERT_TRUE(gateway.Start());
+        ToolRun run = run_kes_bus(fast(gateway, {mute ? "scan" : "scan-nomute"}), 120000);
+        EXPECT_EQ(0, run.status) << run.output;
+        EXPECT_TRUE(contains(run.output, "Searching the bus at " + gateway.GetAddress())) << run.output;
+        EXPECT_TRUE(contains(run.output, "[StringFour] serial 16909060 module 9\n")) << run.output;
+        EXPECT_TRUE(contains(run.output, "[Panel] serial 12345678 module 9\n")) << run.output;
+        EXPECT_TRUE(contains(run.output, "2 device(s) found\n")) << run.output;
+        size_t mutes = 0;
+        for (const kes_test::Bytes& request : gateway.GetRequests())
+            mutes += request.size() > 1 && request[1] == 0x0C;
+        if (mute) {
+            EXPECT_EQ(2u, mutes);
+        } else {
+            EXPECT_EQ(0u, mutes);
+        }
+    }
 }
 
 TEST(KesBusTool, NumberGivesConsecutiveModuleNumbers)

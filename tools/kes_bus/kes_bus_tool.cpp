@@ -248,9 +248,14 @@ kesEBusOutcome scan(kesBusContext& io_context, int i_iFineCount, bool i_bMute)
         return outcome;
     fprintf(stderr, "Searching the bus at %s...\n", io_context.options->address.c_str());
     kesArray<kesEnergyDevice> devices;
+    // The search mutes each device it finds only in the muting mode.
+    unsigned char mode = kesEnergySystem::MODE;
+    if (!i_bMute)
+        kesEnergySystem::MODE = 1;
     kesEError result = i_iFineCount > 0 ? io_context.tool->find_all_devices_10000(&devices, i_iFineCount)
                        : i_bMute        ? io_context.tool->FindAllDevices(&devices)
                                         : io_context.tool->old_find_all_devices(&devices, 3, 50);
+    kesEnergySystem::MODE = mode;
     if (result != kesErrorOk)
         return failed("Search failed");
     return print_devices(io_context, devices);
