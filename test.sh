@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs the whole suite: a plain build, then
-# AddressSanitizer + UndefinedBehaviorSanitizer; the threaded tests under
-# ThreadSanitizer; and every fuzz target for a short bounded time.
+# Installs what is missing, builds, and runs the whole suite: a plain build and
+# the .deb made from it, then AddressSanitizer + UndefinedBehaviorSanitizer; the
+# threaded tests under ThreadSanitizer; and every fuzz target for a short bounded time.
 set -euo pipefail
 cd "$(dirname "$0")"
 source ./scripts/deps.sh
@@ -24,6 +24,8 @@ run_suite() {
 
 echo "== plain build =="
 run_suite build ""
+echo "== package =="
+./scripts/package_check.sh build
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer =="
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build-asan "" -DKES_SANITIZE=ON

@@ -1,5 +1,7 @@
-# Sourced by test.sh and demo.sh: installs the Debian packages the build and the tests need.
-KES_DEBIAN_PACKAGES=(cmake g++ make libgtest-dev libtinyxml-dev python3-pymodbus clang libclang-rt-14-dev faketime)
+# Sourced by test.sh and demo.sh: installs the Debian packages the build and the tests need
+# (systemd-analyze checks the service unit, dpkg-shlibdeps and objcopy make the .deb).
+KES_DEBIAN_PACKAGES=(cmake g++ make libgtest-dev libtinyxml-dev python3-pymodbus clang libclang-rt-14-dev faketime
+  systemd dpkg-dev binutils file)
 
 kes_install_deps() {
   local missing=()
