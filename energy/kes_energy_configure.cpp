@@ -2,13 +2,16 @@
 // registrations and the data-address map.
 #include <tinyxml.h>
 
+#include <cstdio>
 #include <new>
+#include <strings.h>
 
 #include "kes_energy.h"
 #include "kes_energy_configure.h"
 #include "kes_energy_davis_meteo.h"
 #include "kes_energy_line.h"
 #include "kes_enerysystem.h"
+#include "kes_osfile.h"
 
 namespace kes {
 namespace Energy {
@@ -37,45 +40,75 @@ kesEError register_value(kesEnergyHistorySystem& history, int type, unsigned int
     return history.RegisterParameterDouble(iid, deviceType, fid);
 }
 
+// Whether the text is well-formed UTF-8 (ASCII included). TinyXML, reading
+// UTF-8, trusts the length a lead byte announces and reads past the end of a
+// cut sequence.
+bool is_utf8(const kesString& text, kesString* o_where)
+{
+    unsigned int expected = 0; // continuation bytes still due
+    size_t at = 0;
+    for (; at < text.size(); ++at) {
+        const unsigned char c = static_cast<unsigned char>(text[at]);
+        if (expected > 0) {
+            if ((c & 0xC0) != 0x80)
+                break;
+            --expected;
+        } else if (c >= 0xC2 && c <= 0xDF) {
+            expected = 1;
+        } else if (c >= 0xE0 && c <= 0xEF) {
+            expected = 2;
+        } else if (c >= 0xF0 && c <= 0xF4) {
+            expected = 3;
+        } else if (c >= 0x80) {
+            break;
+        }
+    }
+    if (at == text.size() && expected == 0)
+        return true;
+    o_where->SetFormat(64, " at byte %zu", at);
+    return false;
+}
+
+// Whether TinyXML reads the text as UTF-8: after a byte order mark, or once
+// the first declaration it meets names UTF-8 or no encoding. Before that
+// declaration it reads byte by byte, as with any other encoding, so a parse
+// byte by byte finds the same declaration.
+bool read_as_utf8(const kesString& text)
+{
+    if (text.compare(0, 3, "\xEF\xBB\xBF") == 0)
+        return true;
+    TiXmlDocument probe;
+    probe.Parse(text.c_str(), nullptr, TIXML_ENCODING_LEGACY);
+    for (const TiXmlNode* node = probe.FirstChild(); node; node = node->NextSibling()) {
+        if (const TiXmlDeclaration* declaration = node->ToDeclaration()) {
+            // TinyXML compares only the start, without regard to case.
+            const char* encoding = declaration->Encoding();
+            return !*encoding || strncasecmp(encoding, "UTF-8", 5) == 0 || strncasecmp(encoding, "UTF8", 4) == 0;
+        }
+    }
+    return false;
+}
+
 } // namespace
+
+bool kesEnergyIsSafeXmlText(const kesString& text, kesString* o_where)
+{
+    kesString where;
+    if (!read_as_utf8(text) || is_utf8(text, &where))
+        return true;
+    if (o_where)
+        *o_where = where;
+    return false;
+}
 
 bool kesEnergyIsUtf8File(const kesString& path, kesString* o_where)
 {
-    FILE* file = fopen(path.c_str(), "rb");
-    if (!file)
-        return true; // TinyXML reports a file it can not open
-    unsigned char buffer[4096];
-    unsigned int expected = 0; // continuation bytes still due
-    unsigned long offset = 0;
-    bool valid = true;
-    size_t got;
-    while (valid && (got = fread(buffer, 1, sizeof(buffer), file)) > 0) {
-        for (size_t i = 0; i < got; ++i, ++offset) {
-            unsigned char c = buffer[i];
-            if (expected > 0) {
-                if ((c & 0xC0) != 0x80) {
-                    valid = false;
-                    break;
-                }
-                --expected;
-            } else if (c >= 0xC2 && c <= 0xDF) {
-                expected = 1;
-            } else if (c >= 0xE0 && c <= 0xEF) {
-                expected = 2;
-            } else if (c >= 0xF0 && c <= 0xF4) {
-                expected = 3;
-            } else if (c >= 0x80) {
-                valid = false;
-                break;
-            }
-        }
-    }
-    fclose(file);
-    if (valid && expected > 0)
-        valid = false;
-    if (!valid && o_where)
-        o_where->SetFormat(64, " at byte %lu", offset);
-    return valid;
+    kesOsFile file;
+    kesString text;
+    // a file that can not be read is reported by whoever loads it next
+    if (file.Open(path, "rb") != kesErrorOk || file.ReadAll(&text) != kesErrorOk)
+        return true;
+    return kesEnergyIsSafeXmlText(text, o_where);
 }
 
 kesEError kesEnergy::Configure(const kesString& path)
@@ -86,13 +119,21 @@ kesEError kesEnergy::Configure(const kesString& path)
 
 kesEError kesEnergy::configure_system()
 {
+    // Opened once, as a regular file only: the check and the parser read the same file.
+    kesOsFile file;
+    kesString text;
+    if (file.Open(m_sConfigurationPath, "rb") != kesErrorOk || file.ReadAll(&text) != kesErrorOk)
+        return KES_LOG(kesErrorFailed, kesString("Can not read configuration file: ") + m_sConfigurationPath);
     kesString where;
-    if (!kesEnergyIsUtf8File(m_sConfigurationPath, &where))
+    if (!kesEnergyIsSafeXmlText(text, &where))
         return KES_LOG(kesErrorFailed, kesString("Configuration file is not valid UTF-8") + where + " in file: " +
-                                           m_sConfigurationPath);
+                                           m_sConfigurationPath +
+                                           "\nA file in another encoding names it in its declaration, as in "
+                                           "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>");
     TiXmlBase::SetCondenseWhiteSpace(true);
     TiXmlDocument document(m_sConfigurationPath.c_str());
-    if (!document.LoadFile() && document.Error()) {
+    rewind(file.GetHandle());
+    if (!document.LoadFile(file.GetHandle()) && document.Error()) {
         kesString message(document.ErrorDesc());
         message.AddFormat(128, " (row %i, column %i) in file: ", document.ErrorRow(), document.ErrorCol());
         message += m_sConfigurationPath;

@@ -48,9 +48,11 @@ inline constexpr ValueField FIELDS[12][MAX_FIELDS] = {
 #undef C
 #undef S
 
-// Whether the file is well-formed UTF-8 (ASCII included); o_where, when not
-// null, gets where it is not. TinyXML trusts the length a lead byte announces
-// and reads past the end of a cut sequence, so a file goes to it only after this.
+// Whether TinyXML may read the text: it is well-formed UTF-8, or TinyXML does
+// not read it as UTF-8 (another encoding declared). o_where, when not null,
+// gets where it is not. TinyXML trusts the length a lead byte announces and
+// reads past the end of a cut sequence, so a file goes to it only after this.
+bool kesEnergyIsSafeXmlText(const kesString& text, kesString* o_where);
 bool kesEnergyIsUtf8File(const kesString& path, kesString* o_where);
 
 } // namespace Energy

@@ -30,23 +30,6 @@ const kesDavisColumn DAVIS_COLUMNS[] = {
     {"last_minute_rain", 8}, {"inside_temperature", 11}, {"pressure", 12},
 };
 
-// A "%s" of vfprintf stops at a zero byte, so such bytes are written on
-// their own and a field holding one still ends where it should.
-void write_bytes(kesOsFile& io_file, const kesString& i_text)
-{
-    std::string::size_type start = 0;
-    for (;;) {
-        std::string::size_type zero = i_text.find('\0', start);
-        std::string::size_type end = (zero == std::string::npos) ? i_text.size() : zero;
-        if (end > start)
-            io_file.WriteText("%.*s", static_cast<int>(end - start), i_text.c_str() + start);
-        if (zero == std::string::npos)
-            return;
-        io_file.WriteText("%c", 0);
-        start = zero + 1;
-    }
-}
-
 } // namespace
 
 kesEnergyDavisMeteo::kesEnergyDavisMeteo(unsigned int i_uBytePause)
@@ -220,15 +203,17 @@ void kesEnergyDavisMeteo::OnData(const kesString& i_data)
     kesString json = kesString("{\"timestamp\":\"") + stamp + "\"";
     kesString line = stamp;
     for (const kesDavisColumn& column : DAVIS_COLUMNS) {
-        const kesString& value = fields[column.field];
+        // A field ends at a zero byte, as a "%s" of the files' formats does: a
+        // zero byte in the files would break the JSON and make grep call them binary.
+        const kesString value(fields[column.field].c_str());
         json.append(",\"").append(column.name).append("\":\"").append(value).append("\"");
         line.append("|").append(value);
     }
     json.append("}");
     line.append("\n");
 
-    write_bytes(current, json);
-    write_bytes(log, line);
+    current.WriteText("%s", json.c_str());
+    log.WriteText("%s", line.c_str());
 }
 
 } // namespace Energy

@@ -1,5 +1,6 @@
 #include "kes_energy_history.h"
 
+#include <cctype>
 #include <cstdio>
 #include <ctime>
 #include <dirent.h>
@@ -108,11 +109,18 @@ kesString year_name(const kesTime::kesDateTime& date)
     return name;
 }
 
-kesString std_error_words(const char* first, const kesString& second)
+// The names of the files this store replaces: live, offset and dated ones.
+bool is_history_name(const kesString& name)
 {
-    kesString text = words(first, second, "\nStd Error ");
-    text.append(kesErrorStdToString(-1));
-    return text;
+    for (const char* fixed : {"d", "m", "y", "b", OFFSET_ENERGY_DAY, OFFSET_PULSE})
+        if (name == fixed)
+            return true;
+    if (name.size() != 4 && name.size() != 7 && name.size() != 10)
+        return false;
+    for (size_t i = 0; i < name.size(); ++i)
+        if (i == 4 || i == 7 ? name[i] != '_' : !std::isdigit(static_cast<unsigned char>(name[i])))
+            return false;
+    return true;
 }
 
 unsigned int next_divisor_of_hour(unsigned int minutes)
@@ -328,6 +336,7 @@ kesEError kesEnergyHistorySystem::Start()
     SetResolutionTime(msTime);
     get_date(&m_lastDate);
 
+    kesEnergyHistoryRemoveTemporaries(m_strFolder, is_history_name);
     const kesEError started = kesTimer::Start(0);
     if (started != kesErrorOk)
         return report(kesErrorFailed, "Can not start timer", "Start", __LINE__);
@@ -576,16 +585,17 @@ kesEError kesEnergyHistorySystem::update_day_file(const kesArray<kesString>& ene
     const kesString path = words("", folder, "d");
     const kesString dated = words("", folder, day_name(lastDate).c_str());
     const bool midnight = now.hour == 0 && now.minute == 0;
-    const bool exists = kesOsUtility::FileExist(path.c_str());
+    // Whatever stands there is read, so that anything but a regular file is
+    // refused aloud rather than replaced.
+    const bool exists = kesOsUtility::PathExist(path.c_str());
     // Without a day file there is nothing to roll over: the tick is an ordinary one.
     const bool rollover = midnight && exists;
 
     io_strSourceDay->Clear();
     if (rollover)
     {
-        if (std::rename(path.c_str(), dated.c_str()) != 0)
-            return report(kesErrorFailed, std_error_words("Can not rename day to ", dated), "update_day_file",
-                          __LINE__);
+        if (kesEnergyHistoryRollFile(path, dated) != kesErrorOk)
+            return report(kesErrorFailed, words("Can not rename day to ", dated), "update_day_file", __LINE__);
     }
     else if (exists && kesEnergyHistoryReadFile(path, io_strSourceDay) != kesErrorOk)
         return kesErrorFailed;
@@ -610,14 +620,14 @@ kesEError kesEnergyHistorySystem::update_day_file(const kesArray<kesString>& ene
     header.push_back('\n');
     kesEnergyHistoryMergeDay(io_strSourceDay, header, rows);
 
-    kesEError written = kesEnergyHistoryReplaceFile(path, *io_strSourceDay, !exists);
+    kesEError written = kesEnergyHistoryReplaceFile(path, *io_strSourceDay, !exists, rollover ? dated : kesString());
     if (written != kesErrorOk)
         return written;
     // The new day's date is not in last date yet; its copy begins at the next tick.
     if (rollover)
         return kesErrorOk;
     // A 00:00 tick without a day file must not overwrite yesterday's copy.
-    if (midnight && kesOsUtility::FileExist(dated.c_str()))
+    if (midnight && kesOsUtility::PathExist(dated.c_str()))
         return kesErrorOk;
     return kesEnergyHistoryReplaceFile(dated, *io_strSourceDay, false);
 }
@@ -668,15 +678,15 @@ kesEError kesEnergyHistorySystem::update_level_file(const kesEnergyHistoryLevel&
     }
     const kesString path = words("", folder, level.fileName);
     const bool wanted = level.rollover && level.rollover(now);
-    const bool exists = kesOsUtility::FileExist(path.c_str());
+    const bool exists = kesOsUtility::PathExist(path.c_str());
     const bool rollover = wanted && exists;
     const kesString dated = level.datedName ? words("", folder, level.datedName(lastDate).c_str()) : kesString();
 
     io_strText->Clear();
     if (rollover)
     {
-        if (std::rename(path.c_str(), dated.c_str()) != 0)
-            return report(kesErrorFailed, std_error_words(level.renameWords, dated), level.functionName, __LINE__);
+        if (kesEnergyHistoryRollFile(path, dated) != kesErrorOk)
+            return report(kesErrorFailed, words(level.renameWords, dated), level.functionName, __LINE__);
     }
     else if (exists && kesEnergyHistoryReadFile(path, io_strText) != kesErrorOk)
         return kesErrorFailed;
@@ -695,11 +705,11 @@ kesEError kesEnergyHistorySystem::update_level_file(const kesEnergyHistoryLevel&
     kesEnergyHistoryAppendRows(io_strText, index, level.rules, energyUids, valueUids, pulseUids,
                                [this](unsigned int uid, double* o_total) { return get_pulse_total(uid, o_total); });
 
-    kesEError written = kesEnergyHistoryReplaceFile(path, *io_strText, !exists);
+    kesEError written = kesEnergyHistoryReplaceFile(path, *io_strText, !exists, rollover ? dated : kesString());
     if (written != kesErrorOk || rollover || !level.datedName)
         return written;
     // A rollover tick that found no file must not overwrite the old period's copy.
-    if (wanted && kesOsUtility::FileExist(dated.c_str()))
+    if (wanted && kesOsUtility::PathExist(dated.c_str()))
         return kesErrorOk;
     return kesEnergyHistoryReplaceFile(dated, *io_strText, false);
 }

@@ -2,12 +2,16 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "kes_energy_history_text.h"
 #include "kes_osfile.h"
+#include "kes_osutility.h"
 
 namespace kes
 {
@@ -16,6 +20,8 @@ namespace Energy
 
 namespace
 {
+const char* const TEMPORARY_SUFFIX = ".tmp";
+
 kesEError report(const kesString& i_message, const char* i_function, int i_line)
 {
     return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, i_message, __FILE__, i_function, i_line));
@@ -34,60 +40,129 @@ void sync_folder(const kesString& i_path)
 {
     const size_t slash = i_path.rfind('/');
     const kesString folder = slash == std::string::npos ? kesString(".") : kesString(i_path.substr(0, slash + 1));
-    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY);
+    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0)
         return;
     fsync(fd);
     close(fd);
 }
+
+// The file a linked path leads to; the path itself when it is no link.
+kesString link_target(const kesString& i_path)
+{
+    char* resolved = realpath(i_path.c_str(), nullptr);
+    if (!resolved)
+        return i_path;
+    kesString target(resolved);
+    std::free(resolved);
+    return target;
+}
+
+// Where the replacement goes, and the file it replaces if one stands there.
+// Anything but a regular file, or a link to one, is refused.
+kesEError replacement_target(const kesString& i_path, kesString* o_target, struct stat* o_old, bool* o_bOld)
+{
+    *o_target = i_path;
+    *o_bOld = lstat(i_path.c_str(), o_old) == 0;
+    if (!*o_bOld || S_ISREG(o_old->st_mode))
+        return kesErrorOk;
+    const kesString why = kesOsUtility::NonRegularFile(i_path.c_str());
+    if (why.empty() && S_ISLNK(o_old->st_mode))
+    {
+        *o_target = link_target(i_path);
+        if (stat(o_target->c_str(), o_old) == 0)
+            return kesErrorOk;
+    }
+    kesString message("File ");
+    message.append(i_path);
+    message.append(why.empty() ? kesString(" can not be replaced") : why);
+    return report(message, "replacement_target", __LINE__);
+}
+
+// Writes the whole text and flushes it to the disk; 0 or the errno of the failure.
+int write_all(int i_fd, const kesString& i_text, size_t* o_written)
+{
+    size_t& done = *o_written;
+    done = 0;
+    while (done < i_text.size())
+    {
+        const ssize_t n = write(i_fd, i_text.data() + done, i_text.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return n < 0 ? errno : EIO;
+        done += static_cast<size_t>(n);
+    }
+    return fsync(i_fd) != 0 ? errno : 0;
+}
 } // namespace
 
-kesEError kesEnergyHistoryReplaceFile(const kesString& i_path, const kesString& i_text, bool i_bNew)
+kesEError kesEnergyHistoryReplaceFile(const kesString& i_path, const kesString& i_text, bool i_bNew,
+                                      const kesString& i_like)
 {
-    kesString temp(i_path);
-    temp.append(".tmp");
+    kesString target;
+    struct stat old;
+    bool hasOld = false;
+    if (replacement_target(i_path, &target, &old, &hasOld) != kesErrorOk)
+        return kesErrorFailed;
+    if (!hasOld && !i_like.empty())
+        hasOld = stat(i_like.c_str(), &old) == 0 && S_ISREG(old.st_mode);
+    kesString temp(target);
+    temp.append(TEMPORARY_SUFFIX);
 
-    FILE* file = std::fopen(temp.c_str(), "w");
-    if (!file)
+    // A left-over of a killed run goes first; O_EXCL then makes sure that no
+    // FIFO, link or folder stands at the temporary name.
+    unlink(temp.c_str());
+    const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0)
     {
         kesString message(i_bNew ? "Can not write file " : "Can not open file ");
         message.append(i_path);
         if (!i_bNew)
             message.append(" for write");
+        message.append(" (temporary file ");
+        message.append(temp);
+        message.append(")");
         return report(with_std_error(message, errno), "kesEnergyHistoryReplaceFile", __LINE__);
     }
-    const size_t written = std::fwrite(i_text.data(), 1, i_text.size(), file);
-    int failure = 0;
-    if (std::fflush(file) != 0 || fsync(fileno(file)) != 0)
-        failure = errno;
-    if (std::fclose(file) != 0 && failure == 0)
+    if (hasOld)
+    {
+        // The owner first, since a change of owner clears the set-user-ID bit.
+        // A daemon that is not root may not give a file away: the file then
+        // stays its own, and such bits are not handed to it.
+        const bool owned = fchown(fd, old.st_uid, old.st_gid) == 0;
+        fchmod(fd, old.st_mode & (owned ? 07777 : 0777));
+    }
+    size_t written = 0;
+    int failure = write_all(fd, i_text, &written);
+    if (close(fd) != 0 && failure == 0)
         failure = errno;
 
     if (written != i_text.size())
     {
-        std::remove(temp.c_str());
+        unlink(temp.c_str());
         kesString message("Can not write all data to file ");
         message.append(i_path);
         message.AddFormat(128, " request is %u but written are %u", static_cast<unsigned int>(i_text.size()),
                           static_cast<unsigned int>(written));
-        return report(message, "kesEnergyHistoryReplaceFile", __LINE__);
+        return report(with_std_error(message, failure), "kesEnergyHistoryReplaceFile", __LINE__);
     }
     if (failure != 0)
     {
-        std::remove(temp.c_str());
+        unlink(temp.c_str());
         kesString message("Can not flush file ");
         message.append(i_path);
         return report(with_std_error(message, failure), "kesEnergyHistoryReplaceFile", __LINE__);
     }
-    if (std::rename(temp.c_str(), i_path.c_str()) != 0)
+    if (std::rename(temp.c_str(), target.c_str()) != 0)
     {
         failure = errno;
-        std::remove(temp.c_str());
+        unlink(temp.c_str());
         kesString message("Can not replace file ");
-        message.append(i_path);
+        message.append(target);
         return report(with_std_error(message, failure), "kesEnergyHistoryReplaceFile", __LINE__);
     }
-    sync_folder(i_path);
+    sync_folder(target);
     return kesErrorOk;
 }
 
@@ -95,7 +170,7 @@ kesEError kesEnergyHistoryReadFile(const kesString& i_path, kesString* o_text)
 {
     // Room for the tick's growth, so the text is never moved to a larger buffer.
     struct stat info;
-    if (stat(i_path.c_str(), &info) == 0 && info.st_size > 0)
+    if (stat(i_path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0)
         o_text->reserve(static_cast<size_t>(info.st_size) + static_cast<size_t>(info.st_size) / 8 + 65536);
     if (kesOsFile::GetFileTextSource(i_path, o_text) != kesErrorOk)
     {
@@ -105,6 +180,53 @@ kesEError kesEnergyHistoryReadFile(const kesString& i_path, kesString* o_text)
     }
     kesEnergyHistoryEndLines(o_text);
     return kesErrorOk;
+}
+
+kesEError kesEnergyHistoryRollFile(const kesString& i_path, const kesString& i_dated)
+{
+    struct stat info;
+    if (lstat(i_path.c_str(), &info) == 0 && S_ISLNK(info.st_mode))
+    {
+        kesString text;
+        if (kesEnergyHistoryReadFile(i_path, &text) != kesErrorOk)
+            return kesErrorFailed;
+        return kesEnergyHistoryReplaceFile(i_dated, text, false);
+    }
+    const kesString why = kesOsUtility::NonRegularFile(i_path.c_str());
+    if (!why.empty())
+        return report(kesString("File ") + i_path + why, "kesEnergyHistoryRollFile", __LINE__);
+    if (std::rename(i_path.c_str(), i_dated.c_str()) != 0)
+        return report(with_std_error(kesString("Can not rename ") + i_path + " to " + i_dated, errno),
+                      "kesEnergyHistoryRollFile", __LINE__);
+    return kesErrorOk;
+}
+
+void kesEnergyHistoryRemoveTemporaries(const kesString& i_folder, bool (*i_pIsReplaced)(const kesString& i_name))
+{
+    DIR* dir = opendir(i_folder.c_str());
+    if (!dir)
+        return;
+    const size_t suffix = std::strlen(TEMPORARY_SUFFIX);
+    while (struct dirent* entry = readdir(dir))
+    {
+        // Both "d.tmp" and "d" lead here: the first when "d" is not there yet,
+        // the second when "d" is a link.
+        kesString name(entry->d_name);
+        if (name.size() > suffix && name.compare(name.size() - suffix, suffix, TEMPORARY_SUFFIX) == 0)
+            name.resize(name.size() - suffix);
+        if (!i_pIsReplaced(name))
+            continue;
+        const kesString path = i_folder + name;
+        for (const kesString& beside : {path, link_target(path)})
+        {
+            const kesString temp = beside + TEMPORARY_SUFFIX;
+            struct stat info;
+            if (lstat(temp.c_str(), &info) == 0 && unlink(temp.c_str()) == 0)
+                kesErrorLog(kesBuildErrorLocation(kesErrorOk, kesString("Left-over temporary file removed: ") + temp,
+                                                  __FILE__, "kesEnergyHistoryRemoveTemporaries", __LINE__));
+        }
+    }
+    closedir(dir);
 }
 
 } // namespace Energy

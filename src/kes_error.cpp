@@ -3,9 +3,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <mutex>
+#include <unistd.h>
 #include <vector>
 
+#include "kes_osutility.h"
 #include "kes_time.h"
 
 namespace kes {
@@ -26,18 +29,42 @@ std::mutex& log_file_lock()
     return lock;
 }
 
+// The log file that the console was told can not be opened: it is told once,
+// not at every record, until it opens again.
+kesString& log_file_told()
+{
+    static kesString path;
+    return path;
+}
+
+// The log file, a regular file only. The log can not report on itself, so a
+// failure is printed on the console.
+FILE* open_log_file(int flags, const char* mode)
+{
+    kesString why;
+    const int fd = kesOsUtility::OpenRegular(kesError::LogFile.c_str(), flags, &why);
+    FILE* file = fd < 0 ? nullptr : fdopen(fd, mode);
+    if (!file && fd >= 0)
+        close(fd);
+    if (!file && log_file_told() != kesError::LogFile)
+        printf("%s", kesBuildErrorLocation(kesErrorFailed,
+                                           kesString("Log file ") + kesError::LogFile + why +
+                                               "\nRecords go to the console only",
+                                           __FILE__, __func__, __LINE__)
+                         .GetDescription()
+                         .c_str());
+    log_file_told() = file ? kesString() : kesError::LogFile;
+    return file;
+}
+
 // Keeps the newest half of the log. Returns 0, or the code of its own failure,
 // which it prints itself since the log can not report on itself.
 kesEError rebuild_log_file()
 {
-    FILE* file = fopen(kesError::LogFile.c_str(), "rb");
-    if (!file) {
-        printf("%s", kesBuildErrorLocation(kesErrorInvalidPointer, "Can not rebuild log error file.", __FILE__,
-                                           __func__, __LINE__)
-                         .GetDescription()
-                         .c_str());
+    // A file that does not open has been told about by open_log_file.
+    FILE* file = open_log_file(O_RDONLY, "rb");
+    if (!file)
         return kesErrorInvalidPointer;
-    }
     long size = 0;
     if (fseek(file, 0, SEEK_END) == 0)
         size = ftell(file);
@@ -61,14 +88,9 @@ kesEError rebuild_log_file()
     unsigned int half = kesError::LogFileSize >> 1;
     if (half <= 16000)
         return kesErrorOk;
-    file = fopen(kesError::LogFile.c_str(), "wb");
-    if (!file) {
-        printf("%s", kesBuildErrorLocation(kesErrorInvalidPointer, "Can not write for to rebuild log error file.",
-                                           __FILE__, __func__, __LINE__)
-                         .GetDescription()
-                         .c_str());
+    file = open_log_file(O_WRONLY | O_CREAT | O_TRUNC, "wb");
+    if (!file)
         return kesErrorInvalidPointer;
-    }
     // A file cut short by someone else keeps all it has.
     size_t keep = got < half ? got : half;
     if (keep > 0)
@@ -142,7 +164,7 @@ kesEError kesErrorLog(const kesError& error)
             if (rebuilt != kesErrorOk)
                 return rebuilt;
         }
-        FILE* file = fopen(kesError::LogFile.c_str(), "a+");
+        FILE* file = open_log_file(O_RDWR | O_CREAT | O_APPEND, "a+");
         if (file) {
             fputs(description.c_str(), file);
             fclose(file);

@@ -1,8 +1,34 @@
 #include "kes_osfile.h"
 
 #include <cstdarg>
+#include <exception>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "kes_osutility.h"
 
 namespace kes {
+
+namespace {
+
+// The open(2) flags of a stdio mode; -1 for a mode that is none.
+int open_flags(const kesString& mode)
+{
+    const bool both = mode.find('+') != std::string::npos;
+    switch (mode.empty() ? 0 : mode[0]) {
+    case 'r':
+        return both ? O_RDWR : O_RDONLY;
+    case 'w':
+        return (both ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC;
+    case 'a':
+        return (both ? O_RDWR : O_WRONLY) | O_CREAT | O_APPEND;
+    default:
+        return -1;
+    }
+}
+
+} // namespace
 
 kesOsFile::kesOsFile() : m_pFile(nullptr) {}
 
@@ -22,9 +48,19 @@ kesEError kesOsFile::Open(const kesString& path, const kesString& mode)
 {
     if (Close() != kesErrorOk)
         return KES_LOG(kesErrorFailed, "can not close the file handle");
-    m_pFile = fopen(path.c_str(), mode.c_str());
-    if (!m_pFile)
-        return KES_LOG_STD(kesErrorFailed, "ileFile handle is invalid, == 0");
+    m_sPath = path;
+    const int flags = open_flags(mode);
+    if (flags < 0)
+        return KES_LOG(kesErrorInvalidArgument, kesString("Invalid mode ") + mode + " for file " + path);
+    kesString why;
+    const int fd = kesOsUtility::OpenRegular(path.c_str(), flags, &why);
+    if (fd < 0)
+        return KES_LOG(kesErrorFailed, kesString("File ") + path + why);
+    m_pFile = fdopen(fd, mode.c_str());
+    if (!m_pFile) {
+        close(fd);
+        return KES_LOG_STD(kesErrorFailed, kesString("Can not make a stream of file ") + path);
+    }
     return kesErrorOk;
 }
 
@@ -54,7 +90,34 @@ int kesOsFile::WriteText(const char* format, ...)
     return result;
 }
 
-kesEError kesOsFile::GetFileTextSource(const kesString& path, kesString* source)
+kesEError kesOsFile::ReadAll(kesString* o_text, size_t i_spare)
+{
+    if (!o_text)
+        return KES_LOG(kesErrorInvalidArgument, "o_text pointer == 0");
+    o_text->Clear();
+    struct stat info;
+    if (!m_pFile || fstat(fileno(m_pFile), &info) != 0 || fseek(m_pFile, 0, SEEK_SET) != 0)
+        return KES_LOG_STD(kesErrorFailed, kesString("Can not read file : ") + m_sPath);
+    if (info.st_size <= 0)
+        return kesErrorOk;
+    const size_t size = static_cast<size_t>(info.st_size);
+    try {
+        o_text->reserve(size + i_spare);
+        o_text->resize(size);
+    } catch (const std::exception&) {
+        return KES_LOG(kesErrorOutOfMemory, kesString("Can not hold the whole file in memory: ") + m_sPath);
+    }
+    size_t got = fread(&(*o_text)[0], 1, size, m_pFile);
+    if (got != size) {
+        kesString message;
+        message.SetFormat(64, "result(%zu) != iLen(%zu) Reading data from file : ", got, size);
+        message += m_sPath;
+        return KES_LOG_STD(kesErrorFailed, message);
+    }
+    return kesErrorOk;
+}
+
+kesEError kesOsFile::GetFileTextSource(const kesString& path, kesString* source, size_t spare)
 {
     if (!source)
         return KES_LOG(kesErrorInvalidArgument, "io_source pointer == 0");
@@ -62,21 +125,7 @@ kesEError kesOsFile::GetFileTextSource(const kesString& path, kesString* source)
     kesOsFile file;
     if (file.Open(path, "rb") != kesErrorOk)
         return KES_LOG(kesErrorFailed, "Invalid file");
-    if (fseek(file.m_pFile, 0, SEEK_END) != 0)
-        return KES_LOG_STD(kesErrorFailed, kesString("Can not seek file : ") + path);
-    long size = ftell(file.m_pFile);
-    rewind(file.m_pFile);
-    if (size <= 0)
-        return kesErrorOk;
-    source->resize(static_cast<size_t>(size));
-    size_t got = fread(&(*source)[0], 1, static_cast<size_t>(size), file.m_pFile);
-    if (got != static_cast<size_t>(size)) {
-        kesString message;
-        message.SetFormat(64, "result(%zu) != iLen(%ld) Reading data from file : ", got, size);
-        message += path;
-        return KES_LOG_STD(kesErrorFailed, message);
-    }
-    return kesErrorOk;
+    return file.ReadAll(source, spare);
 }
 
 } // namespace kes

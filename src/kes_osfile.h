@@ -7,7 +7,8 @@
 
 namespace kes {
 
-// Owner of one stdio stream.
+// Owner of one stdio stream, on a regular file only: anything else is
+// refused with a record, and opening never blocks.
 class kesOsFile {
 public:
     kesOsFile();
@@ -23,11 +24,15 @@ public:
     int WriteText(const char* format, ...) __attribute__((format(printf, 2, 3)));
     // The stream, for the few callers that must flush it to the disk.
     FILE* GetHandle() const { return m_pFile; }
+    // The whole file, from its start; i_spare more bytes are reserved for a
+    // caller that lets the text grow.
+    kesEError ReadAll(kesString* o_text, size_t i_spare = 0);
 
-    static kesEError GetFileTextSource(const kesString& path, kesString* source);
+    static kesEError GetFileTextSource(const kesString& path, kesString* source, size_t spare = 0);
 
 private:
     FILE* m_pFile;
+    kesString m_sPath; // for the records
 };
 
 } // namespace kes

@@ -40,14 +40,24 @@ std::string value(int type, int mid, unsigned int iid, int fid)
 }
 
 const ConfigCase CONFIG_CASES[] = {
-    {"missing_file", "", false, "Failed to open file", 0, false},
+    {"missing_file", "", false, "Can not read configuration file: ", 0, false},
     {"malformed", "<energy><line id=\"1\"></energy>", false, "Error", 0, false},
     {"not_xml", "\x01\x02garbage", false, "Error", 0, false},
-    // a cut multi-byte sequence once made the parser read past its buffer
-    {"broken_utf8", "<energy><line id=\"1\" adr=\"a:1\"><v\xe0\x8c type=\"2\"/></line></energy>", false,
-     "Configuration file is not valid UTF-8 at byte 35", 0, false},
-    {"truncated_utf8", "<energy/>\xf4", false, "not valid UTF-8", 0, false},
+    // a cut multi-byte sequence once made the parser read past its buffer,
+    // where it reads UTF-8: after a declaration of UTF-8 or of no encoding
+    {"broken_utf8",
+     "<?xml version=\"1.0\"?><energy><line id=\"1\" adr=\"a:1\"><v\xe0\x8c type=\"2\"/></line></energy>", false,
+     "Configuration file is not valid UTF-8 at byte 56", 0, false},
+    {"truncated_utf8", "<?xml version=\"1.0\" encoding=\"utf-8\"?><energy/>\xf4", false, "not valid UTF-8", 0, false},
+    {"byte_order_mark_wins", "\xef\xbb\xbf<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><energy/>\xf4", false,
+     "not valid UTF-8", 0, false},
     {"utf8_comment", "<energy><!-- d\xc3\xa9part --></energy>", true, "", 0, false},
+    // elsewhere it reads byte by byte
+    {"latin1_declared",
+     "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><energy><!-- d\xe9part --><line id=\"1\" adr=\"a:1\">" +
+         value(2, 3, 1, 0) + "</line></energy>\xf4",
+     true, "", 1, false},
+    {"latin1_undeclared", "<energy><!-- d\xe9part --><v\xe0\x8c/></energy>\xf4", true, "", 0, false},
     {"wrong_root_case", "<ENERGY><line id=\"1\" adr=\"a:1\">" + value(2, 3, 1, 0) + "</line></ENERGY>", false,
      "Main energy node not found in file:", 0, false},
     {"empty_energy", "<energy/>", true, "", 0, false},
@@ -108,6 +118,22 @@ TEST_P(Configuration, BuildsWhatTheFileSaysOrRefusesIt)
 
 INSTANTIATE_TEST_SUITE_P(Files, Configuration, ::testing::ValuesIn(CONFIG_CASES),
                          [](const ::testing::TestParamInfo<ConfigCase>& info) { return std::string(info.param.name); });
+
+class ConfigurationIntruder : public ::testing::TestWithParam<kes_test::Intruder> {};
+
+TEST_P(ConfigurationIntruder, IsRefusedWithARecordNamingThePath)
+{
+    kes_test::TempDir dir;
+    const std::string path = dir.File("conf.xml");
+    kesEnergy energy;
+    kesEError result = kes::kesErrorOk;
+    if (!kes_test::RefusesIntruder(path, GetParam(), [&] { result = energy.Configure(path.c_str()); }))
+        GTEST_SKIP() << "root reads every file";
+    EXPECT_NE(kes::kesErrorOk, result);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, ConfigurationIntruder, ::testing::ValuesIn(kes_test::INTRUDERS),
+                         [](const ::testing::TestParamInfo<kes_test::Intruder>& info) { return info.param.name; });
 
 TEST(ConfigurationMap, ChainsValuesOfOneDeviceInFileOrder)
 {

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -181,10 +182,11 @@ const StreamCase STREAM_CASES[] = {
      {{"\"N\"", "3.4", "21.5", "56", "0.3", "412", "0.0", "23.1", "1013.2"}}},
     // a "<" never closed: the run is dropped at the record size limit
     {"unclosed_record", "<" + std::string(4200, 'x') + "<" + GOOD + ">", {GOOD_RECORD}, {GOOD_VALUES}},
+    // cut at the zero byte, as the files' "%s" imply
     {"zero_byte_in_field",
      "<1,2," + ZERO + ",3.4,21.5,56,0.3,412,0.0,9,10,23.1,1013.2>",
      {"1|2|" + ZERO + "|3.4|21.5|56|0.3|412|0.0|9|10|23.1|1013.2"},
-     {{ZERO, "3.4", "21.5", "56", "0.3", "412", "0.0", "23.1", "1013.2"}}},
+     {{"1", "3.4", "21.5", "56", "0.3", "412", "0.0", "23.1", "1013.2"}}},
     // found by fuzzing: the reader stopped after the first byte
     {"no_pause", "<" + GOOD + "><" + OTHER + ">", {GOOD_RECORD, OTHER}, {GOOD_VALUES, OTHER_VALUES}, 0},
 };
@@ -325,5 +327,26 @@ TEST(DavisMeteoFiles, UnwritableLogLeavesTheCurrentFileEmpty)
     EXPECT_TRUE(std::filesystem::exists(folder.File("meteo_c")));
     EXPECT_EQ(ReadFile(folder.File("meteo_c")), "");
 }
+
+// Anything but a regular file as a weather file: named in a record, left as it was.
+typedef std::tuple<const char*, kes_test::Intruder> MeteoIntruderCase;
+class DavisMeteoIntruder : public ::testing::TestWithParam<MeteoIntruderCase> {};
+
+TEST_P(DavisMeteoIntruder, IsNamedInARecordAndLeftAsItWas)
+{
+    TempDir folder;
+    kesEnergyDavisMeteo meteo;
+    meteo.SetHistoryFolder(folder.Path().c_str());
+    if (!kes_test::RefusesIntruder(folder.File(std::get<0>(GetParam())), std::get<1>(GetParam()),
+                                   [&meteo] { meteo.OnData(GOOD_RECORD.c_str()); }))
+        GTEST_SKIP() << "root reads every file";
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, DavisMeteoIntruder,
+                         ::testing::Combine(::testing::Values("meteo_c", "meteo"),
+                                            ::testing::ValuesIn(kes_test::INTRUDERS)),
+                         [](const ::testing::TestParamInfo<MeteoIntruderCase>& info) {
+                             return std::string(std::get<0>(info.param)) + "_" + std::get<1>(info.param).name;
+                         });
 
 } // namespace

@@ -1,10 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <dirent.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "error_capture.h"
@@ -515,3 +519,105 @@ TEST_F(HistorySystem, SamplesFromOtherThreadsDuringTicks)
     EXPECT_EQ(0u, day.find("H|10\n101|"));
     EXPECT_EQ(4u, static_cast<unsigned int>(std::count(day.begin(), day.end(), '\n')));
 }
+
+TEST_F(HistorySystem, ReplacementKeepsWhatTheUserSetUp)
+{
+    // "b" and "m" link to another disk; "d" has its own mode and owner; a
+    // killed run left temporary files; "notes.tmp" is the user's own.
+    kes_test::TempDir disk;
+    kes_test::WriteFile(disk.File("b"), "Y|2014\n101|7\n");
+    kes_test::WriteFile(disk.File("m"), "D|30\n101|1\n");
+    ASSERT_EQ(0, symlink(disk.File("b").c_str(), m_dir.File("b").c_str()));
+    ASSERT_EQ(0, symlink(disk.File("m").c_str(), m_dir.File("m").c_str()));
+    kes_test::WriteFile(m_dir.File("d"), "H|23\n");
+    ASSERT_EQ(0, chmod(m_dir.File("d").c_str(), 0640));
+    const bool root = geteuid() == 0;
+    if (root) {
+        ASSERT_EQ(0, chown(m_dir.File("d").c_str(), 1234, 5678));
+    }
+    for (const char* name : {"d.tmp", "y.tmp", "2015_03_31.tmp", "offset_pulse.tmp", "notes.tmp"})
+        kes_test::WriteFile(m_dir.File(name), "x");
+    kes_test::WriteFile(disk.File("b.tmp"), "x");
+
+    auto history = Started(5, LocalMs(2015, 3, 31, 23, 50));
+    Constant(*history, LocalMs(2015, 3, 31, 23, 55), {{ENERGY, 600}});
+    Constant(*history, LocalMs(2015, 4, 1, 0, 0), {{ENERGY, 600}});
+
+    // The links stay and lead to the new text; the linked month was copied
+    // to its dated name at the rollover.
+    char target[512] = {};
+    ASSERT_LT(0, readlink(m_dir.File("b").c_str(), target, sizeof(target) - 1));
+    EXPECT_EQ(disk.File("b"), target);
+    EXPECT_EQ(0u, Read("b").find("Y|2014\n101|7\nY|2015\n"));
+    EXPECT_TRUE(Read("m").find("D|1\n") == 0 && Read("2015_03").find("D|30\n101|1\nD|31\n") == 0);
+    ASSERT_LT(0, readlink(m_dir.File("m").c_str(), target, sizeof(target) - 1));
+    // The day file keeps its bits and owner, also as the new file after its rollover.
+    for (const char* name : {"d", "2015_03_31"}) {
+        struct stat info;
+        ASSERT_EQ(0, stat(m_dir.File(name).c_str(), &info)) << name;
+        EXPECT_EQ(0640u, info.st_mode & 07777) << name;
+        if (root) {
+            EXPECT_TRUE(info.st_uid == 1234 && info.st_gid == 5678) << name;
+        }
+    }
+    // No other name in either folder.
+    auto names = [](const std::string& folder) {
+        std::set<std::string> found;
+        DIR* dir = opendir(folder.c_str());
+        while (dirent* entry = dir ? readdir(dir) : nullptr)
+            if (entry->d_name[0] != '.')
+                found.insert(entry->d_name);
+        if (dir)
+            closedir(dir);
+        return found;
+    };
+    EXPECT_EQ((std::set<std::string>{"2015", "2015_03", "2015_03_31", "b", "d", "m", "notes.tmp", "offset_energy_day",
+                                     "offset_pulse", "y"}),
+              names(m_dir.Path()));
+    EXPECT_EQ((std::set<std::string>{"b", "m"}), names(disk.Path()));
+}
+
+namespace {
+
+// Anything but a regular file where a file of the store belongs.
+typedef std::tuple<const char*, kes_test::Intruder> IntruderCase;
+
+std::vector<IntruderCase> intruder_cases()
+{
+    std::vector<IntruderCase> cases;
+    for (const char* name : {"d", "m", "y", "b", "2015_03_14", "offset_energy_day", "offset_pulse", "a"})
+        for (const kes_test::Intruder& intruder : kes_test::INTRUDERS)
+            // A dated copy is only ever replaced, never read: it may be unreadable.
+            if (std::string(name) != "2015_03_14" || std::string(intruder.name) != "unreadable")
+                cases.emplace_back(name, intruder);
+    return cases;
+}
+
+class HistoryIntruder : public ::testing::TestWithParam<IntruderCase> {};
+
+} // namespace
+
+TEST_P(HistoryIntruder, IsNamedInARecordAndLeftAsItWas)
+{
+    const std::string name = std::get<0>(GetParam());
+    kes_test::TempDir dir;
+    if (name != "offset_energy_day") // so that "offset_pulse" is read at the start as well
+        kes_test::WriteFile(dir.File("offset_energy_day"), "14\n101|1.00\n");
+    FakeClockHistory history;
+    history.RegisterParameterDouble(ENERGY, kesEnergyDeviceString, 2);
+    history.SetLocal(2015, 3, 14, 10, 0);
+    history.Init(5);
+    history.SetHistoryFolder(dir.Path());
+    if (!kes_test::RefusesIntruder(dir.File(name), std::get<1>(GetParam()), [&history] {
+            history.Start();
+            history.SetLocal(2015, 3, 14, 10, 5);
+            history.Tick();
+            history.UpdateAlarmStatusFile(17, 3);
+        }))
+        GTEST_SKIP() << "root reads every file";
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, HistoryIntruder, ::testing::ValuesIn(intruder_cases()),
+                         [](const ::testing::TestParamInfo<IntruderCase>& info) {
+                             return std::string(std::get<0>(info.param)) + "_" + std::get<1>(info.param).name;
+                         });

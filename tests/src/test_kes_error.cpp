@@ -132,6 +132,32 @@ TEST_F(LogToFile, ConcurrentLoggersLoseNoRecord)
     EXPECT_EQ(kesError::_current_log_filesize, log.size());
 }
 
+// Anything but a regular file as the log file: the console is told once,
+// with the path, and logging goes on, also through a trim.
+class LogFileIntruder : public LogToFile, public ::testing::WithParamInterface<kes_test::Intruder> {};
+
+TEST_P(LogFileIntruder, IsToldOnceOnTheConsole)
+{
+    const std::string path = m_dir.File("kes.log");
+    if (!kes_test::PlaceIntruder(path, GetParam()))
+        GTEST_SKIP() << "root reads every file";
+    kesError::LogFileSize = 40000;
+    ::testing::internal::CaptureStdout();
+    EXPECT_TRUE(kes_test::EndsWithin(5000, path, [] {
+        kesErrorLog(kesError(kesErrorOk, "first"));
+        kesErrorLog(kesError(kesErrorOk, "second"));
+        kesError::_current_log_filesize = 50000;
+        kesErrorLog(kesError(kesErrorOk, "trim"));
+    }));
+    const std::string console = ::testing::internal::GetCapturedStdout();
+    const std::string told = "Log file " + path + GetParam().words;
+    EXPECT_NE(std::string::npos, console.find(told)) << console;
+    EXPECT_EQ(console.find(told), console.rfind(told)) << console;
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, LogFileIntruder, ::testing::ValuesIn(kes_test::INTRUDERS),
+                         [](const ::testing::TestParamInfo<kes_test::Intruder>& info) { return info.param.name; });
+
 TEST(KesError, TextsOfCodes)
 {
     EXPECT_EQ(kesErrorToString(kesErrorOk), "The operation completed succefully.");

@@ -1,15 +1,24 @@
 #include "test_process.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <future>
 #include <sstream>
+#include <thread>
+
+#include "error_capture.h"
 
 namespace kes_test {
 
@@ -141,6 +150,74 @@ TempDir::~TempDir()
         if (system(command.c_str()) != 0) {
         }
     }
+}
+
+const Intruder INTRUDERS[6] = {
+    {"folder", " is a folder"},
+    {"fifo", " is a FIFO"},
+    {"socket", " is a socket"},
+    {"device", " is a device"},
+    {"dangling_link", " is a dangling link"},
+    {"unreadable", " can not be opened"},
+};
+
+bool PlaceIntruder(const std::string& path, const Intruder& intruder)
+{
+    const std::string name = intruder.name;
+    if (name == "folder")
+        return mkdir(path.c_str(), 0755) == 0;
+    if (name == "fifo")
+        return mkfifo(path.c_str(), 0644) == 0;
+    if (name == "device")
+        return symlink("/dev/null", path.c_str()) == 0;
+    if (name == "dangling_link")
+        return symlink("unmounted_disk/file", path.c_str()) == 0;
+    if (name == "socket") {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        if (path.size() >= sizeof(address.sun_path))
+            return false;
+        path.copy(address.sun_path, path.size());
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        const bool bound = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+        close(fd);
+        return bound;
+    }
+    WriteFile(path, "x");
+    return chmod(path.c_str(), 0) == 0 && geteuid() != 0;
+}
+
+bool EndsWithin(unsigned int ms, const std::string& path, const std::function<void()>& call)
+{
+    // A writer freed by an open that is closed at once meets a FIFO without reader.
+    signal(SIGPIPE, SIG_IGN);
+    std::promise<void> done;
+    std::future<void> ended = done.get_future();
+    std::thread runner([&] {
+        call();
+        done.set_value();
+    });
+    const bool inTime = ended.wait_for(std::chrono::milliseconds(ms)) == std::future_status::ready;
+    for (int i = 0; i < 1000 && ended.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready; ++i) {
+        const int fd = open(path.c_str(), O_RDWR | O_NONBLOCK);
+        if (fd >= 0)
+            close(fd);
+    }
+    runner.join();
+    return inTime;
+}
+
+bool RefusesIntruder(const std::string& path, const Intruder& intruder, const std::function<void()>& call)
+{
+    struct stat before = {}, after = {};
+    if (!PlaceIntruder(path, intruder) || lstat(path.c_str(), &before) != 0)
+        return false;
+    ErrorCapture log;
+    EXPECT_TRUE(EndsWithin(5000, path, call));
+    EXPECT_TRUE(log.Contains(path + intruder.words)) << log.Dump();
+    EXPECT_EQ(0, lstat(path.c_str(), &after));
+    EXPECT_EQ(before.st_mode, after.st_mode);
+    return true;
 }
 
 std::string ReadFile(const std::string& path)

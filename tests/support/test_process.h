@@ -3,6 +3,8 @@
 
 #include <sys/types.h>
 
+#include <functional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -44,6 +46,28 @@ public:
 private:
     std::string m_path;
 };
+
+// What a test puts where a file belongs, with the words that follow the path
+// in the record refusing it.
+struct Intruder {
+    const char* name;
+    const char* words;
+};
+extern const Intruder INTRUDERS[6];
+inline std::ostream& operator<<(std::ostream& out, const Intruder& intruder)
+{
+    return out << intruder.name;
+}
+// Puts the intruder at the path; false when this user can not make it what
+// it should be (root reads every file).
+bool PlaceIntruder(const std::string& path, const Intruder& intruder);
+// Whether the call ends within the time. A call blocked on a FIFO at the path
+// is freed afterwards, as often as it blocks again, so the test ends either way.
+bool EndsWithin(unsigned int ms, const std::string& path, const std::function<void()>& call);
+// Puts the intruder at the path and runs the call, which must end in time,
+// name the path in a record with the intruder's words, and leave the intruder
+// as it was. False, without running the call, when the intruder can not be made.
+bool RefusesIntruder(const std::string& path, const Intruder& intruder, const std::function<void()>& call);
 
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& text);
