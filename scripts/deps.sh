@@ -1,5 +1,5 @@
 # Sourced by test.sh and demo.sh: installs the Debian packages the build and the tests need.
-KES_DEBIAN_PACKAGES=(cmake g++ make libgtest-dev libtinyxml-dev python3-pymodbus clang libclang-rt-14-dev faketime)
+KES_DEBIAN_PACKAGES=(cmake g++ make libgtest-dev libtinyxml-dev python3-pymodbus clang libclang-rt-14-dev faketime librsvg2-bin)
 
 kes_install_deps() {
   local missing=()
