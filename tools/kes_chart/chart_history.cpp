@@ -18,8 +18,9 @@ const unsigned int DAY_FIELDS[3] = {4, 3, 1};
 const unsigned int MONTH_FIELDS[3] = {1, 3, 1};
 // Larger figures come from edits only, and would break the scales.
 const double LARGEST = 1e12;
-// Two figures at precision 1, each rounded by up to 0.05.
-const double ROUNDING = 0.1;
+// The rise of a total, two figures at precision 1, against an average at
+// precision 1 times at most one hour: three roundings of up to 0.05.
+const double ROUNDING = 0.15 + 1e-6;
 
 struct Row {
     unsigned int iid;
@@ -51,7 +52,7 @@ public:
     void Flush(std::vector<std::string>* o_notes) const
     {
         for (const auto& kind : m_kinds)
-            o_notes->push_back(std::to_string(kind.second.first) + " " + kind.first + " (first on line " +
+            o_notes->push_back(kind.first + ": " + std::to_string(kind.second.first) + " (first on line " +
                                std::to_string(kind.second.second) + ")");
     }
 
@@ -188,15 +189,30 @@ size_t vote(const std::vector<Block>& i_blocks, const unsigned int i_fields[3], 
     return most;
 }
 
+// Whether each group with a sample added its average over one interval of
+// i_minutes (0: any divisor of the hour) to the running total: pairs of average
+// and rise of the total.
+bool totals_fit(const std::vector<std::pair<double, double>>& i_rises, unsigned int i_minutes)
+{
+    for (unsigned int n = 1; n <= 60; ++n) {
+        bool fit = 60 % n == 0 && (i_minutes == 0 || n == i_minutes);
+        for (size_t i = 0; fit && i < i_rises.size(); ++i)
+            fit = std::fabs(i_rises[i].second - i_rises[i].first * n / 60) <= ROUNDING;
+        if (fit)
+            return true;
+    }
+    return false;
+}
+
 // Whether every row of an item can be a day row of the class, within i_bound
 // groups (0: any). A figure of a pulse row and the last field of an energy group,
-// the day's running total, never fall; a total grows over a group with a sample
-// by its average times 1 to 60 minutes.
-bool day_rows_fit(const std::vector<const Row*>& i_rows, ChartClass i_class, size_t i_bound)
+// the day's running total, are numbers that never fall.
+bool day_rows_fit(const std::vector<const Row*>& i_rows, ChartClass i_class, size_t i_bound, unsigned int i_minutes)
 {
     const size_t k = DAY_FIELDS[i_class];
     bool haveTotal = false;
     double total = 0;
+    std::vector<std::pair<double, double>> rises;
     for (const Row* row : i_rows) {
         const std::vector<std::string_view>& p = row->pieces;
         if (p.size() % k != 0 || (i_bound && p.size() / k > i_bound))
@@ -208,6 +224,7 @@ bool day_rows_fit(const std::vector<const Row*>& i_rows, ChartClass i_class, siz
                 numbers += as_number(p[g + i], &f[i]) ? 1 : 0;
             if (i_class == ChartPulse && numbers == 0)
                 return false;
+            // The daemon never writes an average above the maximum.
             if (i_class != ChartPulse && numbers != 0 && (numbers != 3 || f[1] > f[2] || f[0] > f[2]))
                 return false;
             if (i_class == ChartValue)
@@ -215,14 +232,13 @@ bool day_rows_fit(const std::vector<const Row*>& i_rows, ChartClass i_class, siz
             const size_t last = i_class == ChartPulse ? 0 : 3;
             if (!as_number(p[g + last], &f[last]) || (haveTotal && f[last] < total))
                 return false;
-            if (i_class == ChartEnergy && haveTotal && numbers == 3 &&
-                (f[3] - total < f[0] / 60 - ROUNDING || f[3] - total > f[0] + ROUNDING))
-                return false;
+            if (i_class == ChartEnergy && haveTotal && numbers == 3)
+                rises.emplace_back(f[0], f[3] - total);
             haveTotal = true;
             total = f[last];
         }
     }
-    return true;
+    return totals_fit(rises, i_minutes);
 }
 
 // A month row of one field is a pulse figure when the figures never fall over
@@ -241,13 +257,12 @@ bool month_rows_rise(const std::vector<const Row*>& i_rows)
 
 // Every item's class: as known, else as most of its told blocks say, else by the
 // shape of its rows. Items that fit no class are noted and left out.
-ChartClasses classify(const std::vector<Block>& i_blocks, const ChartClasses& i_known, bool i_day, size_t* io_bound,
-                      Notes* io_notes)
+ChartClasses classify(const std::vector<Block>& i_blocks, const ChartClasses& i_known, bool i_day,
+                      unsigned int i_minutes, Notes* io_notes)
 {
     std::map<unsigned int, std::array<unsigned int, 3>> votes;
     const size_t most = vote(i_blocks, i_day ? DAY_FIELDS : MONTH_FIELDS, i_day, &votes);
-    if (*io_bound == 0)
-        *io_bound = most;
+    const size_t bound = i_minutes ? 60 / i_minutes : most;
     std::map<unsigned int, std::vector<const Row*>> rows;
     for (const Block& block : i_blocks)
         for (const Row& row : block.rows)
@@ -266,11 +281,11 @@ ChartClasses classify(const std::vector<Block>& i_blocks, const ChartClasses& i_
             kind = month_rows_rise(item.second) ? ChartPulse : ChartEnergy;
         } else {
             for (ChartClass c : {ChartEnergy, ChartPulse, ChartValue})
-                if (kind == ChartNone && day_rows_fit(item.second, c, *io_bound))
+                if (kind == ChartNone && day_rows_fit(item.second, c, bound, i_minutes))
                     kind = c;
         }
         if (kind == ChartNone)
-            io_notes->Add("items whose rows fit no class, left out: " + std::to_string(item.first),
+            io_notes->Add("rows of item " + std::to_string(item.first) + ", which fit no class, left out",
                           item.second[0]->line);
         classes[item.first] = kind;
     }
@@ -360,8 +375,7 @@ void ChartReadDay(const kes::kesString& i_text, const ChartClasses& i_known, uns
 {
     Notes notes;
     const std::vector<Block> blocks = read_blocks(i_text, 'H', 23, &notes);
-    size_t bound = i_minutes ? 60 / i_minutes : 0;
-    const ChartClasses classes = classify(blocks, i_known, true, &bound, &notes);
+    const ChartClasses classes = classify(blocks, i_known, true, i_minutes, &notes);
     if (!i_minutes) {
         // The most groups of any hour, up to a divisor of the hour.
         size_t most = 1;
@@ -384,8 +398,7 @@ void ChartReadMonth(const kes::kesString& i_text, const ChartClasses& i_known, C
 {
     Notes notes;
     const std::vector<Block> blocks = read_blocks(i_text, 'D', 31, &notes);
-    size_t bound = 1;
-    const ChartClasses classes = classify(blocks, i_known, false, &bound, &notes);
+    const ChartClasses classes = classify(blocks, i_known, false, 0, &notes);
     std::map<unsigned int, ChartItem> items;
     for (const Block& block : blocks)
         for (const Row& row : block.rows) {
