@@ -15,7 +15,7 @@ case "$seconds" in
 esac
 
 cmake -S . -B build >/dev/null
-cmake --build build -j2 --target kes_energy kes_bus_sim
+cmake --build build -j2 --target kes_energy kes_bus_sim kes_chart
 
 run=./run/demo
 rm -rf "$run"
@@ -109,4 +109,8 @@ for f in d m y b meteo_c; do
     echo
   fi
 done
+
+echo "== pictures of the run =="
+./build/bin/kes_chart -dir "$run/data" -conf "$run/conf.xml" -history 1 -out "$run/pictures"
+echo "open file://$PWD/${run#./}/pictures/index.html in a browser"
 exit "$status"

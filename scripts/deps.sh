@@ -1,7 +1,8 @@
 # Sourced by test.sh and demo.sh: installs the Debian packages the build and the tests need
-# (systemd-analyze checks the service unit, dpkg-shlibdeps and objcopy make the .deb).
+# (systemd-analyze checks the service unit, dpkg-shlibdeps and objcopy make the .deb,
+# rsvg-convert renders the pictures of kes_chart).
 KES_DEBIAN_PACKAGES=(cmake g++ make libgtest-dev libtinyxml-dev python3-pymodbus clang libclang-rt-14-dev faketime
-  systemd dpkg-dev binutils file)
+  systemd dpkg-dev binutils file librsvg2-bin)
 
 kes_install_deps() {
   local missing=()
