@@ -321,8 +321,8 @@ TEST_F(EnergyLineTest, StopDuringReconnectionEndsWhenResetReturns)
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(kesErrorOk, m_line.Stop());
     auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
-    EXPECT_GE(waited.count(), 300) << "the second of Reset runs to its end";
-    EXPECT_LT(waited.count(), 2500);
+    // the pause before the reconnection gives way to the stop
+    EXPECT_LT(waited.count(), 300);
 
     m_log.Clear();
     size_t atStop = seen_count();
