@@ -18,8 +18,7 @@
 using namespace kes;
 using kes_test::Bytes;
 
-namespace
-{
+namespace {
 
 typedef std::chrono::steady_clock Clock;
 
@@ -47,8 +46,7 @@ int main(int argc, char** argv)
     Clock::time_point start = Clock::now();
     unsigned long sink = 0;
     unsigned char replyBytes[] = {0x01, 0x03, 0x04, 0x00, 0x01, 0x00, 0x02, 0x2A, 0x32};
-    for (long i = 0; i < frames; ++i)
-    {
+    for (long i = 0; i < frames; ++i) {
         kesModbusRtuReadHoldingRegistersFrame request;
         request.SetUnitID(1);
         request.SetRegisters((unsigned short)(i % 256 * 100), 2);
@@ -62,8 +60,7 @@ int main(int argc, char** argv)
     // serial exchanges against an echoing peer
     kes_test::PtyPair pty;
     kesEnergySocket channel;
-    if (channel.Open(pty.LinkPath().c_str(), 0) != kesErrorOk)
-    {
+    if (channel.Open(pty.LinkPath().c_str(), 0) != kesErrorOk) {
         printf("cannot open the pseudo-terminal\n%s", errors.Dump().c_str());
         return 1;
     }
@@ -71,8 +68,7 @@ int main(int argc, char** argv)
     const Bytes request = {0x01, 0x03, 0x00, 0x64, 0x00, 0x02, 0x85, 0xD4};
     const Bytes reply(replyBytes, replyBytes + sizeof(replyBytes));
     kes_test::PeerThread peer([&] {
-        for (int i = 0; i < exchanges; ++i)
-        {
+        for (int i = 0; i < exchanges; ++i) {
             Bytes got = kes_test::ReadFor(pty.Master(), request.size(), 2000);
             if (got.size() != request.size())
                 return;
@@ -84,8 +80,7 @@ int main(int argc, char** argv)
     int good = 0;
     double cpuStart = cpu_seconds();
     start = Clock::now();
-    for (int i = 0; i < exchanges; ++i)
-    {
+    for (int i = 0; i < exchanges; ++i) {
         unsigned char buffer[9];
         int received = 0;
         if (channel.Send(request.data(), (unsigned int)request.size()) == 8 &&

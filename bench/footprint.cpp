@@ -149,9 +149,8 @@ int main(int argc, char** argv)
     }
     kes_test::TempDir dir;
     std::string conf = "<energy v=\"1\">";
-    std::vector<std::string> pollerArgs = {"/usr/bin/python3",
-                                           std::string(KES_SOURCE_DIR) + "/bench/footprint_poller.py",
-                                           std::to_string(seconds + 30)};
+    std::vector<std::string> pollerArgs = {
+        "/usr/bin/python3", std::string(KES_SOURCE_DIR) + "/bench/footprint_poller.py", std::to_string(seconds + 30)};
     for (unsigned int line = 1; line <= LINES; ++line) {
         uint16_t port = free_port();
         conf += "<line id=\"" + std::to_string(line) + "\" adr=\"127.0.0.1:" + std::to_string(port) + "\">";
@@ -176,10 +175,10 @@ int main(int argc, char** argv)
     printf("footprint over %.0f s: %u lines of %u devices on kes_bus_sim\n", seconds, LINES, DEVICES);
     Figures daemon;
     Figures python;
-    if (!measure(dir.File("conf.xml"),
-                 {kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir", dir.Path() + "/", "-history",
-                  "1"},
-                 seconds, &daemon))
+    if (!measure(
+            dir.File("conf.xml"),
+            {kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir", dir.Path() + "/", "-history", "1"},
+            seconds, &daemon))
         return 2;
     bool havePython = measure(dir.File("conf.xml"), pollerArgs, seconds, &python);
 

@@ -124,8 +124,8 @@ int main(int argc, char** argv)
     // The tick of the store itself.
     std::vector<double> tickTimes;
     size_t readBytes = 0, writtenBytes = 0;
-    std::vector<std::string> written = {"d", "2015_12_31", "m", "2015_12", "y", "2015", "b",
-                                        "offset_energy_day", "offset_pulse"};
+    std::vector<std::string> written = {"d", "2015_12_31",        "m",           "2015_12", "y", "2015",
+                                        "b", "offset_energy_day", "offset_pulse"};
     for (int r = 0; r < REPEATS; ++r) {
         Restore(dir, in);
         readBytes = 0;

@@ -149,10 +149,9 @@ int main(int argc, char** argv)
         gateway.SetRegisters(type, address, std::vector<uint16_t>(registers, static_cast<uint16_t>(i)));
         line.AddDevice(type, address);
         Bytes request = kes_test::WithCrc({type, 3, static_cast<uint8_t>(address >> 8),
-                                             static_cast<uint8_t>(address & 0xFF), 0,
-                                             static_cast<uint8_t>(registers)});
-        leastPerCycle += median_round_trip(gateway.GetPort(), request, 2u * registers + 5u) +
-                         kesEnergyLine::ANSWER_PAUSE / 1000.0;
+                                           static_cast<uint8_t>(address & 0xFF), 0, static_cast<uint8_t>(registers)});
+        leastPerCycle +=
+            median_round_trip(gateway.GetPort(), request, 2u * registers + 5u) + kesEnergyLine::ANSWER_PAUSE / 1000.0;
     }
 
     double cpuStart = process_cpu_s();
@@ -165,8 +164,8 @@ int main(int argc, char** argv)
     {
         std::unique_lock<std::mutex> lock(g_mutex);
         double budget = (cycles + 2) * leastPerCycle * 2 + 5;
-        done = g_marked.wait_for(lock, std::chrono::duration<double>(budget),
-                                 [&] { return g_wall.size() >= cycles + 1; });
+        done =
+            g_marked.wait_for(lock, std::chrono::duration<double>(budget), [&] { return g_wall.size() >= cycles + 1; });
     }
     line.Stop();
     double cpuProcess = process_cpu_s() - cpuStart;

@@ -2,8 +2,8 @@
 // datagram and a close, as every reading pays it. Prints microseconds per
 // value with a receiver listening and with none.
 
-#include "kes_energy_mira.h"
 #include "datagram_receiver.h"
+#include "kes_energy_mira.h"
 
 #include <chrono>
 #include <cstdio>

@@ -21,7 +21,8 @@ int main(int argc, char** argv)
     kes_test::TempDir dir;
     std::string xml = "<energy><line id=\"1\" adr=\"127.0.0.1:1\">";
     for (unsigned int fid = 0; fid < values; ++fid)
-        xml += "<v type=\"7\" mid=\"3\" iid=\"" + std::to_string(100 + fid) + "\" fid=\"" + std::to_string(fid) + "\"/>";
+        xml +=
+            "<v type=\"7\" mid=\"3\" iid=\"" + std::to_string(100 + fid) + "\" fid=\"" + std::to_string(fid) + "\"/>";
     xml += "</line></energy>";
     kes_test::WriteFile(dir.File("conf.xml"), xml);
 

@@ -1,11 +1,11 @@
 #include "kes_energy.h"
 
-#include <semaphore.h>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <semaphore.h>
 
 #include <tinyxml.h>
 
@@ -28,14 +28,14 @@ const char* const FRAMEWORK_VERSION = "0.5.0";
 const unsigned int LOG_FILE_SIZE = 512000;
 const unsigned int TERM_WAIT_MS = 0xFFFFFFFF;
 
-const char* const HELP_TEXT =
-    "\nKes. Energy Command Help\n"
-    "-conf configuration file ------ [e.g - \"/data/conf.xml\" or \"./conf.xml\"]\n"
-    "-dir data directory ----------- [e.g - \"/data\" or \"./data\"]\n"
-    "-history History time --------- [e.g - save data every minute, possible values are 1-2-3-4-5-6-10-12-15-20-30-60]\n"
-    "-version appliation version --- [e.g - 1.0.0]\n"
-    "-fversion fremwork version ---- [e.g - 1.0.0]\n"
-    "-log log file name ------------ [file application log]\n";
+const char* const HELP_TEXT = "\nKes. Energy Command Help\n"
+                              "-conf configuration file ------ [e.g - \"/data/conf.xml\" or \"./conf.xml\"]\n"
+                              "-dir data directory ----------- [e.g - \"/data\" or \"./data\"]\n"
+                              "-history History time --------- [e.g - save data every minute, possible values are "
+                              "1-2-3-4-5-6-10-12-15-20-30-60]\n"
+                              "-version appliation version --- [e.g - 1.0.0]\n"
+                              "-fversion fremwork version ---- [e.g - 1.0.0]\n"
+                              "-log log file name ------------ [file application log]\n";
 
 // The handler may only post: the event's mutex is not safe in a signal handler.
 sem_t g_sigterm_semaphore;
@@ -62,8 +62,7 @@ unsigned char kesHistoryTimeFromValue(unsigned long value)
 
 unsigned short kesEnergy::MiraPort = MIRA_PORT;
 
-kesEnergy::kesEnergy()
-    : m_uHistoryTime(60), m_pDavisMeteo(nullptr), m_pSigtermRelay(nullptr), m_bRelayQuit(false)
+kesEnergy::kesEnergy() : m_uHistoryTime(60), m_pDavisMeteo(nullptr), m_pSigtermRelay(nullptr), m_bRelayQuit(false)
 {
     m_eTerm.Reset();
     ensure_sigterm_semaphore();

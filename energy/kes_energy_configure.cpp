@@ -126,8 +126,8 @@ kesEError kesEnergy::configure_system()
         return KES_LOG(kesErrorFailed, kesString("Can not read configuration file: ") + m_sConfigurationPath);
     kesString where;
     if (!kesEnergyIsSafeXmlText(text, &where))
-        return KES_LOG(kesErrorFailed, kesString("Configuration file is not valid UTF-8") + where + " in file: " +
-                                           m_sConfigurationPath +
+        return KES_LOG(kesErrorFailed, kesString("Configuration file is not valid UTF-8") + where +
+                                           " in file: " + m_sConfigurationPath +
                                            "\nA file in another encoding names it in its declaration, as in "
                                            "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>");
     TiXmlBase::SetCondenseWhiteSpace(true);
@@ -180,8 +180,8 @@ kesEError kesEnergy::configure_line(const TiXmlElement* element)
         if (!value) {
             // Comments are the file's own notes; stray text is worth a word.
             if (node->ToText())
-                KES_LOG(kesErrorWarning, kesString("Text inside line ") + kesString::FromInt(id) + " ignored: " +
-                                             kesString(node->Value()));
+                KES_LOG(kesErrorWarning, kesString("Text inside line ") + kesString::FromInt(id) +
+                                             " ignored: " + kesString(node->Value()));
             continue;
         }
         const int type = kesString::AsInt(attribute(value, "type"), 10);
@@ -246,8 +246,7 @@ void kesEnergy::clear_dataaddress_map()
     kesArray<DataAddress*> records;
     {
         kesSOsMutex lock(&m_mMutex);
-        for (kesMap<unsigned int, DataAddress*>::iterator it = m_mDataAddress.begin(); it != m_mDataAddress.end();
-             ++it)
+        for (kesMap<unsigned int, DataAddress*>::iterator it = m_mDataAddress.begin(); it != m_mDataAddress.end(); ++it)
             for (DataAddress* item = it->second; item; item = item->next)
                 records.AddBack(item);
         m_mDataAddress.clear();

@@ -3,8 +3,8 @@
 
 #include "kes_error.h"
 #include "kes_osmutex.h"
-#include "kes_osthread.h"
 #include "kes_ostcpsocket.h"
+#include "kes_osthread.h"
 #include "kes_string.h"
 
 namespace kes {

@@ -12,13 +12,10 @@
 #include "kes_osfile.h"
 #include "kes_osutility.h"
 
-namespace kes
-{
-namespace Energy
-{
+namespace kes {
+namespace Energy {
 
-namespace
-{
+namespace {
 const char* const SOURCE = __FILE__;
 
 kesEError report(kesEError code, const kesString& message, const char* function, int line)
@@ -39,18 +36,11 @@ const char* const OFFSET_ENERGY_DAY = "offset_energy_day";
 const char* const OFFSET_PULSE = "offset_pulse";
 
 // How a parameter is stored, by device type and field number.
-enum EHistoryClass
-{
-    HistoryNone,
-    HistoryEnergy,
-    HistoryValue,
-    HistoryPulse
-};
+enum EHistoryClass { HistoryNone, HistoryEnergy, HistoryValue, HistoryPulse };
 
 const unsigned int ALL_FIDS = 0xFFFFFFFFu;
 
-struct TypeRow
-{
+struct TypeRow {
     kesEEnergyDeviceType type;
     EHistoryClass storedAs;
     unsigned int fids; // bit n: field n goes to the files
@@ -136,8 +126,7 @@ unsigned int next_divisor_of_hour(unsigned int minutes)
 } // namespace
 
 // The month, year and begin files differ only in these constants.
-struct kesEnergyHistoryLevel
-{
+struct kesEnergyHistoryLevel {
     const char* fileName;
     const char* nullWords;
     const char* renameWords; // null: the file never rolls over
@@ -149,8 +138,7 @@ struct kesEnergyHistoryLevel
     const char* functionName;
 };
 
-namespace
-{
+namespace {
 bool month_rollover(const kesTime::kesDateTime& now)
 {
     return now.day == 1 && now.hour == 0 && now.minute == 0;
@@ -161,38 +149,35 @@ bool year_rollover(const kesTime::kesDateTime& now)
     return now.month == 1 && month_rollover(now);
 }
 
-const kesEnergyHistoryLevel MONTH_LEVEL = {
-    "m",
-    "io_strSourceMonth == 0",
-    "Can not rename month to ",
-    "D|",
-    [](const kesTime::kesDateTime& now) { return now.day; },
-    month_rollover,
-    month_name,
-    {kesEnergyHistoryEnergyLastTotal, 1, kesEnergyHistoryPulseLastPiece},
-    "update_month_file"};
+const kesEnergyHistoryLevel MONTH_LEVEL = {"m",
+                                           "io_strSourceMonth == 0",
+                                           "Can not rename month to ",
+                                           "D|",
+                                           [](const kesTime::kesDateTime& now) { return now.day; },
+                                           month_rollover,
+                                           month_name,
+                                           {kesEnergyHistoryEnergyLastTotal, 1, kesEnergyHistoryPulseLastPiece},
+                                           "update_month_file"};
 
-const kesEnergyHistoryLevel YEAR_LEVEL = {
-    "y",
-    "io_strSourceYear == 0",
-    "Can not rename year to ",
-    "M|",
-    [](const kesTime::kesDateTime& now) { return now.month; },
-    year_rollover,
-    year_name,
-    {kesEnergyHistoryEnergySum, 3, kesEnergyHistoryPulseWholeRest},
-    "update_year_file"};
+const kesEnergyHistoryLevel YEAR_LEVEL = {"y",
+                                          "io_strSourceYear == 0",
+                                          "Can not rename year to ",
+                                          "M|",
+                                          [](const kesTime::kesDateTime& now) { return now.month; },
+                                          year_rollover,
+                                          year_name,
+                                          {kesEnergyHistoryEnergySum, 3, kesEnergyHistoryPulseWholeRest},
+                                          "update_year_file"};
 
-const kesEnergyHistoryLevel BEGIN_LEVEL = {
-    "b",
-    "io_strSourceYear == 0",
-    0,
-    "Y|",
-    [](const kesTime::kesDateTime& now) { return now.year; },
-    0,
-    0,
-    {kesEnergyHistoryEnergySum, 2, kesEnergyHistoryPulseWholeRest},
-    "update_begin_file"};
+const kesEnergyHistoryLevel BEGIN_LEVEL = {"b",
+                                           "io_strSourceYear == 0",
+                                           0,
+                                           "Y|",
+                                           [](const kesTime::kesDateTime& now) { return now.year; },
+                                           0,
+                                           0,
+                                           {kesEnergyHistoryEnergySum, 2, kesEnergyHistoryPulseWholeRest},
+                                           "update_begin_file"};
 } // namespace
 
 kesEnergyHistorySystem::kesEnergyHistorySystem() : m_uiFlags(0), m_uiMinutes(MAX_MINUTES)
@@ -213,7 +198,8 @@ unsigned long long kesEnergyHistorySystem::get_clock_ms() const
 {
     struct timeval now;
     gettimeofday(&now, 0);
-    return static_cast<unsigned long long>(now.tv_sec) * 1000ull + static_cast<unsigned long long>(now.tv_usec) / 1000ull;
+    return static_cast<unsigned long long>(now.tv_sec) * 1000ull +
+           static_cast<unsigned long long>(now.tv_usec) / 1000ull;
 }
 
 unsigned int kesEnergyHistorySystem::get_time() const
@@ -248,8 +234,7 @@ kesEError kesEnergyHistorySystem::Init(const unsigned int& minutes)
         return report(kesErrorFailed, "Can not stop system hystory", "Init", __LINE__);
 
     m_uiMinutes = next_divisor_of_hour(minutes);
-    if (m_uiMinutes != minutes)
-    {
+    if (m_uiMinutes != minutes) {
         kesString notice("History Time set to ");
         notice.append(kesString::FromULong(m_uiMinutes));
         notice.append(" minutes");
@@ -291,8 +276,7 @@ kesEError kesEnergyHistorySystem::RegisterParameterDouble(unsigned int uid, cons
     const TypeRow* row = find_type(type);
     if (row && row->storedAs == HistoryEnergy)
         m_mapEnergy.emplace(uid, 0.0);
-    else if (row && row->storedAs == HistoryPulse && !m_mapPulse.GetKeyValue(uid))
-    {
+    else if (row && row->storedAs == HistoryPulse && !m_mapPulse.GetKeyValue(uid)) {
         PulseCounterStorage* storage = new (std::nothrow) PulseCounterStorage();
         if (!storage)
             return report(kesErrorOutOfMemory, "Can not create pulse storage", "RegisterParameterDouble", __LINE__);
@@ -362,8 +346,7 @@ kesEError kesEnergyHistorySystem::Stop()
         m_uiFlags &= ~static_cast<unsigned int>(STATE_RUNNING);
     }
     // A running tick takes the lock, so its end is awaited outside of it.
-    if (kesTimer::Stop() != kesErrorOk)
-    {
+    if (kesTimer::Stop() != kesErrorOk) {
         kesSOsMutex lock(&m_mutex);
         m_uiFlags |= STATE_RUNNING;
         return report(kesErrorFailed, "Can not stop timer", "Stop", __LINE__);
@@ -397,8 +380,7 @@ kesEError kesEnergyHistorySystem::compute_time(unsigned int* io_msTime)
     localtime_r(&now, &local);
     time_t t = local.tm_sec != 0 ? now + 60 - local.tm_sec : now;
     // At most an hour of whole minutes lies before the next boundary.
-    for (unsigned int step = 0; step < 60; ++step)
-    {
+    for (unsigned int step = 0; step < 60; ++step) {
         localtime_r(&t, &local);
         if (local.tm_min % static_cast<int>(m_uiMinutes) == 0)
             break;
@@ -436,8 +418,7 @@ void kesEnergyHistorySystem::OnTimer()
     const kesString noData = kesString(kesEnegyHistoryItem::EMPTY_CHAR);
 
     // The maps do not change while the system runs; the lock is held per parameter only.
-    for (auto& entry : m_mapDouble)
-    {
+    for (auto& entry : m_mapDouble) {
         kesEnegyHistoryFigures figures;
         {
             kesSOsMutex lock(&m_mutex);
@@ -449,31 +430,23 @@ void kesEnergyHistorySystem::OnTimer()
 
         const kesString uid = kesString::FromULong(entry.first);
         kesString row(uid);
-        if (storedAs == HistoryValue || storedAs == HistoryEnergy)
-        {
-            for (double figure : {figures.average, figures.minimum, figures.maximum})
-            {
+        if (storedAs == HistoryValue || storedAs == HistoryEnergy) {
+            for (double figure : {figures.average, figures.minimum, figures.maximum}) {
                 row.push_back('|');
                 row.append(figures.noData ? noData : kesString::FromDouble(figure, 1));
             }
         }
-        if (storedAs == HistoryValue)
-        {
+        if (storedAs == HistoryValue) {
             valueUids.AddBack(uid);
             valueRows.AddBack(row);
-        }
-        else if (storedAs == HistoryEnergy)
-        {
+        } else if (storedAs == HistoryEnergy) {
             double last = 0.0;
-            if (!figures.noData)
-            {
+            if (!figures.noData) {
                 // Always the configured N, also for the shorter first interval.
                 last = m_uiMinutes / 60.0 * figures.average;
                 kesSOsMutex lock(&m_mutex);
                 m_mapEnergy[entry.first] += last;
-            }
-            else
-            {
+            } else {
                 kesSOsMutex lock(&m_mutex);
                 last = m_mapEnergy[entry.first];
             }
@@ -481,15 +454,12 @@ void kesEnergyHistorySystem::OnTimer()
             row.append(kesString::FromDouble(last, 1));
             energyUids.AddBack(uid);
             energyRows.AddBack(row);
-        }
-        else
-        {
+        } else {
             double figure = 0.0;
             {
                 kesSOsMutex lock(&m_mutex);
                 PulseCounterStorage* storage = m_mapPulse.GetKeyValue(entry.first);
-                if (storage)
-                {
+                if (storage) {
                     if (!figures.noData)
                         storage->SetPower(figures.last);
                     figure = storage->m_dTotal / 1000.0;
@@ -517,23 +487,19 @@ void kesEnergyHistorySystem::OnTimer()
     const kesString folder = get_folder();
 
     kesString day, month, year, begin;
-    if (update_day_file(energyUids, energyRows, valueUids, valueRows, pulseUids, pulseRows, now, &day) != kesErrorOk)
-    {
+    if (update_day_file(energyUids, energyRows, valueUids, valueRows, pulseUids, pulseRows, now, &day) != kesErrorOk) {
         report(kesErrorFailed, words("Can not update day file ", folder, "d"), "OnTimer", __LINE__);
         return;
     }
-    if (update_month_file(energyUids, valueUids, pulseUids, now, day, &month) != kesErrorOk)
-    {
+    if (update_month_file(energyUids, valueUids, pulseUids, now, day, &month) != kesErrorOk) {
         report(kesErrorFailed, words("Can not update month file ", folder, "m"), "OnTimer", __LINE__);
         return;
     }
-    if (update_year_file(energyUids, valueUids, pulseUids, now, month, &year) != kesErrorOk)
-    {
+    if (update_year_file(energyUids, valueUids, pulseUids, now, month, &year) != kesErrorOk) {
         report(kesErrorFailed, words("Can not update year file ", folder, "y"), "OnTimer", __LINE__);
         return;
     }
-    if (update_begin_file(energyUids, valueUids, pulseUids, now, year, &begin) != kesErrorOk)
-    {
+    if (update_begin_file(energyUids, valueUids, pulseUids, now, year, &begin) != kesErrorOk) {
         report(kesErrorFailed, words("Can not update year file ", folder, "b"), "OnTimer", __LINE__);
         return;
     }
@@ -564,13 +530,11 @@ bool kesEnergyHistorySystem::get_pulse_total(unsigned int uid, double* o_total)
     return true;
 }
 
-kesEError kesEnergyHistorySystem::update_day_file(const kesArray<kesString>& energyUids,
-                                                  const kesArray<kesString>& energyRows,
-                                                  const kesArray<kesString>& /*valueUids*/,
-                                                  const kesArray<kesString>& valueRows,
-                                                  const kesArray<kesString>& /*pulseUids*/,
-                                                  const kesArray<kesString>& pulseRows, const kesTime::kesDateTime& now,
-                                                  kesString* io_strSourceDay)
+kesEError
+kesEnergyHistorySystem::update_day_file(const kesArray<kesString>& energyUids, const kesArray<kesString>& energyRows,
+                                        const kesArray<kesString>& /*valueUids*/, const kesArray<kesString>& valueRows,
+                                        const kesArray<kesString>& /*pulseUids*/, const kesArray<kesString>& pulseRows,
+                                        const kesTime::kesDateTime& now, kesString* io_strSourceDay)
 {
     if (!io_strSourceDay)
         return report(kesErrorInvalidArgument, "io_strSourceDay == 0", "update_day_file", __LINE__);
@@ -592,17 +556,14 @@ kesEError kesEnergyHistorySystem::update_day_file(const kesArray<kesString>& ene
     const bool rollover = midnight && exists;
 
     io_strSourceDay->Clear();
-    if (rollover)
-    {
+    if (rollover) {
         if (kesEnergyHistoryRollFile(path, dated) != kesErrorOk)
             return report(kesErrorFailed, words("Can not rename day to ", dated), "update_day_file", __LINE__);
-    }
-    else if (exists && kesEnergyHistoryReadFile(path, io_strSourceDay) != kesErrorOk)
+    } else if (exists && kesEnergyHistoryReadFile(path, io_strSourceDay) != kesErrorOk)
         return kesErrorFailed;
 
     if (rollover)
-        for (const kesString& uid : energyUids)
-        {
+        for (const kesString& uid : energyUids) {
             kesSOsMutex lock(&m_mutex);
             m_mapEnergy[kesString::AsULong(uid, 10)] = 0.0;
         }
@@ -683,12 +644,10 @@ kesEError kesEnergyHistorySystem::update_level_file(const kesEnergyHistoryLevel&
     const kesString dated = level.datedName ? words("", folder, level.datedName(lastDate).c_str()) : kesString();
 
     io_strText->Clear();
-    if (rollover)
-    {
+    if (rollover) {
         if (kesEnergyHistoryRollFile(path, dated) != kesErrorOk)
             return report(kesErrorFailed, words(level.renameWords, dated), level.functionName, __LINE__);
-    }
-    else if (exists && kesEnergyHistoryReadFile(path, io_strText) != kesErrorOk)
+    } else if (exists && kesEnergyHistoryReadFile(path, io_strText) != kesErrorOk)
         return kesErrorFailed;
 
     // The block of this period is rebuilt whole: what stood behind its header goes.
@@ -729,14 +688,12 @@ kesEError kesEnergyHistorySystem::save_offset_file()
         char line[512];
         std::snprintf(line, sizeof(line), "%i\n", today.day);
         energy.append(line);
-        for (const auto& entry : m_mapEnergy)
-        {
+        for (const auto& entry : m_mapEnergy) {
             std::snprintf(line, sizeof(line), "%u|%.2f\n", entry.first, entry.second);
             energy.append(line);
         }
         for (const auto& entry : m_mapPulse)
-            if (entry.second)
-            {
+            if (entry.second) {
                 std::snprintf(line, sizeof(line), "%u|%.2f\n", entry.first, entry.second->m_dTotal);
                 pulse.append(line);
             }
@@ -766,8 +723,7 @@ kesEError kesEnergyHistorySystem::load_offset_file()
     text.GetSplit(&lines, "\n");
     // Only the day of the month tells whether the totals are today's.
     if (!lines.empty() && kesString::AsInt(lines[0], 10) == today.day)
-        for (size_t i = 1; i < lines.size(); ++i)
-        {
+        for (size_t i = 1; i < lines.size(); ++i) {
             kesArray<kesString> fields;
             lines[i].GetSplit(&fields, "|");
             if (fields.size() == 1)
@@ -777,13 +733,12 @@ kesEError kesEnergyHistorySystem::load_offset_file()
         }
 
     if (kesOsFile::GetFileTextSource(words("", m_strFolder, OFFSET_PULSE), &text) != kesErrorOk)
-        return report(kesErrorFailed, words("Can not read offset file ", m_strFolder, OFFSET_PULSE),
-                      "load_offset_file", __LINE__);
+        return report(kesErrorFailed, words("Can not read offset file ", m_strFolder, OFFSET_PULSE), "load_offset_file",
+                      __LINE__);
 
     lines.clear();
     text.GetSplit(&lines, "\n");
-    for (const kesString& line : lines)
-    {
+    for (const kesString& line : lines) {
         kesArray<kesString> fields;
         line.GetSplit(&fields, "|");
         if (fields.size() != 2)
@@ -808,8 +763,7 @@ kesEError kesEnergyHistorySystem::UpdateAlarmStatusFile(const unsigned int& uid,
     line.SetFormat(256, "%.4i%.2i%.2i%.2i%.2i|%lu|%i\n", now.year, now.month, now.day, now.hour, now.minute,
                    static_cast<unsigned long>(uid), static_cast<int>(status));
     const int written = file.WriteText("%s", line.c_str());
-    if (written != static_cast<int>(line.GetLength()))
-    {
+    if (written != static_cast<int>(line.GetLength())) {
         kesString message = words("Can not write all data to file ", path);
         message.AddFormat(128, " request is %u but written are %i", line.GetLength(), written);
         return report(kesErrorFailed, message, "UpdateAlarmStatusFile", __LINE__);
@@ -824,8 +778,7 @@ kesEError kesEnergyHistorySystem::build_history_files()
     if (!dir)
         return report(kesErrorFailed, words("Can not get folder ", folder), "build_history_files", __LINE__);
     bool first = true;
-    while (struct dirent* entry = readdir(dir))
-    {
+    while (struct dirent* entry = readdir(dir)) {
         if (first)
             std::printf("Name %s\n", entry->d_name);
         else

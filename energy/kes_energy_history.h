@@ -1,23 +1,20 @@
 #ifndef KES_ENERGY_HISTORY_H
 #define KES_ENERGY_HISTORY_H
 
-#include "kes_enerysystem.h"
 #include "kes_energy_history_item.h"
+#include "kes_enerysystem.h"
 #include "kes_error.h"
 #include "kes_osmutex.h"
 #include "kes_string.h"
 #include "kes_time.h"
 #include "kes_timer.h"
 
-namespace kes
-{
-namespace Energy
-{
+namespace kes {
+namespace Energy {
 
 struct kesEnergyHistoryLevel;
 
-class kesEnergyHistorySystem : public kesSingletonInherited<kesEnergyHistorySystem>, public kesTimer
-{
+class kesEnergyHistorySystem : public kesSingletonInherited<kesEnergyHistorySystem>, public kesTimer {
 public:
     kesEnergyHistorySystem();
     virtual ~kesEnergyHistorySystem();
@@ -45,10 +42,7 @@ protected:
     kesEError compute_time(unsigned int* io_msTime);
 
 private:
-    enum
-    {
-        STATE_RUNNING = 1
-    };
+    enum { STATE_RUNNING = 1 };
 
     unsigned int get_time() const;
     void get_date(kesTime::kesDateTime* o_date) const;

@@ -13,13 +13,10 @@
 #include "kes_osfile.h"
 #include "kes_osutility.h"
 
-namespace kes
-{
-namespace Energy
-{
+namespace kes {
+namespace Energy {
 
-namespace
-{
+namespace {
 const char* const TEMPORARY_SUFFIX = ".tmp";
 
 kesEError report(const kesString& i_message, const char* i_function, int i_line)
@@ -67,8 +64,7 @@ kesEError replacement_target(const kesString& i_path, kesString* o_target, struc
     if (!*o_bOld || S_ISREG(o_old->st_mode))
         return kesErrorOk;
     const kesString why = kesOsUtility::NonRegularFile(i_path.c_str());
-    if (why.empty() && S_ISLNK(o_old->st_mode))
-    {
+    if (why.empty() && S_ISLNK(o_old->st_mode)) {
         *o_target = link_target(i_path);
         if (stat(o_target->c_str(), o_old) == 0)
             return kesErrorOk;
@@ -84,8 +80,7 @@ int write_all(int i_fd, const kesString& i_text, size_t* o_written)
 {
     size_t& done = *o_written;
     done = 0;
-    while (done < i_text.size())
-    {
+    while (done < i_text.size()) {
         const ssize_t n = write(i_fd, i_text.data() + done, i_text.size() - done);
         if (n < 0 && errno == EINTR)
             continue;
@@ -114,8 +109,7 @@ kesEError kesEnergyHistoryReplaceFile(const kesString& i_path, const kesString& 
     // FIFO, link or folder stands at the temporary name.
     unlink(temp.c_str());
     const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd < 0)
-    {
+    if (fd < 0) {
         kesString message(i_bNew ? "Can not write file " : "Can not open file ");
         message.append(i_path);
         if (!i_bNew)
@@ -125,8 +119,7 @@ kesEError kesEnergyHistoryReplaceFile(const kesString& i_path, const kesString& 
         message.append(")");
         return report(with_std_error(message, errno), "kesEnergyHistoryReplaceFile", __LINE__);
     }
-    if (hasOld)
-    {
+    if (hasOld) {
         // The owner first, since a change of owner clears the set-user-ID bit.
         // A daemon that is not root may not give a file away: the file then
         // stays its own, and such bits are not handed to it.
@@ -138,8 +131,7 @@ kesEError kesEnergyHistoryReplaceFile(const kesString& i_path, const kesString& 
     if (close(fd) != 0 && failure == 0)
         failure = errno;
 
-    if (written != i_text.size())
-    {
+    if (written != i_text.size()) {
         unlink(temp.c_str());
         kesString message("Can not write all data to file ");
         message.append(i_path);
@@ -147,15 +139,13 @@ kesEError kesEnergyHistoryReplaceFile(const kesString& i_path, const kesString& 
                           static_cast<unsigned int>(written));
         return report(with_std_error(message, failure), "kesEnergyHistoryReplaceFile", __LINE__);
     }
-    if (failure != 0)
-    {
+    if (failure != 0) {
         unlink(temp.c_str());
         kesString message("Can not flush file ");
         message.append(i_path);
         return report(with_std_error(message, failure), "kesEnergyHistoryReplaceFile", __LINE__);
     }
-    if (std::rename(temp.c_str(), target.c_str()) != 0)
-    {
+    if (std::rename(temp.c_str(), target.c_str()) != 0) {
         failure = errno;
         unlink(temp.c_str());
         kesString message("Can not replace file ");
@@ -172,8 +162,7 @@ kesEError kesEnergyHistoryReadFile(const kesString& i_path, kesString* o_text)
     struct stat info;
     if (stat(i_path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0)
         o_text->reserve(static_cast<size_t>(info.st_size) + static_cast<size_t>(info.st_size) / 8 + 65536);
-    if (kesOsFile::GetFileTextSource(i_path, o_text) != kesErrorOk)
-    {
+    if (kesOsFile::GetFileTextSource(i_path, o_text) != kesErrorOk) {
         kesString message("Can not read file data ");
         message.append(i_path);
         return report(message, "kesEnergyHistoryReadFile", __LINE__);
@@ -185,8 +174,7 @@ kesEError kesEnergyHistoryReadFile(const kesString& i_path, kesString* o_text)
 kesEError kesEnergyHistoryRollFile(const kesString& i_path, const kesString& i_dated)
 {
     struct stat info;
-    if (lstat(i_path.c_str(), &info) == 0 && S_ISLNK(info.st_mode))
-    {
+    if (lstat(i_path.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
         kesString text;
         if (kesEnergyHistoryReadFile(i_path, &text) != kesErrorOk)
             return kesErrorFailed;
@@ -207,8 +195,7 @@ void kesEnergyHistoryRemoveTemporaries(const kesString& i_folder, bool (*i_pIsRe
     if (!dir)
         return;
     const size_t suffix = std::strlen(TEMPORARY_SUFFIX);
-    while (struct dirent* entry = readdir(dir))
-    {
+    while (struct dirent* entry = readdir(dir)) {
         // Both "d.tmp" and "d" lead here: the first when "d" is not there yet,
         // the second when "d" is a link.
         kesString name(entry->d_name);
@@ -217,8 +204,7 @@ void kesEnergyHistoryRemoveTemporaries(const kesString& i_folder, bool (*i_pIsRe
         if (!i_pIsReplaced(name))
             continue;
         const kesString path = i_folder + name;
-        for (const kesString& beside : {path, link_target(path)})
-        {
+        for (const kesString& beside : {path, link_target(path)}) {
             const kesString temp = beside + TEMPORARY_SUFFIX;
             struct stat info;
             if (lstat(temp.c_str(), &info) == 0 && unlink(temp.c_str()) == 0)

@@ -4,10 +4,8 @@
 #include "kes_error.h"
 #include "kes_string.h"
 
-namespace kes
-{
-namespace Energy
-{
+namespace kes {
+namespace Energy {
 
 // Replaces the file by the text as a whole: the text goes to a temporary file
 // beside it, is flushed to the disk and renamed over the name, so a crash at

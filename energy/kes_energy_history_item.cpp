@@ -4,16 +4,13 @@
 
 #include "kes_time.h"
 
-namespace kes
-{
-namespace Energy
-{
+namespace kes {
+namespace Energy {
 
 const char* kesEnegyHistoryItem::EMPTY_CHAR = "f";
 unsigned int kesEnegyHistoryItem::MS_TIME = 3600000;
 
-namespace
-{
+namespace {
 const double NO_MINIMUM = 1e308;
 const double NO_MAXIMUM = -1e308;
 const double PULSE_TOLERANCE = 0.01;

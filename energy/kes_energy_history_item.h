@@ -3,13 +3,10 @@
 
 #include "kes_enerysystem.h"
 
-namespace kes
-{
-namespace Energy
-{
+namespace kes {
+namespace Energy {
 
-class kesEnegyHistoryItem
-{
+class kesEnegyHistoryItem {
 public:
     // Stands in the files and on the datagram for a sample that did not arrive.
     static const char* EMPTY_CHAR;
@@ -18,8 +15,7 @@ public:
 };
 
 // What closing an interval hands to the tick.
-struct kesEnegyHistoryFigures
-{
+struct kesEnegyHistoryFigures {
     bool noData;
     double average;
     double minimum;
@@ -27,8 +23,7 @@ struct kesEnegyHistoryFigures
     double last;
 };
 
-class kesEnegyHistoryDouble : public kesEnegyHistoryItem
-{
+class kesEnegyHistoryDouble : public kesEnegyHistoryItem {
 public:
     kesEnegyHistoryDouble(unsigned char i_fid, kesEEnergyDeviceType i_type);
 
@@ -49,8 +44,7 @@ public:
     kesEEnergyDeviceType m_eType;
 };
 
-class kesEnegyHistoryInteger : public kesEnegyHistoryItem
-{
+class kesEnegyHistoryInteger : public kesEnegyHistoryItem {
 public:
     kesEnegyHistoryInteger(unsigned char i_fid, kesEEnergyDeviceType i_type);
 
@@ -65,8 +59,7 @@ public:
     kesEEnergyDeviceType m_eType;
 };
 
-class PulseCounterStorage
-{
+class PulseCounterStorage {
 public:
     PulseCounterStorage();
 

@@ -5,13 +5,10 @@
 
 #include "kes_energy_history_item.h"
 
-namespace kes
-{
-namespace Energy
-{
+namespace kes {
+namespace Energy {
 
-namespace
-{
+namespace {
 const double POWERS_OF_TEN[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
 // Up to 15 digits the mantissa is exact in a double, and so is the power of ten:
 // one correctly rounded division then gives what strtod gives.
@@ -46,8 +43,7 @@ void append_row(kesString* io_text, const kesString& i_uid, const kesString& i_f
 // Only the latest total of the day remains, so the rows are read from the back.
 double energy_last_total(const std::vector<kesEnergyHistoryRowIndex::Rest>& i_rests)
 {
-    for (size_t r = i_rests.size(); r-- > 0;)
-    {
+    for (size_t r = i_rests.size(); r-- > 0;) {
         kesEnergyHistoryPieces pieces(i_rests[r].begin, i_rests[r].end);
         const char* latest = 0;
         const char* latestEnd = 0;
@@ -55,8 +51,7 @@ double energy_last_total(const std::vector<kesEnergyHistoryRowIndex::Rest>& i_re
         const char* end;
         // The totals are the pieces 3, 7, 11 and so on.
         for (size_t i = 0; pieces.Next(&begin, &end); ++i)
-            if (i % 4 == 3 && !is_empty_char(begin, end))
-            {
+            if (i % 4 == 3 && !is_empty_char(begin, end)) {
                 latest = begin;
                 latestEnd = end;
             }
@@ -77,34 +72,29 @@ double energy_sum(const std::vector<kesEnergyHistoryRowIndex::Rest>& i_rests)
 
 // Average of the groups' averages, smallest minimum, largest maximum; a group
 // without a sample counts as 0. False if no group was found.
-bool value_figures(const std::vector<kesEnergyHistoryRowIndex::Rest>& i_rests, double* o_average,
-                   double* o_minimum, double* o_maximum)
+bool value_figures(const std::vector<kesEnergyHistoryRowIndex::Rest>& i_rests, double* o_average, double* o_minimum,
+                   double* o_maximum)
 {
     double sum = 0.0;
     double count = 0.0;
     double minimum = 1e308;
     double maximum = -1e308;
-    for (const kesEnergyHistoryRowIndex::Rest& rest : i_rests)
-    {
+    for (const kesEnergyHistoryRowIndex::Rest& rest : i_rests) {
         kesEnergyHistoryPieces pieces(rest.begin, rest.end);
         const char* group[3][2];
         int taken = 0;
         // Groups of three from the first piece; one cut short by a hand edit
         // is never completed and so never read past.
-        while (pieces.Next(&group[taken][0], &group[taken][1]))
-        {
+        while (pieces.Next(&group[taken][0], &group[taken][1])) {
             if (++taken < 3)
                 continue;
             taken = 0;
-            if (is_empty_char(group[0][0], group[0][1]))
-            {
+            if (is_empty_char(group[0][0], group[0][1])) {
                 if (!(0.0 > minimum))
                     minimum = 0.0;
                 if (!(0.0 < maximum))
                     maximum = 0.0;
-            }
-            else
-            {
+            } else {
                 sum += kesEnergyHistoryAsDouble(group[0][0], group[0][1]);
                 const double low = kesEnergyHistoryAsDouble(group[1][0], group[1][1]);
                 const double high = kesEnergyHistoryAsDouble(group[2][0], group[2][1]);
@@ -128,16 +118,13 @@ double pulse_figure(const std::vector<kesEnergyHistoryRowIndex::Rest>& i_rests, 
                     const kesString& i_uid, const kesEnergyHistoryPulseTotal& i_pulseTotal)
 {
     double figure = 0.0;
-    for (const kesEnergyHistoryRowIndex::Rest& rest : i_rests)
-    {
+    for (const kesEnergyHistoryRowIndex::Rest& rest : i_rests) {
         const char* piece = i_rule == kesEnergyHistoryPulseLastPiece ? last_piece(rest.begin, rest.end) : rest.begin;
-        if (is_empty_char(piece, rest.end))
-        {
+        if (is_empty_char(piece, rest.end)) {
             double total = 0.0;
             if (i_pulseTotal && i_pulseTotal(kesString::AsULong(i_uid, 10), &total))
                 figure = total;
-        }
-        else
+        } else
             figure = kesEnergyHistoryAsDouble(piece, rest.end);
     }
     return figure;
@@ -162,8 +149,7 @@ double kesEnergyHistoryAsDouble(const char* i_begin, const char* i_end)
     // goes the long way, on a copy that ends where the piece ends.
     const bool plain = digits > 0 && digits <= MAX_EXACT_DIGITS &&
                        (s == i_end || (*s != 'e' && *s != 'E' && *s != 'x' && *s != 'X' && *s != 'p' && *s != 'P'));
-    if (!plain)
-    {
+    if (!plain) {
         const std::string piece(i_begin, i_end);
         return std::strtod(piece.c_str(), 0);
     }
@@ -179,11 +165,9 @@ void kesEnergyHistoryEndLines(kesString* io_text)
 
 bool kesEnergyHistoryPieces::Next(const char** o_begin, const char** o_end)
 {
-    while (!m_bDone)
-    {
+    while (!m_bDone) {
         const char* bar = static_cast<const char*>(std::memchr(m_pNext, '|', static_cast<size_t>(m_pEnd - m_pNext)));
-        if (!bar)
-        {
+        if (!bar) {
             *o_begin = m_pNext;
             *o_end = m_pEnd;
             m_bDone = true;
@@ -191,8 +175,7 @@ bool kesEnergyHistoryPieces::Next(const char** o_begin, const char** o_end)
         }
         const char* begin = m_pNext;
         m_pNext = bar + 1;
-        if (bar != begin)
-        {
+        if (bar != begin) {
             *o_begin = begin;
             *o_end = bar;
             return true;
@@ -208,20 +191,16 @@ kesEnergyHistoryRowIndex::kesEnergyHistoryRowIndex(const kesString& i_source) : 
     const unsigned int NONE = 0xFFFFFFFFu;
     size_t pos = 0;
     unsigned int lineNo = 0;
-    while (pos < size)
-    {
+    while (pos < size) {
         const char* lf = static_cast<const char*>(std::memchr(text + pos, '\n', size - pos));
         const size_t end = lf ? static_cast<size_t>(lf - text) : size;
-        if (lineNo > 0)
-        {
+        if (lineNo > 0) {
             const char* bar = static_cast<const char*>(std::memchr(text + pos, '|', end - pos));
-            if (bar)
-            {
+            if (bar) {
                 std::string_view key(text + pos, static_cast<size_t>(bar - (text + pos)));
                 auto inserted = m_chains.emplace(key, Chain{NONE, NONE, NONE});
                 Chain& chain = inserted.first->second;
-                if (inserted.second || chain.lastLine + 1 != lineNo)
-                {
+                if (inserted.second || chain.lastLine + 1 != lineNo) {
                     // Without a line feed behind it the rest of the row reads empty.
                     const unsigned int restBegin = static_cast<unsigned int>(bar + 1 - text);
                     const unsigned int restEnd = lf ? static_cast<unsigned int>(end) : restBegin;
@@ -249,8 +228,7 @@ void kesEnergyHistoryRowIndex::Find(const kesString& i_uid, std::vector<Rest>* o
         return;
     const char* text = m_source.data();
     static const char EMPTY[] = "";
-    for (unsigned int i = found->second.head; i != 0xFFFFFFFFu; i = m_lines[i].next)
-    {
+    for (unsigned int i = found->second.head; i != 0xFFFFFFFFu; i = m_lines[i].next) {
         // An empty rest must not let a number parse run on into the text behind it.
         if (m_lines[i].begin == m_lines[i].end)
             o_rests->push_back(Rest{EMPTY, EMPTY});
@@ -263,11 +241,9 @@ void kesEnergyHistoryMergeDay(kesString* io_text, const kesString& i_header, con
 {
     kesEnergyHistoryEndLines(io_text);
     const size_t header = io_text->find(i_header);
-    if (header == std::string::npos)
-    {
+    if (header == std::string::npos) {
         io_text->append(i_header);
-        for (const kesString& row : i_rows)
-        {
+        for (const kesString& row : i_rows) {
             io_text->append(row);
             io_text->push_back('\n');
         }
@@ -286,8 +262,7 @@ void kesEnergyHistoryMergeDay(kesString* io_text, const kesString& i_header, con
     size_t line = blockStart;
     size_t r = 0;
     // Rows extend the block's lines in order; a header or the end of the text ends the block.
-    for (; r < i_rows.size(); ++r)
-    {
+    for (; r < i_rows.size(); ++r) {
         const size_t lf = line < text.size() && is_digit(text[line]) ? text.find('\n', line) : std::string::npos;
         if (lf == std::string::npos)
             break;
@@ -298,8 +273,7 @@ void kesEnergyHistoryMergeDay(kesString* io_text, const kesString& i_header, con
         block.push_back('\n');
         line = lf + 1;
     }
-    for (; r < i_rows.size(); ++r)
-    {
+    for (; r < i_rows.size(); ++r) {
         block.append(i_rows[r]);
         block.push_back('\n');
     }
@@ -313,16 +287,14 @@ void kesEnergyHistoryAppendRows(kesString* io_text, const kesEnergyHistoryRowInd
 {
     std::vector<kesEnergyHistoryRowIndex::Rest> rests;
 
-    for (const kesString& uid : i_energyUids)
-    {
+    for (const kesString& uid : i_energyUids) {
         i_source.Find(uid, &rests);
-        const double energy = i_rules.energy == kesEnergyHistoryEnergyLastTotal ? energy_last_total(rests)
-                                                                                  : energy_sum(rests);
+        const double energy =
+            i_rules.energy == kesEnergyHistoryEnergyLastTotal ? energy_last_total(rests) : energy_sum(rests);
         append_row(io_text, uid, kesString::FromDouble(energy, i_rules.energyPrecision));
     }
 
-    for (const kesString& uid : i_valueUids)
-    {
+    for (const kesString& uid : i_valueUids) {
         i_source.Find(uid, &rests);
         double average = 0.0;
         double minimum = 0.0;
@@ -337,8 +309,7 @@ void kesEnergyHistoryAppendRows(kesString* io_text, const kesEnergyHistoryRowInd
         append_row(io_text, uid, fields);
     }
 
-    for (const kesString& uid : i_pulseUids)
-    {
+    for (const kesString& uid : i_pulseUids) {
         i_source.Find(uid, &rests);
         append_row(io_text, uid, kesString::FromDouble(pulse_figure(rests, i_rules.pulse, uid, i_pulseTotal), 1));
     }

@@ -12,10 +12,8 @@
 
 #include "kes_string.h"
 
-namespace kes
-{
-namespace Energy
-{
+namespace kes {
+namespace Energy {
 
 // strtod of the piece [i_begin, i_end) alone, with an exact shortcut for the
 // plain decimals of the files. strtod skips white space, line feeds included,
@@ -28,8 +26,7 @@ void kesEnergyHistoryEndLines(kesString* io_text);
 
 // Walks the pieces of one line split at "|", as kesString::GetSplit cuts them:
 // empty pieces are dropped, except the one behind the last bar.
-class kesEnergyHistoryPieces
-{
+class kesEnergyHistoryPieces {
 public:
     kesEnergyHistoryPieces(const char* i_begin, const char* i_end) : m_pNext(i_begin), m_pEnd(i_end), m_bDone(false) {}
 
@@ -46,11 +43,9 @@ private:
 // feed, the UID and "|" from the end of the previous row found would find it:
 // in file order, never on the first line, and never on the line right behind a
 // row of the same UID, whose line feed that search has already passed.
-class kesEnergyHistoryRowIndex
-{
+class kesEnergyHistoryRowIndex {
 public:
-    struct Rest
-    {
+    struct Rest {
         const char* begin;
         const char* end;
     };
@@ -61,14 +56,12 @@ public:
     void Find(const kesString& i_uid, std::vector<Rest>* o_rests) const;
 
 private:
-    struct Line
-    {
+    struct Line {
         unsigned int begin;
         unsigned int end;
         unsigned int next;
     };
-    struct Chain
-    {
+    struct Chain {
         unsigned int head;
         unsigned int tail;
         unsigned int lastLine;
@@ -85,20 +78,17 @@ private:
 // never extended.
 void kesEnergyHistoryMergeDay(kesString* io_text, const kesString& i_header, const kesArray<kesString>& i_rows);
 
-enum kesEEnergyHistoryEnergyRule
-{
+enum kesEEnergyHistoryEnergyRule {
     kesEnergyHistoryEnergyLastTotal, // latest group total of the day file rows
     kesEnergyHistoryEnergySum        // sum of the figures of the rows below
 };
 
-enum kesEEnergyHistoryPulseRule
-{
+enum kesEEnergyHistoryPulseRule {
     kesEnergyHistoryPulseLastPiece, // last piece of the latest row
     kesEnergyHistoryPulseWholeRest  // the latest row's rest taken whole
 };
 
-struct kesEnergyHistoryRules
-{
+struct kesEnergyHistoryRules {
     kesEEnergyHistoryEnergyRule energy;
     int energyPrecision;
     kesEEnergyHistoryPulseRule pulse;

@@ -72,8 +72,7 @@ kesEError read_string_four(kesEnergySystem& io_system, unsigned short i_usAddres
 {
     kesEnergyStringFourData& r = o_reading.stringFour;
     r.address = i_usAddress;
-    return io_system.ReadStringFourVoltAmpere(i_usAddress, &r.voltage, &r.ampere1, &r.ampere2, &r.ampere3,
-                                              &r.ampere4);
+    return io_system.ReadStringFourVoltAmpere(i_usAddress, &r.voltage, &r.ampere1, &r.ampere2, &r.ampere3, &r.ampere4);
 }
 
 kesEError read_alarm(kesEnergySystem& io_system, unsigned short i_usAddress, kesReading& o_reading)
@@ -103,8 +102,8 @@ kesEError read_pulse_five(kesEnergySystem& io_system, unsigned short i_usAddress
     r.address = i_usAddress;
     // The record has no place for the second count of each channel.
     return io_system.ReadPulseCounterFiveData(i_usAddress, &r.count1, &r.period1, nullptr, &r.count2, &r.period2,
-                                              nullptr, &r.count3, &r.period3, nullptr, &r.count4, &r.period4,
-                                              nullptr, &r.count5, &r.period5, nullptr);
+                                              nullptr, &r.count3, &r.period3, nullptr, &r.count4, &r.period4, nullptr,
+                                              &r.count5, &r.period5, nullptr);
 }
 
 struct kesCycleStep {
@@ -134,8 +133,8 @@ static_assert(sizeof(CYCLE) / sizeof(CYCLE[0]) == kesEnergyLine::ListCount, "eve
 } // namespace
 
 kesEnergyLine::kesEnergyLine(const unsigned short& i_usId)
-    : m_uiStatus(0), m_pThread(nullptr), m_usUniqueID(i_usId), m_usPort(0), m_uiReceiveTimeOut(0),
-      m_uiAnswerPause(0), m_uiFailurePause(0), m_bExitWanted(false)
+    : m_uiStatus(0), m_pThread(nullptr), m_usUniqueID(i_usId), m_usPort(0), m_uiReceiveTimeOut(0), m_uiAnswerPause(0),
+      m_uiFailurePause(0), m_bExitWanted(false)
 {
 }
 
@@ -208,8 +207,8 @@ kesEError kesEnergyLine::Start(unsigned int i_uiReceiveTimeOut, unsigned int i_u
         m_uiReceiveTimeOut = i_uiReceiveTimeOut;
         m_uiAnswerPause = i_uiAnswerPause;
         m_uiFailurePause = i_uiFailurePause;
-        if (m_oSystem.OpenCommunication(m_sAddress, m_usPort, m_uiReceiveTimeOut, m_uiAnswerPause,
-                                        m_uiFailurePause) != kesErrorOk)
+        if (m_oSystem.OpenCommunication(m_sAddress, m_usPort, m_uiReceiveTimeOut, m_uiAnswerPause, m_uiFailurePause) !=
+            kesErrorOk)
             return kesErrorLog(
                 kesBuildErrorLocation(kesErrorFailed, line_text("Can not start line "), __FILE__, __func__, __LINE__));
     }
@@ -270,8 +269,8 @@ kesEError kesEnergyLine::start_threads()
     term_threads();
     m_pThread = new (std::nothrow) kesOsThread(&kesEnergyLine::thread_proc, this, false);
     if (!m_pThread)
-        return kesErrorLog(kesBuildErrorLocation(kesErrorOutOfMemory, "Can no create thread", __FILE__, __func__,
-                                                 __LINE__));
+        return kesErrorLog(
+            kesBuildErrorLocation(kesErrorOutOfMemory, "Can no create thread", __FILE__, __func__, __LINE__));
     if (!m_pThread->Start(THREAD_STACK)) {
         delete m_pThread;
         m_pThread = nullptr;
@@ -334,8 +333,8 @@ void kesEnergyLine::read_device(unsigned int i_uiStep, unsigned short i_usAddres
         reading.alarm.status = m_mAlarmStatus[i_usAddress];
 
     if (!step.read) {
-        kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "Device Ambient still not supported", __FILE__,
-                                          "thread_proc", __LINE__));
+        kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "Device Ambient still not supported", __FILE__, "thread_proc",
+                                          __LINE__));
         return;
     }
 
@@ -367,8 +366,8 @@ void kesEnergyLine::thread_proc(kesOsThread* io_pThread, void* io_pLine)
             return;
         if (line->Reset() != kesErrorOk) {
             // Reset has slept before it failed: this is no busy loop.
-            kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "Can no reset communication", __FILE__, __func__,
-                                              __LINE__));
+            kesErrorLog(
+                kesBuildErrorLocation(kesErrorFailed, "Can no reset communication", __FILE__, __func__, __LINE__));
             continue;
         }
         bool lost = false;

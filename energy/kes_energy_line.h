@@ -78,7 +78,6 @@ private:
     static int list_of_type(int i_iType);
     kesString line_text(const char* i_szWhat) const;
 
-
     kesEnergySystem m_oSystem;
     unsigned int m_uiStatus;
     kesOsThread* m_pThread;

@@ -56,21 +56,55 @@ void report(Engine& io_engine)
     io_engine.GetDeviceInfo(&device, &text);
 }
 
-#define KES_TEXTS(WORD)                                                                          \
-    [](Engine& e) { kesString t; e.Read##WORD##Model(ADDRESS, &t); },                            \
-    [](Engine& e) { kesString t; e.Read##WORD##Serial(ADDRESS, &t); },                           \
-    [](Engine& e) { kesString t; e.Read##WORD##TestDate(ADDRESS, &t); }
+#define KES_TEXTS(WORD)                          \
+    [](Engine& e) {                              \
+        kesString t;                             \
+        e.Read##WORD##Model(ADDRESS, &t);        \
+    },                                           \
+        [](Engine& e) {                          \
+            kesString t;                         \
+            e.Read##WORD##Serial(ADDRESS, &t);   \
+        },                                       \
+        [](Engine& e) {                          \
+            kesString t;                         \
+            e.Read##WORD##TestDate(ADDRESS, &t); \
+        }
 
 const Operation OPERATIONS[] = {
     // the ten measurement reads
-    [](Engine& e) { float v, t; e.ReadPanelVoltTemp(ADDRESS, &v, &t); },
-    [](Engine& e) { float v, a; e.ReadStringVoltAmpere(ADDRESS, &v, &a); },
-    [](Engine& e) { float v, a; e.ReadStringOneVoltAmpere(ADDRESS, &v, &a); },
-    [](Engine& e) { float v, a[2]; e.ReadStringTwoVoltAmpere(ADDRESS, &v, &a[0], &a[1]); },
-    [](Engine& e) { float v, a[3]; e.ReadStringThreeVoltAmpere(ADDRESS, &v, &a[0], &a[1], &a[2]); },
-    [](Engine& e) { float v, a[4]; e.ReadStringFourVoltAmpere(ADDRESS, &v, &a[0], &a[1], &a[2], &a[3]); },
-    [](Engine& e) { float v, a; e.ReadAlarmVoltAmpere(ADDRESS, &v, &a); },
-    [](Engine& e) { unsigned int c; unsigned short p; e.ReadPulseCounterData(ADDRESS, &c, &p); },
+    [](Engine& e) {
+        float v, t;
+        e.ReadPanelVoltTemp(ADDRESS, &v, &t);
+    },
+    [](Engine& e) {
+        float v, a;
+        e.ReadStringVoltAmpere(ADDRESS, &v, &a);
+    },
+    [](Engine& e) {
+        float v, a;
+        e.ReadStringOneVoltAmpere(ADDRESS, &v, &a);
+    },
+    [](Engine& e) {
+        float v, a[2];
+        e.ReadStringTwoVoltAmpere(ADDRESS, &v, &a[0], &a[1]);
+    },
+    [](Engine& e) {
+        float v, a[3];
+        e.ReadStringThreeVoltAmpere(ADDRESS, &v, &a[0], &a[1], &a[2]);
+    },
+    [](Engine& e) {
+        float v, a[4];
+        e.ReadStringFourVoltAmpere(ADDRESS, &v, &a[0], &a[1], &a[2], &a[3]);
+    },
+    [](Engine& e) {
+        float v, a;
+        e.ReadAlarmVoltAmpere(ADDRESS, &v, &a);
+    },
+    [](Engine& e) {
+        unsigned int c;
+        unsigned short p;
+        e.ReadPulseCounterData(ADDRESS, &c, &p);
+    },
     [](Engine& e) {
         unsigned int c[2];
         unsigned short p[2];
@@ -79,20 +113,32 @@ const Operation OPERATIONS[] = {
     [](Engine& e) {
         unsigned int c[5], s[5];
         unsigned short p[5];
-        e.ReadPulseCounterFiveData(ADDRESS, &c[0], &p[0], &s[0], &c[1], &p[1], &s[1], &c[2], &p[2], &s[2], &c[3],
-                                   &p[3], &s[3], &c[4], &p[4], &s[4]);
+        e.ReadPulseCounterFiveData(ADDRESS, &c[0], &p[0], &s[0], &c[1], &p[1], &s[1], &c[2], &p[2], &s[2], &c[3], &p[3],
+                                   &s[3], &c[4], &p[4], &s[4]);
     },
     // identity texts of every type, and the data sheet of a panel
-    KES_TEXTS(Panel), KES_TEXTS(String), KES_TEXTS(StringOne), KES_TEXTS(StringTwo), KES_TEXTS(StringThree),
-    KES_TEXTS(StringFour), KES_TEXTS(Ambient), KES_TEXTS(Alarm), KES_TEXTS(PulseCounter),
-    KES_TEXTS(PulseCounterTwo), KES_TEXTS(PulseCounterFive),
+    KES_TEXTS(Panel),
+    KES_TEXTS(String),
+    KES_TEXTS(StringOne),
+    KES_TEXTS(StringTwo),
+    KES_TEXTS(StringThree),
+    KES_TEXTS(StringFour),
+    KES_TEXTS(Ambient),
+    KES_TEXTS(Alarm),
+    KES_TEXTS(PulseCounter),
+    KES_TEXTS(PulseCounterTwo),
+    KES_TEXTS(PulseCounterFive),
     [](Engine& e) {
         float f[6];
         unsigned int n[2];
         e.ReadPanelFlash(ADDRESS, &f[0], &f[1], &f[2], &f[3], &f[4], &f[5], &n[0], &n[1]);
     },
     // alarm device
-    [](Engine& e) { unsigned char c, s; unsigned short p; e.ReadAlarmStatus(ADDRESS, &c, &s, &p); },
+    [](Engine& e) {
+        unsigned char c, s;
+        unsigned short p;
+        e.ReadAlarmStatus(ADDRESS, &c, &s, &p);
+    },
     [](Engine& e) { e.SetupAlarmTuning(ADDRESS, 1, 2, 3); },
     [](Engine& e) {
         unsigned char c, s;
@@ -114,12 +160,33 @@ const Operation OPERATIONS[] = {
     // discovery, one search exchange and the whole searches
     [](Engine& e) { e.Search(false); },
     [](Engine& e) { e.Search(true); },
-    [](Engine& e) { kesEnergyDevice d; e.FindDeviceBySerial(SERIAL, &d); },
-    [](Engine& e) { kes::kesArray<kesEnergyDevice> d; e.FindAllDevices(&d); },
-    [](Engine& e) { kes::kesArray<kesEnergyDevice> d; e.old_find_all_devices(&d, 3, 50); },
-    [](Engine& e) { kes::kesArray<kesEnergyDevice> d; e.find_all_devices_10000(&d, 110); },
+    [](Engine& e) {
+        kesEnergyDevice d;
+        e.FindDeviceBySerial(SERIAL, &d);
+    },
+    [](Engine& e) {
+        kes::kesArray<kesEnergyDevice> d;
+        e.FindAllDevices(&d);
+    },
+    [](Engine& e) {
+        kes::kesArray<kesEnergyDevice> d;
+        e.old_find_all_devices(&d, 3, 50);
+    },
+    [](Engine& e) {
+        kes::kesArray<kesEnergyDevice> d;
+        e.find_all_devices_10000(&d, 110);
+    },
     // the device report of every type
-    report<1>, report<2>, report<3>, report<4>, report<5>, report<6>, report<7>, report<8>, report<9>, report<10>,
+    report<1>,
+    report<2>,
+    report<3>,
+    report<4>,
+    report<5>,
+    report<6>,
+    report<7>,
+    report<8>,
+    report<9>,
+    report<10>,
     report<11>,
 };
 

@@ -43,7 +43,8 @@ public:
 };
 
 template <typename T>
-class kesList : public std::list<T> {};
+class kesList : public std::list<T> {
+};
 
 template <typename T>
 class kesSingletonInherited {

@@ -8,11 +8,9 @@
 #include <new>
 #include <vector>
 
-namespace kes
-{
+namespace kes {
 
-namespace
-{
+namespace {
 
 const char* const SERIAL_MARK = "/dev/ttyUSB";
 const unsigned int RECV_LESS_TIMEOUT_PAUSE_MS = 30;
@@ -50,8 +48,7 @@ kesEError kesEnergySocket::Open(const kesString& i_address, unsigned short i_por
     m_pSerialCom = nullptr;
     m_bSerial = false;
 
-    if (i_address.Find(SERIAL_MARK, 0, true, false) != kesString::npos)
-    {
+    if (i_address.Find(SERIAL_MARK, 0, true, false) != kesString::npos) {
         m_bSerial = true;
         m_pSerialCom = new (std::nothrow) kesOsSerialCom(false);
         if (m_pSerialCom == nullptr)
@@ -105,8 +102,7 @@ bool kesEnergySocket::SetReceiveTimeOut(const unsigned int& i_milliseconds)
 {
     if (m_pTcpSocket != nullptr)
         return m_pTcpSocket->SetReceiveTimeOut(i_milliseconds);
-    if (m_pSerialCom != nullptr)
-    {
+    if (m_pSerialCom != nullptr) {
         m_uReceiveTimeOut = i_milliseconds;
         return true;
     }
@@ -131,8 +127,7 @@ void kesEnergySocket::close_after_failure(int i_result, const char* i_function)
 
 int kesEnergySocket::Send(const void* i_pData, unsigned int i_size)
 {
-    if (m_pTcpSocket != nullptr)
-    {
+    if (m_pTcpSocket != nullptr) {
         int result = m_pTcpSocket->Send(i_pData, i_size);
         close_after_failure(result, "Send");
         return result;
@@ -144,8 +139,7 @@ int kesEnergySocket::Send(const void* i_pData, unsigned int i_size)
 
 int kesEnergySocket::send_serial(const unsigned char* i_pData, unsigned int i_size)
 {
-    if (i_size > ECHO_BUFFER_SIZE || (i_pData == nullptr && i_size != 0))
-    {
+    if (i_size > ECHO_BUFFER_SIZE || (i_pData == nullptr && i_size != 0)) {
         kesString message;
         message.SetFormat(64, "Frame of %u bytes refused", i_size);
         report(kesErrorInvalidArgument, message, "Send", __LINE__);
@@ -156,8 +150,7 @@ int kesEnergySocket::send_serial(const unsigned char* i_pData, unsigned int i_si
 
     int sent = m_pSerialCom->Send(i_pData, i_size);
     close_after_failure(sent, "Send");
-    if (sent != (int)i_size)
-    {
+    if (sent != (int)i_size) {
         kesString message;
         message.SetFormat(64, "Can not send all data -> [%i] <- [%i]", (int)i_size, sent);
         report(kesErrorFailed, message, "Send", __LINE__);
@@ -166,8 +159,7 @@ int kesEnergySocket::send_serial(const unsigned char* i_pData, unsigned int i_si
     // missing echo bytes compare as zeros, not as the echo of an earlier frame
     memset(m_aEcho, 0, i_size);
     int echoed = m_pSerialCom->Receive(m_aEcho, i_size, SERIAL_PAUSE_MS, m_uReceiveTimeOut);
-    if (echoed == -1 || echoed == -3)
-    {
+    if (echoed == -1 || echoed == -3) {
         close_after_failure(echoed, "Send");
         return echoed;
     }
@@ -175,8 +167,7 @@ int kesEnergySocket::send_serial(const unsigned char* i_pData, unsigned int i_si
         return echoed;
 
     kesString columns;
-    for (unsigned int i = 0; i < i_size; ++i)
-    {
+    for (unsigned int i = 0; i < i_size; ++i) {
         kesString line;
         line.SetFormat(64, "[0x%.2X][0x%.2X]\n", i_pData[i], m_aEcho[i]);
         columns.append(line);
@@ -189,14 +180,12 @@ int kesEnergySocket::Receive(void* o_pData, unsigned int i_size, int* o_pReceive
 {
     if (o_pReceived != nullptr)
         *o_pReceived = 0;
-    if (m_pTcpSocket != nullptr)
-    {
+    if (m_pTcpSocket != nullptr) {
         int result = m_pTcpSocket->Receive(o_pData, i_size, o_pReceived);
         close_after_failure(result, "Receive");
         return result;
     }
-    if (m_pSerialCom != nullptr)
-    {
+    if (m_pSerialCom != nullptr) {
         int result = m_pSerialCom->Receive(o_pData, i_size, SERIAL_PAUSE_MS, m_uReceiveTimeOut);
         close_after_failure(result, "Receive");
         if (o_pReceived != nullptr)
@@ -223,13 +212,11 @@ int kesEnergySocket::Discard(unsigned int i_milliseconds)
     unsigned char dropped[ECHO_BUFFER_SIZE];
     unsigned int start = kesTime::GetSteadyTime();
     int count = 0;
-    while (count < (int)FLUSH_MAX_BYTES)
-    {
+    while (count < (int)FLUSH_MAX_BYTES) {
         unsigned int spent = kesTime::GetSteadyTime() - start;
         unsigned int left = spent < i_milliseconds ? i_milliseconds - spent : 0;
         int got = receive_available(dropped, sizeof(dropped), left);
-        if (got == -1 || got == -3)
-        {
+        if (got == -1 || got == -3) {
             close_after_failure(got, "Discard");
             return got;
         }
@@ -260,8 +247,7 @@ kesEError __RECV_LESS_BYTE__(kesEnergySocket* io_pSocket, unsigned char* o_pData
     if (io_pSocket == nullptr || o_pData == nullptr || io_pFrame == nullptr || i_size < 4)
         return report(kesErrorInvalidArgument, "pSocket, pData or pFrame == 0 or size < 4", "__RECV_LESS_BYTE__",
                       __LINE__);
-    if (io_pSocket->Receive(o_pData, i_size - 4u, nullptr) == -2)
-    {
+    if (io_pSocket->Receive(o_pData, i_size - 4u, nullptr) == -2) {
         kesOsThread::SleepMs(RECV_LESS_TIMEOUT_PAUSE_MS);
         return report(kesErrorFailed, "Timeout response not received...\n", "__RECV_LESS_BYTE__", __LINE__);
     }
@@ -280,8 +266,7 @@ kesEError __FLUSH_DATA_SOCKET__(kesEnergySocket* io_pSocket, unsigned int i_mill
         i_milliseconds = 1;
     unsigned int saved = io_pSocket->GetReceiveTimeOut();
     io_pSocket->SetReceiveTimeOut(i_milliseconds);
-    for (unsigned int dropped = 0; dropped < FLUSH_MAX_BYTES; ++dropped)
-    {
+    for (unsigned int dropped = 0; dropped < FLUSH_MAX_BYTES; ++dropped) {
         unsigned char byte = 0;
         if (io_pSocket->Receive(&byte, 1, nullptr) != 1)
             break;

@@ -6,16 +6,14 @@
 #include "kes_ostcpsocket.h"
 #include "kes_string.h"
 
-namespace kes
-{
+namespace kes {
 
 // The byte channel of one bus: a TCP gateway, or a USB serial adapter when
 // the address holds "/dev/ttyUSB" (any case, anywhere). On serial every frame
 // comes back as an echo, which Send reads and checks before it returns.
 // Results: a byte count, -1 failure or no handle, -2 time-out (TCP only),
 // -3 peer closed. -1 and -3 close the channel so that its owner reconnects.
-class kesEnergySocket
-{
+class kesEnergySocket {
 public:
     // The longest Modbus RTU frame: 255 data bytes and 9 around them.
     static constexpr unsigned int ECHO_BUFFER_SIZE = 264;

@@ -43,18 +43,19 @@ namespace {
 
 constexpr kesRegisterField PANEL_FIELDS[] = {{0, kesRegisterScaled, 0.01f}, {1, kesRegisterScaled, 0.1f}};
 
-constexpr kesRegisterField STRING_FIELDS[] = {{0, kesRegisterScaled, 0.1f}, {1, kesRegisterScaled, 0.01f},
-                                          {2, kesRegisterScaled, 0.01f}, {3, kesRegisterScaled, 0.01f},
-                                          {4, kesRegisterScaled, 0.01f}};
+constexpr kesRegisterField STRING_FIELDS[] = {{0, kesRegisterScaled, 0.1f},
+                                              {1, kesRegisterScaled, 0.01f},
+                                              {2, kesRegisterScaled, 0.01f},
+                                              {3, kesRegisterScaled, 0.01f},
+                                              {4, kesRegisterScaled, 0.01f}};
 
 constexpr kesRegisterField PULSE_FIELDS[] = {
     {0, kesRegisterLong, 0}, {2, kesRegisterWord, 0}, {3, kesRegisterLong, 0}, {5, kesRegisterWord, 0}};
 
 constexpr kesRegisterField PULSE_FIVE_FIELDS[] = {
-    {0, kesRegisterLong, 0},  {2, kesRegisterWord, 0},  {3, kesRegisterLong, 0},
-    {5, kesRegisterLong, 0},  {7, kesRegisterWord, 0},  {8, kesRegisterLong, 0},
-    {10, kesRegisterLong, 0}, {12, kesRegisterWord, 0}, {13, kesRegisterLong, 0},
-    {15, kesRegisterLong, 0}, {17, kesRegisterWord, 0}, {18, kesRegisterLong, 0},
+    {0, kesRegisterLong, 0},  {2, kesRegisterWord, 0},  {3, kesRegisterLong, 0},  {5, kesRegisterLong, 0},
+    {7, kesRegisterWord, 0},  {8, kesRegisterLong, 0},  {10, kesRegisterLong, 0}, {12, kesRegisterWord, 0},
+    {13, kesRegisterLong, 0}, {15, kesRegisterLong, 0}, {17, kesRegisterWord, 0}, {18, kesRegisterLong, 0},
     {20, kesRegisterLong, 0}, {22, kesRegisterWord, 0}, {23, kesRegisterLong, 0}};
 
 const char* const VOLT_TEMP_FAILURE = "Can not get Voltage and temperature at address:";
@@ -77,18 +78,17 @@ constexpr bool fields_fit(const kesRegisterField* i_pFields, unsigned int i_uiCo
 
 } // namespace
 
-#define KES_MEASUREMENT_READ(name, unit, registers, reply, data, fields, count, failure)        \
-    static_assert(is_consistent(registers, reply, data), "reply shape of " #name);             \
-    static_assert(count <= sizeof(fields) / sizeof(fields[0]), "fields of " #name);            \
-    static_assert(fields_fit(fields, count, registers), "registers of " #name);                \
+#define KES_MEASUREMENT_READ(name, unit, registers, reply, data, fields, count, failure) \
+    static_assert(is_consistent(registers, reply, data), "reply shape of " #name);       \
+    static_assert(count <= sizeof(fields) / sizeof(fields[0]), "fields of " #name);      \
+    static_assert(fields_fit(fields, count, registers), "registers of " #name);          \
     const kesMeasurementRead name = {unit, 0, registers, reply, data, fields, count, failure}
 
 KES_MEASUREMENT_READ(PANEL_READ, kesEnergyDevicePanel, 2, 9, 4, PANEL_FIELDS, 2, VOLT_TEMP_FAILURE);
 KES_MEASUREMENT_READ(STRING_READ, kesEnergyDeviceString, 2, 9, 4, STRING_FIELDS, 2, VOLT_AMPERE_FAILURE);
 KES_MEASUREMENT_READ(STRING_ONE_READ, kesEnergyDeviceStringOne, 2, 9, 4, STRING_FIELDS, 2, VOLT_AMPERE_FAILURE);
 KES_MEASUREMENT_READ(STRING_TWO_READ, kesEnergyDeviceStringTwo, 3, 11, 6, STRING_FIELDS, 3, VOLT_AMPERE_FAILURE);
-KES_MEASUREMENT_READ(STRING_THREE_READ, kesEnergyDeviceStringThree, 4, 13, 8, STRING_FIELDS, 4,
-                     VOLT_AMPERE_FAILURE);
+KES_MEASUREMENT_READ(STRING_THREE_READ, kesEnergyDeviceStringThree, 4, 13, 8, STRING_FIELDS, 4, VOLT_AMPERE_FAILURE);
 KES_MEASUREMENT_READ(STRING_FOUR_READ, kesEnergyDeviceStringFour, 5, 15, 10, STRING_FIELDS, 5, VOLT_AMPERE_FAILURE);
 KES_MEASUREMENT_READ(ALARM_READ, kesEnergyDeviceAlarm, 2, 9, 4, STRING_FIELDS, 2, VOLT_AMPERE_FAILURE);
 KES_MEASUREMENT_READ(PULSE_READ, kesEnergyDevicePulseCounter, 3, 11, 6, PULSE_FIELDS, 2, PULSE_FAILURE);
@@ -160,8 +160,8 @@ kesEnergySystem::kesEnergySystem()
 kesEnergySystem::~kesEnergySystem()
 {
     if (CloseCommunication() != kesErrorOk)
-        kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "Can not close the communication", __FILE__, __func__,
-                                          __LINE__));
+        kesErrorLog(
+            kesBuildErrorLocation(kesErrorFailed, "Can not close the communication", __FILE__, __func__, __LINE__));
 }
 
 void kesEnergySystem::OnDeviceFound(const kesEnergyDevice*)
@@ -177,11 +177,11 @@ kesEError kesEnergySystem::OpenCommunication(const kesString& i_sAddress, unsign
                                              unsigned int i_uiFailurePause)
 {
     if (CloseCommunication() != kesErrorOk)
-        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "Can not close the communication", __FILE__,
-                                                 __func__, __LINE__));
+        return kesErrorLog(
+            kesBuildErrorLocation(kesErrorFailed, "Can not close the communication", __FILE__, __func__, __LINE__));
     if (m_oSocket.Open(i_sAddress, i_usPort) != kesErrorOk)
-        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "Can not open the communication", __FILE__,
-                                                 __func__, __LINE__));
+        return kesErrorLog(
+            kesBuildErrorLocation(kesErrorFailed, "Can not open the communication", __FILE__, __func__, __LINE__));
     m_uiReceiveTimeOut = i_uiReceiveTimeOut < MIN_RECEIVE_TIMEOUT ? MIN_RECEIVE_TIMEOUT : i_uiReceiveTimeOut;
     m_uiAnswerPause = i_uiAnswerPause < MIN_ANSWER_PAUSE ? MIN_ANSWER_PAUSE : i_uiAnswerPause;
     m_uiFailurePause = i_uiFailurePause < MIN_FAILURE_PAUSE ? MIN_FAILURE_PAUSE : i_uiFailurePause;
@@ -190,16 +190,16 @@ kesEError kesEnergySystem::OpenCommunication(const kesString& i_sAddress, unsign
     m_uiStrayAt = kesTime::GetSteadyTime() - LATE_REPLY_WINDOW_MS;
     m_uiQuickest = ~0u;
     if (!m_oSocket.SetReceiveTimeOut(m_uiReceiveTimeOut))
-        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "Can not set receive timeout", __FILE__, __func__,
-                                                 __LINE__));
+        return kesErrorLog(
+            kesBuildErrorLocation(kesErrorFailed, "Can not set receive timeout", __FILE__, __func__, __LINE__));
     return kesErrorOk;
 }
 
 kesEError kesEnergySystem::CloseCommunication()
 {
     if (m_oSocket.Close() != kesErrorOk)
-        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "Can not close the communication", __FILE__,
-                                                 __func__, __LINE__));
+        return kesErrorLog(
+            kesBuildErrorLocation(kesErrorFailed, "Can not close the communication", __FILE__, __func__, __LINE__));
     return kesErrorOk;
 }
 
@@ -210,9 +210,9 @@ bool kesEnergySystem::IsConnected() const
 
 kesString kesEnergySystem::DeviceTypeToTypeName(kesEEnergyDeviceType i_eType)
 {
-    static const char* const NAMES[] = {"Panel",           "String",           "Alarm",     "Ambient",
-                                        "PulseCounter",    "StringTwo",        "StringFour", "PulseCounterTwo",
-                                        "PulseCounterFive", "StringOne",       "StringThree"};
+    static const char* const NAMES[] = {
+        "Panel",           "String",           "Alarm",     "Ambient",    "PulseCounter", "StringTwo", "StringFour",
+        "PulseCounterTwo", "PulseCounterFive", "StringOne", "StringThree"};
     if (i_eType >= kesEnergyDevicePanel && i_eType <= kesEnergyDeviceStringThree)
         return kesString(NAMES[i_eType - 1]);
     return with_unknown(i_eType);
@@ -287,15 +287,14 @@ const char* kesEnergySystem::untied(unsigned int i_uiSentAt, unsigned int i_uiAr
 }
 
 kesEError kesEnergySystem::exchange(kesEnergySocket* io_pChannel, kesIModbusRtuFrame* i_pRequest, bool i_bCheckSend,
-                                    unsigned short i_usAddress, unsigned int i_uiReplyLength,
-                                    unsigned int i_uiDataSize, kesReplyDecoder i_pDecoder, void* io_pContext,
-                                    const char* i_szFunction)
+                                    unsigned short i_usAddress, unsigned int i_uiReplyLength, unsigned int i_uiDataSize,
+                                    kesReplyDecoder i_pDecoder, void* io_pContext, const char* i_szFunction)
 {
     // Large enough for any reply a frame can describe.
     unsigned char reply[264];
     if (!io_pChannel || !i_pRequest || i_uiReplyLength < 5 || i_uiReplyLength > sizeof(reply))
-        return kesErrorLog(kesBuildErrorLocation(kesErrorInvalidArgument, "Invalid exchange", __FILE__,
-                                                 i_szFunction, __LINE__));
+        return kesErrorLog(
+            kesBuildErrorLocation(kesErrorInvalidArgument, "Invalid exchange", __FILE__, i_szFunction, __LINE__));
 
     // Bytes waiting now answer no request of this exchange.
     note_stray(drop_arriving(io_pChannel, 0));
@@ -303,9 +302,9 @@ kesEError kesEnergySystem::exchange(kesEnergySocket* io_pChannel, kesIModbusRtuF
     unsigned int sentAt = kesTime::GetSteadyTime();
     if (i_bCheckSend && sent != static_cast<int>(i_pRequest->GetFrameSize())) {
         note_unanswered(sentAt);
-        return kesErrorLog(kesBuildErrorLocation(
-            kesErrorFailed, with_address("Can not send data to the bus at address:", i_usAddress), __FILE__,
-            i_szFunction, __LINE__));
+        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed,
+                                                 with_address("Can not send data to the bus at address:", i_usAddress),
+                                                 __FILE__, i_szFunction, __LINE__));
     }
 
     int received = 0;
@@ -342,8 +341,8 @@ kesEError kesEnergySystem::exchange(kesEnergySocket* io_pChannel, kesIModbusRtuF
     note_stray(after);
 
     if (response.IsException())
-        return kesErrorLog(
-            kesBuildErrorLocation(kesErrorFailed, response.GetExceptionDescription(), __FILE__, i_szFunction, __LINE__));
+        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, response.GetExceptionDescription(), __FILE__,
+                                                 i_szFunction, __LINE__));
 
     const unsigned char* data = response.GetDataPtr(true);
     unsigned int size = response.GetDataSize(true);
@@ -399,8 +398,8 @@ kesEError kesEnergySystem::read_measurement(kesEnergySocket* io_pChannel, const 
     request.SetUnitID(static_cast<unsigned char>(i_read.unit));
     request.SetRegisters(static_cast<unsigned short>(i_usAddress + i_read.startOffset), i_read.registerCount);
     kesMeasurementContext context = {&i_read, o_ppOutputs};
-    return exchange(io_pChannel, request.GetModbusRtuFramePtr(), true, i_usAddress, i_read.replyLength,
-                    i_read.dataSize, &decode_measurement, &context, i_szFunction);
+    return exchange(io_pChannel, request.GetModbusRtuFramePtr(), true, i_usAddress, i_read.replyLength, i_read.dataSize,
+                    &decode_measurement, &context, i_szFunction);
 }
 
 kesEError kesEnergySystem::read_response_panel_temp_and_voltage(kesEnergySocket* io_pChannel,
@@ -411,9 +410,8 @@ kesEError kesEnergySystem::read_response_panel_temp_and_voltage(kesEnergySocket*
     return read_measurement(io_pChannel, PANEL_READ, i_usAddress, outputs, __func__);
 }
 
-kesEError kesEnergySystem::read_response_string_voltage_ampere(kesEnergySocket* io_pChannel,
-                                                               unsigned short i_usAddress, float* o_pVoltage,
-                                                               float* o_pAmpere)
+kesEError kesEnergySystem::read_response_string_voltage_ampere(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
+                                                               float* o_pVoltage, float* o_pAmpere)
 {
     void* const outputs[] = {o_pVoltage, o_pAmpere};
     return read_measurement(io_pChannel, STRING_READ, i_usAddress, outputs, __func__);
@@ -437,8 +435,7 @@ kesEError kesEnergySystem::read_response_string2_voltage_ampere(kesEnergySocket*
 
 kesEError kesEnergySystem::read_response_string3_voltage_ampere(kesEnergySocket* io_pChannel,
                                                                 unsigned short i_usAddress, float* o_pVoltage,
-                                                                float* o_pAmpere1, float* o_pAmpere2,
-                                                                float* o_pAmpere3)
+                                                                float* o_pAmpere1, float* o_pAmpere2, float* o_pAmpere3)
 {
     void* const outputs[] = {o_pVoltage, o_pAmpere1, o_pAmpere2, o_pAmpere3};
     return read_measurement(io_pChannel, STRING_THREE_READ, i_usAddress, outputs, __func__);
@@ -446,16 +443,15 @@ kesEError kesEnergySystem::read_response_string3_voltage_ampere(kesEnergySocket*
 
 kesEError kesEnergySystem::read_response_string4_voltage_ampere(kesEnergySocket* io_pChannel,
                                                                 unsigned short i_usAddress, float* o_pVoltage,
-                                                                float* o_pAmpere1, float* o_pAmpere2,
-                                                                float* o_pAmpere3, float* o_pAmpere4)
+                                                                float* o_pAmpere1, float* o_pAmpere2, float* o_pAmpere3,
+                                                                float* o_pAmpere4)
 {
     void* const outputs[] = {o_pVoltage, o_pAmpere1, o_pAmpere2, o_pAmpere3, o_pAmpere4};
     return read_measurement(io_pChannel, STRING_FOUR_READ, i_usAddress, outputs, __func__);
 }
 
-kesEError kesEnergySystem::read_response_alarm_voltage_ampere(kesEnergySocket* io_pChannel,
-                                                              unsigned short i_usAddress, float* o_pVoltage,
-                                                              float* o_pAmpere)
+kesEError kesEnergySystem::read_response_alarm_voltage_ampere(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
+                                                              float* o_pVoltage, float* o_pAmpere)
 {
     void* const outputs[] = {o_pVoltage, o_pAmpere};
     return read_measurement(io_pChannel, ALARM_READ, i_usAddress, outputs, __func__);
@@ -468,26 +464,24 @@ kesEError kesEnergySystem::read_response_pulsecounter_data(kesEnergySocket* io_p
     return read_measurement(io_pChannel, PULSE_READ, i_usAddress, outputs, __func__);
 }
 
-kesEError kesEnergySystem::read_response_pulsecountertwo_data(kesEnergySocket* io_pChannel,
-                                                              unsigned short i_usAddress, unsigned int* o_pCount1,
-                                                              unsigned short* o_pPeriod1, unsigned int* o_pCount2,
-                                                              unsigned short* o_pPeriod2)
+kesEError kesEnergySystem::read_response_pulsecountertwo_data(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
+                                                              unsigned int* o_pCount1, unsigned short* o_pPeriod1,
+                                                              unsigned int* o_pCount2, unsigned short* o_pPeriod2)
 {
     void* const outputs[] = {o_pCount1, o_pPeriod1, o_pCount2, o_pPeriod2};
     return read_measurement(io_pChannel, PULSE_TWO_READ, i_usAddress, outputs, __func__);
 }
 
 kesEError kesEnergySystem::read_response_pulsecounterfive_data(
-    kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-    unsigned int* o_pCount1, unsigned short* o_pPeriod1, unsigned int* o_pSecond1,
-    unsigned int* o_pCount2, unsigned short* o_pPeriod2, unsigned int* o_pSecond2,
-    unsigned int* o_pCount3, unsigned short* o_pPeriod3, unsigned int* o_pSecond3,
-    unsigned int* o_pCount4, unsigned short* o_pPeriod4, unsigned int* o_pSecond4,
-    unsigned int* o_pCount5, unsigned short* o_pPeriod5, unsigned int* o_pSecond5)
+    kesEnergySocket* io_pChannel, unsigned short i_usAddress, unsigned int* o_pCount1, unsigned short* o_pPeriod1,
+    unsigned int* o_pSecond1, unsigned int* o_pCount2, unsigned short* o_pPeriod2, unsigned int* o_pSecond2,
+    unsigned int* o_pCount3, unsigned short* o_pPeriod3, unsigned int* o_pSecond3, unsigned int* o_pCount4,
+    unsigned short* o_pPeriod4, unsigned int* o_pSecond4, unsigned int* o_pCount5, unsigned short* o_pPeriod5,
+    unsigned int* o_pSecond5)
 {
-    void* const outputs[] = {o_pCount1, o_pPeriod1, o_pSecond1, o_pCount2, o_pPeriod2, o_pSecond2,
-                             o_pCount3, o_pPeriod3, o_pSecond3, o_pCount4, o_pPeriod4, o_pSecond4,
-                             o_pCount5, o_pPeriod5, o_pSecond5};
+    void* const outputs[] = {o_pCount1,  o_pPeriod1, o_pSecond1, o_pCount2,  o_pPeriod2,
+                             o_pSecond2, o_pCount3,  o_pPeriod3, o_pSecond3, o_pCount4,
+                             o_pPeriod4, o_pSecond4, o_pCount5,  o_pPeriod5, o_pSecond5};
     return read_measurement(io_pChannel, PULSE_FIVE_READ, i_usAddress, outputs, __func__);
 }
 
@@ -501,17 +495,13 @@ kesEError kesEnergySystem::ReadPanelVoltTemp(unsigned short i_usAddress, float* 
 
 kesEError kesEnergySystem::ReadStringVoltAmpere(unsigned short i_usAddress, float* o_pVoltage, float* o_pAmpere)
 {
-    auto attempt = [&] {
-        return read_response_string_voltage_ampere(&m_oSocket, i_usAddress, o_pVoltage, o_pAmpere);
-    };
+    auto attempt = [&] { return read_response_string_voltage_ampere(&m_oSocket, i_usAddress, o_pVoltage, o_pAmpere); };
     return execute(attempt, STRING_READ.failure, i_usAddress, __func__);
 }
 
 kesEError kesEnergySystem::ReadStringOneVoltAmpere(unsigned short i_usAddress, float* o_pVoltage, float* o_pAmpere)
 {
-    auto attempt = [&] {
-        return read_response_string1_voltage_ampere(&m_oSocket, i_usAddress, o_pVoltage, o_pAmpere);
-    };
+    auto attempt = [&] { return read_response_string1_voltage_ampere(&m_oSocket, i_usAddress, o_pVoltage, o_pAmpere); };
     return execute(attempt, STRING_ONE_READ.failure, i_usAddress, __func__);
 }
 
@@ -524,8 +514,8 @@ kesEError kesEnergySystem::ReadStringTwoVoltAmpere(unsigned short i_usAddress, f
     return execute(attempt, STRING_TWO_READ.failure, i_usAddress, __func__);
 }
 
-kesEError kesEnergySystem::ReadStringThreeVoltAmpere(unsigned short i_usAddress, float* o_pVoltage,
-                                                     float* o_pAmpere1, float* o_pAmpere2, float* o_pAmpere3)
+kesEError kesEnergySystem::ReadStringThreeVoltAmpere(unsigned short i_usAddress, float* o_pVoltage, float* o_pAmpere1,
+                                                     float* o_pAmpere2, float* o_pAmpere3)
 {
     auto attempt = [&] {
         return read_response_string3_voltage_ampere(&m_oSocket, i_usAddress, o_pVoltage, o_pAmpere1, o_pAmpere2,
@@ -546,9 +536,7 @@ kesEError kesEnergySystem::ReadStringFourVoltAmpere(unsigned short i_usAddress, 
 
 kesEError kesEnergySystem::ReadAlarmVoltAmpere(unsigned short i_usAddress, float* o_pVoltage, float* o_pAmpere)
 {
-    auto attempt = [&] {
-        return read_response_alarm_voltage_ampere(&m_oSocket, i_usAddress, o_pVoltage, o_pAmpere);
-    };
+    auto attempt = [&] { return read_response_alarm_voltage_ampere(&m_oSocket, i_usAddress, o_pVoltage, o_pAmpere); };
     return execute(attempt, ALARM_READ.failure, i_usAddress, __func__);
 }
 
@@ -571,18 +559,15 @@ kesEError kesEnergySystem::ReadPulseCounterTwoData(unsigned short i_usAddress, u
 }
 
 kesEError kesEnergySystem::ReadPulseCounterFiveData(
-    unsigned short i_usAddress,
-    unsigned int* o_pCount1, unsigned short* o_pPeriod1, unsigned int* o_pSecond1,
-    unsigned int* o_pCount2, unsigned short* o_pPeriod2, unsigned int* o_pSecond2,
-    unsigned int* o_pCount3, unsigned short* o_pPeriod3, unsigned int* o_pSecond3,
-    unsigned int* o_pCount4, unsigned short* o_pPeriod4, unsigned int* o_pSecond4,
-    unsigned int* o_pCount5, unsigned short* o_pPeriod5, unsigned int* o_pSecond5)
+    unsigned short i_usAddress, unsigned int* o_pCount1, unsigned short* o_pPeriod1, unsigned int* o_pSecond1,
+    unsigned int* o_pCount2, unsigned short* o_pPeriod2, unsigned int* o_pSecond2, unsigned int* o_pCount3,
+    unsigned short* o_pPeriod3, unsigned int* o_pSecond3, unsigned int* o_pCount4, unsigned short* o_pPeriod4,
+    unsigned int* o_pSecond4, unsigned int* o_pCount5, unsigned short* o_pPeriod5, unsigned int* o_pSecond5)
 {
     auto attempt = [&] {
-        return read_response_pulsecounterfive_data(&m_oSocket, i_usAddress,
-                                                   o_pCount1, o_pPeriod1, o_pSecond1, o_pCount2, o_pPeriod2, o_pSecond2,
-                                                   o_pCount3, o_pPeriod3, o_pSecond3, o_pCount4, o_pPeriod4, o_pSecond4,
-                                                   o_pCount5, o_pPeriod5, o_pSecond5);
+        return read_response_pulsecounterfive_data(
+            &m_oSocket, i_usAddress, o_pCount1, o_pPeriod1, o_pSecond1, o_pCount2, o_pPeriod2, o_pSecond2, o_pCount3,
+            o_pPeriod3, o_pSecond3, o_pCount4, o_pPeriod4, o_pSecond4, o_pCount5, o_pPeriod5, o_pSecond5);
     };
     return execute(attempt, PULSE_FIVE_READ.failure, i_usAddress, __func__);
 }

@@ -36,10 +36,7 @@ enum kesEEnergyAlarmStatus : unsigned int {
     kesEnergyAlarmPowerAboveMaximum = 5
 };
 
-enum kesEEnergyAlarmCycleStatus : unsigned int {
-    kesEnergyAlarmCycleTerminated = 0,
-    kesEnergyAlarmCycleInProgress = 1
-};
+enum kesEEnergyAlarmCycleStatus : unsigned int { kesEnergyAlarmCycleTerminated = 0, kesEnergyAlarmCycleInProgress = 1 };
 
 // One device on the bus. Type and module number can change by addressing;
 // the hardware serial number cannot, so records compare by it alone.
@@ -178,12 +175,12 @@ public:
     kesEError ReadPulseCounterData(unsigned short i_usAddress, unsigned int* o_pCount, unsigned short* o_pPeriod);
     kesEError ReadPulseCounterTwoData(unsigned short i_usAddress, unsigned int* o_pCount1, unsigned short* o_pPeriod1,
                                       unsigned int* o_pCount2, unsigned short* o_pPeriod2);
-    kesEError ReadPulseCounterFiveData(unsigned short i_usAddress,
-                                       unsigned int* o_pCount1, unsigned short* o_pPeriod1, unsigned int* o_pSecond1,
-                                       unsigned int* o_pCount2, unsigned short* o_pPeriod2, unsigned int* o_pSecond2,
-                                       unsigned int* o_pCount3, unsigned short* o_pPeriod3, unsigned int* o_pSecond3,
-                                       unsigned int* o_pCount4, unsigned short* o_pPeriod4, unsigned int* o_pSecond4,
-                                       unsigned int* o_pCount5, unsigned short* o_pPeriod5, unsigned int* o_pSecond5);
+    kesEError ReadPulseCounterFiveData(unsigned short i_usAddress, unsigned int* o_pCount1, unsigned short* o_pPeriod1,
+                                       unsigned int* o_pSecond1, unsigned int* o_pCount2, unsigned short* o_pPeriod2,
+                                       unsigned int* o_pSecond2, unsigned int* o_pCount3, unsigned short* o_pPeriod3,
+                                       unsigned int* o_pSecond3, unsigned int* o_pCount4, unsigned short* o_pPeriod4,
+                                       unsigned int* o_pSecond4, unsigned int* o_pCount5, unsigned short* o_pPeriod5,
+                                       unsigned int* o_pSecond5);
 
 protected:
     // Decodes the data of an accepted reply; returns 0, or a code it has
@@ -258,13 +255,13 @@ private:
     kesEError read_response_pulsecountertwo_data(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
                                                  unsigned int* o_pCount1, unsigned short* o_pPeriod1,
                                                  unsigned int* o_pCount2, unsigned short* o_pPeriod2);
-    kesEError read_response_pulsecounterfive_data(
-        kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-        unsigned int* o_pCount1, unsigned short* o_pPeriod1, unsigned int* o_pSecond1,
-        unsigned int* o_pCount2, unsigned short* o_pPeriod2, unsigned int* o_pSecond2,
-        unsigned int* o_pCount3, unsigned short* o_pPeriod3, unsigned int* o_pSecond3,
-        unsigned int* o_pCount4, unsigned short* o_pPeriod4, unsigned int* o_pSecond4,
-        unsigned int* o_pCount5, unsigned short* o_pPeriod5, unsigned int* o_pSecond5);
+    kesEError
+    read_response_pulsecounterfive_data(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
+                                        unsigned int* o_pCount1, unsigned short* o_pPeriod1, unsigned int* o_pSecond1,
+                                        unsigned int* o_pCount2, unsigned short* o_pPeriod2, unsigned int* o_pSecond2,
+                                        unsigned int* o_pCount3, unsigned short* o_pPeriod3, unsigned int* o_pSecond3,
+                                        unsigned int* o_pCount4, unsigned short* o_pPeriod4, unsigned int* o_pSecond4,
+                                        unsigned int* o_pCount5, unsigned short* o_pPeriod5, unsigned int* o_pSecond5);
 
     // Late replies: the last request that got no reply of its own, and the
     // last bytes that belonged to no request (steady clock, milliseconds).
@@ -287,9 +284,9 @@ private:
 public:
     // Identity texts come back at the full length of their field, zero bytes
     // and padding included.
-#define KES_IDENTITY_READS(WORD)                                                \
-    kesEError Read##WORD##Model(unsigned short i_usAddress, kesString* o_pData);    \
-    kesEError Read##WORD##Serial(unsigned short i_usAddress, kesString* o_pData);   \
+#define KES_IDENTITY_READS(WORD)                                                  \
+    kesEError Read##WORD##Model(unsigned short i_usAddress, kesString* o_pData);  \
+    kesEError Read##WORD##Serial(unsigned short i_usAddress, kesString* o_pData); \
     kesEError Read##WORD##TestDate(unsigned short i_usAddress, kesString* o_pData);
     KES_IDENTITY_READS(Panel)
     KES_IDENTITY_READS(String)
@@ -362,13 +359,12 @@ private:
                                    unsigned short i_usAddress, kesString* o_pData, unsigned char i_ucOffset);
     kesEError read_response_test_date(kesEnergySocket* io_pChannel, kesEEnergyDeviceType i_eType,
                                       unsigned short i_usAddress, kesString* o_pData, unsigned char i_ucOffset);
-    kesEError read_response_panel_flash(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-                                        float* o_pOpenVoltage, float* o_pOpenAmpere, float* o_pMaxPower,
-                                        float* o_pMaxVoltage, float* o_pMaxAmpere, float* o_pEfficiency,
-                                        unsigned int* o_pCells, unsigned int* o_pPanels);
+    kesEError read_response_panel_flash(kesEnergySocket* io_pChannel, unsigned short i_usAddress, float* o_pOpenVoltage,
+                                        float* o_pOpenAmpere, float* o_pMaxPower, float* o_pMaxVoltage,
+                                        float* o_pMaxAmpere, float* o_pEfficiency, unsigned int* o_pCells,
+                                        unsigned int* o_pPanels);
     kesEError read_response_alarm_status(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-                                         unsigned char* o_pCycle, unsigned char* o_pStatus,
-                                         unsigned short* o_pPower);
+                                         unsigned char* o_pCycle, unsigned char* o_pStatus, unsigned short* o_pPower);
     kesEError setup_alarm_device_tuning(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
                                         unsigned short i_usTuning1, unsigned short i_usTuning2,
                                         unsigned short i_usTuning3);
@@ -389,8 +385,7 @@ private:
                                  int* o_pLast);
     // The hundred fine keys under one coarse key; true when one brought a
     // device.
-    bool search_fine_keys(unsigned short i_usCoarseKey, kesArray<kesEnergyDevice>* o_devices,
-                          bool i_bReportCollisions);
+    bool search_fine_keys(unsigned short i_usCoarseKey, kesArray<kesEnergyDevice>* o_devices, bool i_bReportCollisions);
     kesEError check_find_arguments(kesArray<kesEnergyDevice>* o_devices, const char* i_szFunction);
     void old_fine_scan(unsigned short i_usCoarseKey, kesArray<kesEnergyDevice>* o_devices, int i_iRetries,
                        int i_iChecks);

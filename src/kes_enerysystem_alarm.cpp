@@ -116,19 +116,19 @@ kesEError kesEnergySystem::ControlAlarmDevice(unsigned short i_usAddress, unsign
         return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "Communication is closed! Call OpenCommunication(...)",
                                                  __FILE__, __func__, __LINE__));
     if (!o_pCycle)
-        return kesErrorLog(kesBuildErrorLocation(kesErrorInvalidArgument, "o_pCycle == 0", __FILE__, __func__,
-                                                 __LINE__));
+        return kesErrorLog(
+            kesBuildErrorLocation(kesErrorInvalidArgument, "o_pCycle == 0", __FILE__, __func__, __LINE__));
     if (SetupAlarmTuning(i_usAddress, i_usTuning1, i_usTuning2, i_usTuning3) != kesErrorOk)
-        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, with_address("Can not setup alarm at address:",
-                                                                              i_usAddress),
-                                                 __FILE__, __func__, __LINE__));
+        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed,
+                                                 with_address("Can not setup alarm at address:", i_usAddress), __FILE__,
+                                                 __func__, __LINE__));
     unsigned int elapsed = 0;
     for (;;) {
         unsigned int start = kesTime::GetTime();
         if (ReadAlarmStatus(i_usAddress, o_pCycle, o_pStatus, o_pPower) != kesErrorOk)
-            return kesErrorLog(kesBuildErrorLocation(
-                kesErrorFailed, with_address("Can not read alarm status at address:", i_usAddress), __FILE__,
-                __func__, __LINE__));
+            return kesErrorLog(kesBuildErrorLocation(kesErrorFailed,
+                                                     with_address("Can not read alarm status at address:", i_usAddress),
+                                                     __FILE__, __func__, __LINE__));
         if (*o_pCycle == kesEnergyAlarmCycleTerminated)
             return kesErrorOk;
         kesOsThread::SleepMs(ALARM_POLL_PAUSE_MS);

@@ -44,8 +44,7 @@ unsigned int serial_at(const unsigned char* i_pBytes)
 // Whether the last search added a device that was not in the list yet. A
 // serial number seen before is a device that could not be muted: the copy
 // is taken out again.
-bool took_new_device(kesArray<kesEnergyDevice>* io_devices, size_t i_before, bool i_bFine,
-                     unsigned short i_usKey)
+bool took_new_device(kesArray<kesEnergyDevice>* io_devices, size_t i_before, bool i_bFine, unsigned short i_usKey)
 {
     if (io_devices->size() <= i_before) {
         kesString text;
@@ -77,9 +76,12 @@ int kesEnergySystem::search(kesEnergySocket* io_pChannel, bool i_bFine, unsigned
                             kesArray<kesEnergyDevice>* o_devices, int i_iRetries, bool i_bNotify)
 {
     const char* function = i_bFine ? "read_all_device_with_10000" : "read_all_device_with_100";
-    unsigned char frame[6] = {BUS_UNIT, i_bFine ? FUNCTION_FINE_SEARCH : FUNCTION_COARSE_SEARCH,
+    unsigned char frame[6] = {BUS_UNIT,
+                              i_bFine ? FUNCTION_FINE_SEARCH : FUNCTION_COARSE_SEARCH,
                               static_cast<unsigned char>(i_usSearchKey >> 8),
-                              static_cast<unsigned char>(i_usSearchKey & 0xFF), 0, 0};
+                              static_cast<unsigned char>(i_usSearchKey & 0xFF),
+                              0,
+                              0};
     unsigned short crc = kesModbusRtuCrc(frame, 4);
     frame[4] = static_cast<unsigned char>(crc & 0xFF);
     frame[5] = static_cast<unsigned char>(crc >> 8);
@@ -168,8 +170,7 @@ int kesEnergySystem::read_all_device_with_100(kesEnergySocket* io_pChannel, unsi
 }
 
 int kesEnergySystem::read_all_device_with_10000(kesEnergySocket* io_pChannel, unsigned short i_usSearchKey,
-                                                kesArray<kesEnergyDevice>* o_devices, int i_iRetries,
-                                                bool i_bNotify)
+                                                kesArray<kesEnergyDevice>* o_devices, int i_iRetries, bool i_bNotify)
 {
     return search(io_pChannel, true, i_usSearchKey, o_devices, i_iRetries, i_bNotify);
 }
@@ -177,8 +178,7 @@ int kesEnergySystem::read_all_device_with_10000(kesEnergySocket* io_pChannel, un
 kesEError kesEnergySystem::check_find_arguments(kesArray<kesEnergyDevice>* o_devices, const char* i_szFunction)
 {
     if (!m_oSocket.IsOpen())
-        return report(kesErrorFailed, "Communication is closed! Call OpenCommunication(...)", i_szFunction,
-                      __LINE__);
+        return report(kesErrorFailed, "Communication is closed! Call OpenCommunication(...)", i_szFunction, __LINE__);
     if (!o_devices)
         return report(kesErrorInvalidArgument, "o_devices == 0", i_szFunction, __LINE__);
     o_devices->clear();
@@ -260,8 +260,8 @@ kesEError kesEnergySystem::FindAllDevices(kesArray<kesEnergyDevice>* o_devices)
     return kesErrorOk;
 }
 
-void kesEnergySystem::old_fine_scan(unsigned short i_usCoarseKey, kesArray<kesEnergyDevice>* o_devices,
-                                    int i_iRetries, int i_iChecks)
+void kesEnergySystem::old_fine_scan(unsigned short i_usCoarseKey, kesArray<kesEnergyDevice>* o_devices, int i_iRetries,
+                                    int i_iChecks)
 {
     for (unsigned short j = 0; j < FINE_KEYS_PER_COARSE && m_oSocket.IsOpen(); ++j) {
         unsigned short key = static_cast<unsigned short>(i_usCoarseKey + COARSE_KEYS * j);

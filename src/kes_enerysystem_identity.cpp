@@ -23,19 +23,18 @@ const kesIdentityFieldShape IDENTITY_FIELDS[3] = {{5, "Can not get Model at addr
 // Offsets from the bus address of model, serial text and test date, by type.
 // The first ones kept their texts right after two measurement registers; the
 // later ones after five. Ambient keeps its test date at 24.
-const unsigned char IDENTITY_OFFSETS[12][3] = {
-    {0, 0, 0},    // no type 0
-    {2, 7, 22},   // Panel
-    {2, 7, 22},   // String
-    {5, 10, 25},  // Alarm
-    {2, 7, 24},   // Ambient
-    {5, 10, 25},  // PulseCounter
-    {5, 10, 25},  // StringTwo
-    {5, 10, 25},  // StringFour
-    {5, 10, 25},  // PulseCounterTwo
-    {5, 10, 25},  // PulseCounterFive
-    {5, 10, 25},  // StringOne
-    {5, 10, 25}}; // StringThree
+const unsigned char IDENTITY_OFFSETS[12][3] = {{0, 0, 0},    // no type 0
+                                               {2, 7, 22},   // Panel
+                                               {2, 7, 22},   // String
+                                               {5, 10, 25},  // Alarm
+                                               {2, 7, 24},   // Ambient
+                                               {5, 10, 25},  // PulseCounter
+                                               {5, 10, 25},  // StringTwo
+                                               {5, 10, 25},  // StringFour
+                                               {5, 10, 25},  // PulseCounterTwo
+                                               {5, 10, 25},  // PulseCounterFive
+                                               {5, 10, 25},  // StringOne
+                                               {5, 10, 25}}; // StringThree
 
 struct kesTextContext {
     kesString* output;
@@ -80,26 +79,24 @@ const unsigned short PANEL_FLASH_REGISTERS = 9;
 
 } // namespace
 
-kesEError kesEnergySystem::read_text(kesEnergySocket* io_pChannel, unsigned int i_uiField,
-                                     kesEEnergyDeviceType i_eType, unsigned short i_usAddress, kesString* o_pData,
-                                     unsigned char i_ucOffset, const char* i_szFunction)
+kesEError kesEnergySystem::read_text(kesEnergySocket* io_pChannel, unsigned int i_uiField, kesEEnergyDeviceType i_eType,
+                                     unsigned short i_usAddress, kesString* o_pData, unsigned char i_ucOffset,
+                                     const char* i_szFunction)
 {
     const unsigned short registers = IDENTITY_FIELDS[i_uiField].registers;
     kesModbusRtuReadHoldingRegistersFrame request;
     request.SetUnitID(static_cast<unsigned char>(i_eType));
     request.SetRegisters(static_cast<unsigned short>(i_usAddress + i_ucOffset), registers);
     kesTextContext context = {o_pData, 2u * registers};
-    return exchange(io_pChannel, request.GetModbusRtuFramePtr(), true, i_usAddress, 2u * registers + 5u,
-                    2u * registers, &decode_text, &context, i_szFunction);
+    return exchange(io_pChannel, request.GetModbusRtuFramePtr(), true, i_usAddress, 2u * registers + 5u, 2u * registers,
+                    &decode_text, &context, i_szFunction);
 }
 
 kesEError kesEnergySystem::read_response_model(kesEnergySocket* io_pChannel, kesEEnergyDeviceType i_eType,
-                                               unsigned short i_usAddress, kesString* o_pData,
-                                               unsigned char i_ucOffset)
+                                               unsigned short i_usAddress, kesString* o_pData, unsigned char i_ucOffset)
 {
     if (!o_pData)
-        return kesErrorLog(kesBuildErrorLocation(kesErrorInvalidArgument, "o_data == 0", __FILE__, __func__,
-                                                 __LINE__));
+        return kesErrorLog(kesBuildErrorLocation(kesErrorInvalidArgument, "o_data == 0", __FILE__, __func__, __LINE__));
     return read_text(io_pChannel, kesIdentityModel, i_eType, i_usAddress, o_pData, i_ucOffset, __func__);
 }
 
@@ -134,18 +131,18 @@ kesEError kesEnergySystem::read_identity(unsigned int i_uiField, kesEEnergyDevic
     return execute(attempt, IDENTITY_FIELDS[i_uiField].failure, i_usAddress, i_szFunction);
 }
 
-#define KES_IDENTITY_READS(WORD, TYPE)                                                                     \
-    kesEError kesEnergySystem::Read##WORD##Model(unsigned short i_usAddress, kesString* o_pData)           \
-    {                                                                                                      \
-        return read_identity(kesIdentityModel, TYPE, i_usAddress, o_pData, __func__);                     \
-    }                                                                                                      \
-    kesEError kesEnergySystem::Read##WORD##Serial(unsigned short i_usAddress, kesString* o_pData)          \
-    {                                                                                                      \
-        return read_identity(kesIdentitySerial, TYPE, i_usAddress, o_pData, __func__);                    \
-    }                                                                                                      \
-    kesEError kesEnergySystem::Read##WORD##TestDate(unsigned short i_usAddress, kesString* o_pData)        \
-    {                                                                                                      \
-        return read_identity(kesIdentityTestDate, TYPE, i_usAddress, o_pData, __func__);                  \
+#define KES_IDENTITY_READS(WORD, TYPE)                                                              \
+    kesEError kesEnergySystem::Read##WORD##Model(unsigned short i_usAddress, kesString* o_pData)    \
+    {                                                                                               \
+        return read_identity(kesIdentityModel, TYPE, i_usAddress, o_pData, __func__);               \
+    }                                                                                               \
+    kesEError kesEnergySystem::Read##WORD##Serial(unsigned short i_usAddress, kesString* o_pData)   \
+    {                                                                                               \
+        return read_identity(kesIdentitySerial, TYPE, i_usAddress, o_pData, __func__);              \
+    }                                                                                               \
+    kesEError kesEnergySystem::Read##WORD##TestDate(unsigned short i_usAddress, kesString* o_pData) \
+    {                                                                                               \
+        return read_identity(kesIdentityTestDate, TYPE, i_usAddress, o_pData, __func__);            \
     }
 
 KES_IDENTITY_READS(Panel, kesEnergyDevicePanel)
@@ -163,10 +160,9 @@ KES_IDENTITY_READS(PulseCounterFive, kesEnergyDevicePulseCounterFive)
 #undef KES_IDENTITY_READS
 
 kesEError kesEnergySystem::read_response_panel_flash(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-                                                     float* o_pOpenVoltage, float* o_pOpenAmpere,
-                                                     float* o_pMaxPower, float* o_pMaxVoltage, float* o_pMaxAmpere,
-                                                     float* o_pEfficiency, unsigned int* o_pCells,
-                                                     unsigned int* o_pPanels)
+                                                     float* o_pOpenVoltage, float* o_pOpenAmpere, float* o_pMaxPower,
+                                                     float* o_pMaxVoltage, float* o_pMaxAmpere, float* o_pEfficiency,
+                                                     unsigned int* o_pCells, unsigned int* o_pPanels)
 {
     kesModbusRtuReadHoldingRegistersFrame request;
     request.SetUnitID(static_cast<unsigned char>(kesEnergyDevicePanel));

@@ -15,18 +15,19 @@ struct kesIdentityReads {
     kesIdentityRead testDate;
 };
 
-#define KES_IDENTITY(WORD)                                                                                \
-    {                                                                                                     \
-        &kesEnergySystem::Read##WORD##Model, &kesEnergySystem::Read##WORD##Serial,                        \
-            &kesEnergySystem::Read##WORD##TestDate                                                        \
+#define KES_IDENTITY(WORD)                                                         \
+    {                                                                              \
+        &kesEnergySystem::Read##WORD##Model, &kesEnergySystem::Read##WORD##Serial, \
+            &kesEnergySystem::Read##WORD##TestDate                                 \
     }
 
 // By device type; type 0 is never read.
-const kesIdentityReads IDENTITY_READS[12] = {
-    {nullptr, nullptr, nullptr}, KES_IDENTITY(Panel),           KES_IDENTITY(String),
-    KES_IDENTITY(Alarm),         KES_IDENTITY(Ambient),         KES_IDENTITY(PulseCounter),
-    KES_IDENTITY(StringTwo),     KES_IDENTITY(StringFour),      KES_IDENTITY(PulseCounterTwo),
-    KES_IDENTITY(PulseCounterFive), KES_IDENTITY(StringOne),    KES_IDENTITY(StringThree)};
+const kesIdentityReads IDENTITY_READS[12] = {{nullptr, nullptr, nullptr},   KES_IDENTITY(Panel),
+                                             KES_IDENTITY(String),          KES_IDENTITY(Alarm),
+                                             KES_IDENTITY(Ambient),         KES_IDENTITY(PulseCounter),
+                                             KES_IDENTITY(StringTwo),       KES_IDENTITY(StringFour),
+                                             KES_IDENTITY(PulseCounterTwo), KES_IDENTITY(PulseCounterFive),
+                                             KES_IDENTITY(StringOne),       KES_IDENTITY(StringThree)};
 
 #undef KES_IDENTITY
 
@@ -119,11 +120,11 @@ kesEError kesEnergySystem::GetDeviceInfo(const kesEnergyDevice* i_pDevice, kesSt
         return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "Communication is closed! Call OpenCommunication(...)",
                                                  __FILE__, __func__, __LINE__));
     if (!o_strData)
-        return kesErrorLog(kesBuildErrorLocation(kesErrorInvalidArgument, "o_strData == 0", __FILE__, __func__,
-                                                 __LINE__));
+        return kesErrorLog(
+            kesBuildErrorLocation(kesErrorInvalidArgument, "o_strData == 0", __FILE__, __func__, __LINE__));
     if (!i_pDevice)
-        return kesErrorLog(kesBuildErrorLocation(kesErrorInvalidArgument, "i_pDevice == 0", __FILE__, __func__,
-                                                 __LINE__));
+        return kesErrorLog(
+            kesBuildErrorLocation(kesErrorInvalidArgument, "i_pDevice == 0", __FILE__, __func__, __LINE__));
     const kesEEnergyDeviceType type = i_pDevice->Type;
     if (type < kesEnergyDevicePanel || type > kesEnergyDeviceStringThree)
         return kesErrorOk;

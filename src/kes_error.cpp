@@ -76,10 +76,11 @@ kesEError rebuild_log_file()
         buffer.resize(static_cast<size_t>(size));
     } catch (...) {
         fclose(file);
-        printf("%s", kesBuildErrorLocation(kesErrorOutOfMemory, "Can not allocate buffer for to rebuild log error file.",
-                                           __FILE__, __func__, __LINE__)
-                         .GetDescription()
-                         .c_str());
+        printf("%s",
+               kesBuildErrorLocation(kesErrorOutOfMemory, "Can not allocate buffer for to rebuild log error file.",
+                                     __FILE__, __func__, __LINE__)
+                   .GetDescription()
+                   .c_str());
         return kesErrorOutOfMemory;
     }
     size_t got = size > 0 ? fread(buffer.data(), 1, buffer.size(), file) : 0;

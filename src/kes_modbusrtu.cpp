@@ -5,11 +5,9 @@
 #include <cstring>
 #include <new>
 
-namespace kes
-{
+namespace kes {
 
-namespace
-{
+namespace {
 
 const unsigned int DEFAULT_FRAME_SIZE = 8;
 // unit, function code, start register, count: what SetData keeps
@@ -50,8 +48,8 @@ const unsigned int EXCEPTION_TEXT_COUNT = sizeof(EXCEPTION_TEXTS) / sizeof(EXCEP
 
 void report_out_of_memory(const char* i_function, int i_line)
 {
-    kesErrorLog(kesBuildErrorLocation(kesErrorOutOfMemory, "Can not allocate kesModbusRtuFrame memory",
-                                      __FILE__, i_function, i_line));
+    kesErrorLog(kesBuildErrorLocation(kesErrorOutOfMemory, "Can not allocate kesModbusRtuFrame memory", __FILE__,
+                                      i_function, i_line));
 }
 
 } // namespace
@@ -61,8 +59,7 @@ unsigned short kesModbusRtuCrc(const unsigned char* i_pData, unsigned int i_size
     unsigned short crc = 0xFFFF;
     if (i_pData == nullptr)
         return crc;
-    for (unsigned int i = 0; i < i_size; ++i)
-    {
+    for (unsigned int i = 0; i < i_size; ++i) {
         crc ^= i_pData[i];
         for (int bit = 0; bit < 8; ++bit)
             crc = (crc & 1) ? (unsigned short)((crc >> 1) ^ 0xA001) : (unsigned short)(crc >> 1);
@@ -77,14 +74,12 @@ kesModbusRtuFrame::kesModbusRtuFrame() : m_pBuffer(nullptr), m_uSize(0)
 
 kesModbusRtuFrame::kesModbusRtuFrame(unsigned char* i_pData, unsigned int i_size) : m_pBuffer(nullptr), m_uSize(0)
 {
-    if (i_pData == nullptr || i_size == 0)
-    {
+    if (i_pData == nullptr || i_size == 0) {
         init_buffer(DEFAULT_FRAME_SIZE);
         return;
     }
     m_pBuffer = new (std::nothrow) unsigned char[i_size];
-    if (m_pBuffer == nullptr)
-    {
+    if (m_pBuffer == nullptr) {
         report_out_of_memory("kesModbusRtuFrame", __LINE__);
         return;
     }
@@ -105,8 +100,7 @@ void kesModbusRtuFrame::init_buffer(unsigned int i_size)
     m_pBuffer = nullptr;
     m_uSize = 0;
     m_pBuffer = new (std::nothrow) unsigned char[i_size]();
-    if (m_pBuffer == nullptr)
-    {
+    if (m_pBuffer == nullptr) {
         report_out_of_memory("init_buffer", __LINE__);
         return;
     }
@@ -194,8 +188,7 @@ unsigned char* kesModbusRtuFrame::GetFrameBufferPtr() const
 kesModbusRtuFrame::data_view kesModbusRtuFrame::get_data_view(bool i_reply) const
 {
     data_view view = {0, 0, false};
-    switch (get_byte(1))
-    {
+    switch (get_byte(1)) {
     case kesModbusFunctionReadCoils:
     case kesModbusFunctionReadDiscreteInputs:
     case kesModbusFunctionReadHoldingRegisters:
@@ -208,8 +201,7 @@ kesModbusRtuFrame::data_view kesModbusRtuFrame::get_data_view(bool i_reply) cons
         break;
     case kesModbusFunctionWriteMultipleCoils:
     case kesModbusFunctionWriteMultipleRegisters:
-        if (i_reply)
-        {
+        if (i_reply) {
             view = data_view{4, 2, true};
             break;
         }
@@ -242,8 +234,7 @@ unsigned int kesModbusRtuFrame::GetDataSize(bool i_reply) const
 unsigned int kesModbusRtuFrame::GetResponseBufferSize() const
 {
     unsigned int count = GetRegistersCount();
-    switch (GetFunctionCodeID())
-    {
+    switch (GetFunctionCodeID()) {
     case kesModbusFunctionReadCoils:
     case kesModbusFunctionReadDiscreteInputs:
         return (count + 7) / 8 + 5;
@@ -283,9 +274,9 @@ void kesModbusRtuFrame::SetRegisters(unsigned short i_start, unsigned short i_co
 
 void kesModbusRtuFrame::SetData(const unsigned char* i_pData, unsigned char i_size)
 {
-    if (i_pData == nullptr || i_size == 0)
-    {
-        kesErrorLog(kesBuildErrorLocation(kesErrorInvalidArgument, "pData or size == 0", __FILE__, "SetData", __LINE__));
+    if (i_pData == nullptr || i_size == 0) {
+        kesErrorLog(
+            kesBuildErrorLocation(kesErrorInvalidArgument, "pData or size == 0", __FILE__, "SetData", __LINE__));
         return;
     }
     unsigned char header[FRAME_HEADER_SIZE] = {0};

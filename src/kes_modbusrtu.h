@@ -3,11 +3,9 @@
 
 #include "kes_string.h"
 
-namespace kes
-{
+namespace kes {
 
-enum kesEModbusFunctionCode : unsigned int
-{
+enum kesEModbusFunctionCode : unsigned int {
     kesModbusFunctionReadCoils = 1,
     kesModbusFunctionReadDiscreteInputs = 2,
     kesModbusFunctionReadHoldingRegisters = 3,
@@ -32,8 +30,7 @@ class kesModbusRtuWriteMultipleCoilsFrame;
 class kesModbusRtuWriteSingleRegisterFrame;
 class kesModbusRtuWriteMultipleRegistersFrame;
 
-class kesIModbusRtuFrame
-{
+class kesIModbusRtuFrame {
 public:
     virtual ~kesIModbusRtuFrame() {}
 
@@ -65,8 +62,7 @@ public:
 // One frame on the wire: a request being built or a reply as received.
 // Reads past the end of a short (malformed) frame give 0 or null, and
 // writes past it are dropped, so a truncated reply can still be dumped.
-class kesModbusRtuFrame : public kesIModbusRtuFrame
-{
+class kesModbusRtuFrame : public kesIModbusRtuFrame {
 public:
     kesModbusRtuFrame();
     kesModbusRtuFrame(unsigned char* i_pData, unsigned int i_size);
@@ -99,8 +95,7 @@ public:
     static void DumpFrame(const kesIModbusRtuFrame* i_pFrame, kesString* o_pText);
 
 private:
-    struct data_view
-    {
+    struct data_view {
         unsigned int offset;
         unsigned int size;
         bool has_pointer;
@@ -118,37 +113,48 @@ private:
 
 // What every function frame forwards unchanged, and its downcasts: the
 // function frames differ only in the rows of the table in their class body.
-#define KES_MODBUS_RTU_FUNCTION_FRAME_COMMON(CLASS, DOWNCAST)                             \
-public:                                                                                   \
-    kesModbusRtuFrame* GetModbusRtuFramePtr() override { return this; }                   \
-    CLASS* DOWNCAST() override { return this; }                                           \
-    using kesModbusRtuFrame::GetModbusRtuReadCoilsFramePtr;                               \
-    using kesModbusRtuFrame::GetModbusRtuReadDiscreteInputsFramePtr;                      \
-    using kesModbusRtuFrame::GetModbusRtuReadInputRegistersFramePtr;                      \
-    using kesModbusRtuFrame::GetModbusRtuReadHoldingRegistersFramePtr;                    \
-    using kesModbusRtuFrame::GetModbusRtuWriteSinglrCoilFramePtr;                         \
-    using kesModbusRtuFrame::GetModbusRtuWriteMultipleCoilsFramePtr;                      \
-    using kesModbusRtuFrame::GetModbusRtuWriteSingleRegisterFramePtr;                     \
-    using kesModbusRtuFrame::GetModbusRtuWriteMultipleRegistersFramePtr;                  \
-    using kesModbusRtuFrame::HasValidCrc;                                                 \
-    using kesModbusRtuFrame::GetUnitID;                                                   \
-    using kesModbusRtuFrame::GetFunctionCodeID;                                           \
-    using kesModbusRtuFrame::GetStartRegister;                                            \
-    using kesModbusRtuFrame::GetRegistersCount;                                           \
-    using kesModbusRtuFrame::GetFrameSize;                                                \
-    using kesModbusRtuFrame::GetFrameBufferPtr;                                           \
-    using kesModbusRtuFrame::GetResponseBufferSize;                                       \
+#define KES_MODBUS_RTU_FUNCTION_FRAME_COMMON(CLASS, DOWNCAST)            \
+public:                                                                  \
+    kesModbusRtuFrame* GetModbusRtuFramePtr() override                   \
+    {                                                                    \
+        return this;                                                     \
+    }                                                                    \
+    CLASS* DOWNCAST() override                                           \
+    {                                                                    \
+        return this;                                                     \
+    }                                                                    \
+    using kesModbusRtuFrame::GetModbusRtuReadCoilsFramePtr;              \
+    using kesModbusRtuFrame::GetModbusRtuReadDiscreteInputsFramePtr;     \
+    using kesModbusRtuFrame::GetModbusRtuReadInputRegistersFramePtr;     \
+    using kesModbusRtuFrame::GetModbusRtuReadHoldingRegistersFramePtr;   \
+    using kesModbusRtuFrame::GetModbusRtuWriteSinglrCoilFramePtr;        \
+    using kesModbusRtuFrame::GetModbusRtuWriteMultipleCoilsFramePtr;     \
+    using kesModbusRtuFrame::GetModbusRtuWriteSingleRegisterFramePtr;    \
+    using kesModbusRtuFrame::GetModbusRtuWriteMultipleRegistersFramePtr; \
+    using kesModbusRtuFrame::HasValidCrc;                                \
+    using kesModbusRtuFrame::GetUnitID;                                  \
+    using kesModbusRtuFrame::GetFunctionCodeID;                          \
+    using kesModbusRtuFrame::GetStartRegister;                           \
+    using kesModbusRtuFrame::GetRegistersCount;                          \
+    using kesModbusRtuFrame::GetFrameSize;                               \
+    using kesModbusRtuFrame::GetFrameBufferPtr;                          \
+    using kesModbusRtuFrame::GetResponseBufferSize;                      \
     using kesModbusRtuFrame::SetUnitID;
 
 // A read request carries no data: whichever view is asked for, it answers
 // with its request view.
-#define KES_MODBUS_RTU_PINNED_REQUEST_VIEW                                                \
-public:                                                                                   \
-    unsigned char* GetDataPtr(bool) const override { return kesModbusRtuFrame::GetDataPtr(false); } \
-    unsigned int GetDataSize(bool) const override { return kesModbusRtuFrame::GetDataSize(false); }
+#define KES_MODBUS_RTU_PINNED_REQUEST_VIEW            \
+public:                                               \
+    unsigned char* GetDataPtr(bool) const override    \
+    {                                                 \
+        return kesModbusRtuFrame::GetDataPtr(false);  \
+    }                                                 \
+    unsigned int GetDataSize(bool) const override     \
+    {                                                 \
+        return kesModbusRtuFrame::GetDataSize(false); \
+    }
 
-class kesModbusRtuReadCoilsFrame : private kesModbusRtuFrame
-{
+class kesModbusRtuReadCoilsFrame : private kesModbusRtuFrame {
     KES_MODBUS_RTU_FUNCTION_FRAME_COMMON(kesModbusRtuReadCoilsFrame, GetModbusRtuReadCoilsFramePtr)
     KES_MODBUS_RTU_PINNED_REQUEST_VIEW
 public:
@@ -156,8 +162,7 @@ public:
     using kesModbusRtuFrame::SetRegisters;
 };
 
-class kesModbusRtuReadDiscreteInputsFrame : private kesModbusRtuFrame
-{
+class kesModbusRtuReadDiscreteInputsFrame : private kesModbusRtuFrame {
     KES_MODBUS_RTU_FUNCTION_FRAME_COMMON(kesModbusRtuReadDiscreteInputsFrame, GetModbusRtuReadDiscreteInputsFramePtr)
     KES_MODBUS_RTU_PINNED_REQUEST_VIEW
 public:
@@ -165,17 +170,16 @@ public:
     using kesModbusRtuFrame::SetRegisters;
 };
 
-class kesModbusRtuReadHoldingRegistersFrame : private kesModbusRtuFrame
-{
-    KES_MODBUS_RTU_FUNCTION_FRAME_COMMON(kesModbusRtuReadHoldingRegistersFrame, GetModbusRtuReadHoldingRegistersFramePtr)
+class kesModbusRtuReadHoldingRegistersFrame : private kesModbusRtuFrame {
+    KES_MODBUS_RTU_FUNCTION_FRAME_COMMON(kesModbusRtuReadHoldingRegistersFrame,
+                                         GetModbusRtuReadHoldingRegistersFramePtr)
     KES_MODBUS_RTU_PINNED_REQUEST_VIEW
 public:
     kesModbusRtuReadHoldingRegistersFrame();
     using kesModbusRtuFrame::SetRegisters;
 };
 
-class kesModbusRtuReadInputRegistersFrame : private kesModbusRtuFrame
-{
+class kesModbusRtuReadInputRegistersFrame : private kesModbusRtuFrame {
     KES_MODBUS_RTU_FUNCTION_FRAME_COMMON(kesModbusRtuReadInputRegistersFrame, GetModbusRtuReadInputRegistersFramePtr)
     KES_MODBUS_RTU_PINNED_REQUEST_VIEW
 public:
@@ -183,38 +187,35 @@ public:
     using kesModbusRtuFrame::SetRegisters;
 };
 
-class kesModbusRtuWriteSingleCoilFrame : private kesModbusRtuFrame
-{
+class kesModbusRtuWriteSingleCoilFrame : private kesModbusRtuFrame {
     KES_MODBUS_RTU_FUNCTION_FRAME_COMMON(kesModbusRtuWriteSingleCoilFrame, GetModbusRtuWriteSinglrCoilFramePtr)
 public:
     kesModbusRtuWriteSingleCoilFrame();
     void SetRegister(unsigned short i_register, unsigned char i_on);
 };
 
-class kesModbusRtuWriteSingleRegisterFrame : private kesModbusRtuFrame
-{
+class kesModbusRtuWriteSingleRegisterFrame : private kesModbusRtuFrame {
     KES_MODBUS_RTU_FUNCTION_FRAME_COMMON(kesModbusRtuWriteSingleRegisterFrame, GetModbusRtuWriteSingleRegisterFramePtr)
 public:
     kesModbusRtuWriteSingleRegisterFrame();
     void SetRegister(unsigned short i_register, unsigned short i_value);
 };
 
-class kesModbusRtuWriteMultipleCoilsFrame : private kesModbusRtuFrame
-{
+class kesModbusRtuWriteMultipleCoilsFrame : private kesModbusRtuFrame {
     KES_MODBUS_RTU_FUNCTION_FRAME_COMMON(kesModbusRtuWriteMultipleCoilsFrame, GetModbusRtuWriteMultipleCoilsFramePtr)
 public:
     kesModbusRtuWriteMultipleCoilsFrame();
-    using kesModbusRtuFrame::SetRegisters;
     using kesModbusRtuFrame::SetData;
+    using kesModbusRtuFrame::SetRegisters;
 };
 
-class kesModbusRtuWriteMultipleRegistersFrame : private kesModbusRtuFrame
-{
-    KES_MODBUS_RTU_FUNCTION_FRAME_COMMON(kesModbusRtuWriteMultipleRegistersFrame, GetModbusRtuWriteMultipleRegistersFramePtr)
+class kesModbusRtuWriteMultipleRegistersFrame : private kesModbusRtuFrame {
+    KES_MODBUS_RTU_FUNCTION_FRAME_COMMON(kesModbusRtuWriteMultipleRegistersFrame,
+                                         GetModbusRtuWriteMultipleRegistersFramePtr)
 public:
     kesModbusRtuWriteMultipleRegistersFrame();
-    using kesModbusRtuFrame::SetRegisters;
     using kesModbusRtuFrame::SetData;
+    using kesModbusRtuFrame::SetRegisters;
 };
 
 #undef KES_MODBUS_RTU_PINNED_REQUEST_VIEW

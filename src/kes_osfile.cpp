@@ -30,7 +30,9 @@ int open_flags(const kesString& mode)
 
 } // namespace
 
-kesOsFile::kesOsFile() : m_pFile(nullptr) {}
+kesOsFile::kesOsFile() : m_pFile(nullptr)
+{
+}
 
 kesOsFile::kesOsFile(const kesString& path, const kesString& mode) : m_pFile(nullptr)
 {

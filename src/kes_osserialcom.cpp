@@ -10,26 +10,23 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-namespace kes
-{
+namespace kes {
 
-namespace
-{
+namespace {
 
 const unsigned int RECONNECT_PERIOD_MS = 500;
 const unsigned int RECONNECT_STACK_SIZE = 262144;
 // a line that never stops talking must not hold Flush forever
 const unsigned int FLUSH_MAX_BYTES = 65536;
 
-struct baud_row
-{
+struct baud_row {
     unsigned int code;
     unsigned int bitsPerSecond;
 };
 
 const baud_row BAUD_TABLE[] = {
-    {B300, 300},     {B600, 600},     {B1200, 1200},   {B2400, 2400},   {B4800, 4800},
-    {B9600, 9600},   {B19200, 19200}, {B38400, 38400}, {B57600, 57600}, {B115200, 115200},
+    {B300, 300},   {B600, 600},     {B1200, 1200},   {B2400, 2400},   {B4800, 4800},
+    {B9600, 9600}, {B19200, 19200}, {B38400, 38400}, {B57600, 57600}, {B115200, 115200},
 };
 
 kesEError report(kesEError i_code, const kesString& i_message, const char* i_function, int i_line)
@@ -57,24 +54,15 @@ const char* const INVALID_HANDLE = "Invalid handle";
 } // namespace
 
 kesOsSerialCom::kesOsSerialCom(bool i_autoReconnect)
-    : m_hCom(-1),
-      m_eBaudRate(EBaudRate(~0u)),
-      m_eDataBits(EDataBits(~0u)),
-      m_eParity(EParity(~0u)),
-      m_eStopBits(EStopBits(~0u)),
-      m_eFlowControl(EFlowControl(~0u)),
-      m_bAutoReconnect(i_autoReconnect),
-      m_uBitsPerByte(0),
-      m_uMaxBytesPerSecond(0),
-      m_uState(0),
-      m_pThreadReconnect(nullptr)
+    : m_hCom(-1), m_eBaudRate(EBaudRate(~0u)), m_eDataBits(EDataBits(~0u)), m_eParity(EParity(~0u)),
+      m_eStopBits(EStopBits(~0u)), m_eFlowControl(EFlowControl(~0u)), m_bAutoReconnect(i_autoReconnect),
+      m_uBitsPerByte(0), m_uMaxBytesPerSecond(0), m_uState(0), m_pThreadReconnect(nullptr)
 {
 }
 
 kesOsSerialCom::~kesOsSerialCom()
 {
-    if (m_pThreadReconnect != nullptr)
-    {
+    if (m_pThreadReconnect != nullptr) {
         m_pThreadReconnect->Stop();
         delete m_pThreadReconnect;
         m_pThreadReconnect = nullptr;
@@ -84,8 +72,7 @@ kesOsSerialCom::~kesOsSerialCom()
 }
 
 kesEError kesOsSerialCom::Open(const kesString& i_device, const EBaudRate& i_baudRate, const EDataBits& i_dataBits,
-                               const EParity& i_parity, const EStopBits& i_stopBits,
-                               const EFlowControl& i_flowControl)
+                               const EParity& i_parity, const EStopBits& i_stopBits, const EFlowControl& i_flowControl)
 {
     kesEError result = Close();
     if (result != kesErrorOk)
@@ -103,11 +90,11 @@ kesEError kesOsSerialCom::Open(const kesString& i_device, const EBaudRate& i_bau
     m_eFlowControl = i_flowControl;
 
     int handle = open(device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    if (handle == -1)
-    {
+    if (handle == -1) {
         int error = errno;
         on_reopen();
-        return report(kesErrorFailed, with_std_error(at_device("open(...) == -1 at ", device), error), "Open", __LINE__);
+        return report(kesErrorFailed, with_std_error(at_device("open(...) == -1 at ", device), error), "Open",
+                      __LINE__);
     }
     m_hCom = handle;
 
@@ -120,15 +107,13 @@ kesEError kesOsSerialCom::Open(const kesString& i_device, const EBaudRate& i_bau
     settings.c_cc[VMIN] = 1;
     settings.c_cc[VTIME] = 0;
 
-    if (cfsetospeed(&settings, baudRate) == -1)
-    {
+    if (cfsetospeed(&settings, baudRate) == -1) {
         int error = errno;
         on_reopen();
         return report(kesErrorFailed, with_std_error(at_device("cfsetospeed(...) == -1 at ", device), error), "Open",
                       __LINE__);
     }
-    if (tcsetattr(m_hCom, TCSANOW, &settings) == -1)
-    {
+    if (tcsetattr(m_hCom, TCSANOW, &settings) == -1) {
         int error = errno;
         on_reopen();
         return report(kesErrorFailed, with_std_error(at_device("tcsetattr(...) == -1 at ", device), error), "Open",
@@ -137,8 +122,7 @@ kesEError kesOsSerialCom::Open(const kesString& i_device, const EBaudRate& i_bau
 
     // start bit and data bits, then parity and stop bits
     unsigned char bits = 0;
-    switch (m_eDataBits & CSIZE)
-    {
+    switch (m_eDataBits & CSIZE) {
     case CS5:
         bits = 6;
         break;
@@ -195,8 +179,7 @@ int kesOsSerialCom::Send(const void* i_pData, const unsigned int& i_length)
         handle = m_hCom;
         bytesPerSecond = m_uMaxBytesPerSecond;
     }
-    if (handle == -1)
-    {
+    if (handle == -1) {
         report(kesErrorFailed, INVALID_HANDLE, "Send", __LINE__);
         return -1;
     }
@@ -216,8 +199,7 @@ int kesOsSerialCom::Receive(void* o_pData, const unsigned int& i_length)
         kesSOsMutex lock(&m_mMutex);
         handle = m_hCom;
     }
-    if (handle == -1)
-    {
+    if (handle == -1) {
         report(kesErrorFailed, INVALID_HANDLE, "Receive", __LINE__);
         return -1;
     }
@@ -235,8 +217,7 @@ int kesOsSerialCom::failed_transfer(const char* i_call, const char* i_function, 
     if (error == EAGAIN)
         return -2;
     report(kesErrorFailed, with_std_error(i_call, error), i_function, i_line);
-    if (error == EIO)
-    {
+    if (error == EIO) {
         on_reopen();
         return -3;
     }
@@ -246,8 +227,7 @@ int kesOsSerialCom::failed_transfer(const char* i_call, const char* i_function, 
 int kesOsSerialCom::Receive(void* o_pData, const unsigned int& i_length, const unsigned int& i_pause,
                             const unsigned long& i_timeOut)
 {
-    if (!IsValid())
-    {
+    if (!IsValid()) {
         report(kesErrorFailed, INVALID_HANDLE, "Receive", __LINE__);
         return -1;
     }
@@ -256,13 +236,11 @@ int kesOsSerialCom::Receive(void* o_pData, const unsigned int& i_length, const u
     unsigned char* data = static_cast<unsigned char*>(o_pData);
     unsigned int remaining = i_length;
     unsigned int start = kesTime::GetTime();
-    for (;;)
-    {
+    for (;;) {
         int got = Receive(data + (i_length - remaining), remaining);
         if (got == -1 || got == -3)
             break;
-        if (got > 0)
-        {
+        if (got > 0) {
             remaining -= (unsigned int)got;
             if (remaining == 0)
                 return (int)i_length;
@@ -281,13 +259,11 @@ int kesOsSerialCom::Flush()
         kesSOsMutex lock(&m_mMutex);
         handle = m_hCom;
     }
-    if (handle == -1)
-    {
+    if (handle == -1) {
         report(kesErrorFailed, INVALID_HANDLE, "Flush", __LINE__);
         return -1;
     }
-    if (tcflush(handle, TCIOFLUSH) == -1)
-    {
+    if (tcflush(handle, TCIOFLUSH) == -1) {
         report(kesErrorFailed, with_std_error("Can not flush serial", errno), "Flush", __LINE__);
         return -1;
     }
@@ -296,8 +272,7 @@ int kesOsSerialCom::Flush()
 
 kesEError kesOsSerialCom::Flush(const unsigned int& i_pause, const unsigned long& i_timeOut)
 {
-    for (unsigned int dropped = 0; dropped < FLUSH_MAX_BYTES; ++dropped)
-    {
+    for (unsigned int dropped = 0; dropped < FLUSH_MAX_BYTES; ++dropped) {
         unsigned char byte = 0;
         int got = Receive(&byte, 1, i_pause, i_timeOut);
         if (got < 0)
@@ -315,8 +290,7 @@ bool kesOsSerialCom::IsReadyToReceive(unsigned int i_milliseconds) const
         kesSOsMutex lock(&m_mMutex);
         handle = m_hCom;
     }
-    if (handle == -1)
-    {
+    if (handle == -1) {
         report(kesErrorFailed, INVALID_HANDLE, "IsReadyToReceive", __LINE__);
         return false;
     }
@@ -324,8 +298,7 @@ bool kesOsSerialCom::IsReadyToReceive(unsigned int i_milliseconds) const
     pollfd entry = {handle, POLLIN, 0};
     int timeout = i_milliseconds > 0x7FFFFFFF ? 0x7FFFFFFF : (int)i_milliseconds;
     int result = poll(&entry, 1, timeout);
-    if (result == -1)
-    {
+    if (result == -1) {
         report(kesErrorFailed, with_std_error("select(...) failed", errno), "IsReadyToReceive", __LINE__);
         return false;
     }
@@ -421,21 +394,18 @@ void kesOsSerialCom::on_reopen()
     m_uState |= STATE_RECONNECTING;
 
     // an earlier thread has cleared the bit, so it is past its last use of the mutex
-    if (m_pThreadReconnect != nullptr)
-    {
+    if (m_pThreadReconnect != nullptr) {
         m_pThreadReconnect->Stop();
         delete m_pThreadReconnect;
         m_pThreadReconnect = nullptr;
     }
     m_pThreadReconnect = new (std::nothrow) kesOsThread(thread_reconnect, this, false);
-    if (m_pThreadReconnect == nullptr)
-    {
+    if (m_pThreadReconnect == nullptr) {
         m_uState &= ~STATE_RECONNECTING;
         report(kesErrorInvalidPointer, "m_pThreadReconnect == 0", "on_reopen", __LINE__);
         return;
     }
-    if (!m_pThreadReconnect->Start(RECONNECT_STACK_SIZE))
-    {
+    if (!m_pThreadReconnect->Start(RECONNECT_STACK_SIZE)) {
         delete m_pThreadReconnect;
         m_pThreadReconnect = nullptr;
         m_uState &= ~STATE_RECONNECTING;
@@ -446,8 +416,7 @@ void kesOsSerialCom::on_reopen()
 void kesOsSerialCom::thread_reconnect(kesOsThread* i_pThread, void* i_pArgument)
 {
     kesOsSerialCom* self = static_cast<kesOsSerialCom*>(i_pArgument);
-    while (i_pThread->WaitContinue(RECONNECT_PERIOD_MS))
-    {
+    while (i_pThread->WaitContinue(RECONNECT_PERIOD_MS)) {
         kesString device;
         EBaudRate baudRate;
         EDataBits dataBits;

@@ -8,18 +8,15 @@
 
 #include <termios.h>
 
-namespace kes
-{
+namespace kes {
 
 // Raw serial line, non-blocking for its whole life. Send holds the caller
 // until the bytes have left the line; the timed Receive gives whatever came
 // within its time limit.
-class kesOsSerialCom
-{
+class kesOsSerialCom {
 public:
     // The values are the termios constants themselves.
-    enum EBaudRate : unsigned int
-    {
+    enum EBaudRate : unsigned int {
         Baud300 = B300,
         Baud600 = B600,
         Baud1200 = B1200,
@@ -31,31 +28,11 @@ public:
         Baud57600 = B57600,
         Baud115200 = B115200
     };
-    enum EDataBits : unsigned int
-    {
-        DataBits5 = CS5,
-        DataBits6 = CS6,
-        DataBits7 = CS7,
-        DataBits8 = CS8
-    };
+    enum EDataBits : unsigned int { DataBits5 = CS5, DataBits6 = CS6, DataBits7 = CS7, DataBits8 = CS8 };
     // a c_cflag mask
-    enum EParity : unsigned int
-    {
-        ParityNone = 0,
-        ParityEven = PARENB,
-        ParityOdd = PARENB | PARODD
-    };
-    enum EStopBits : unsigned int
-    {
-        StopBitsOne = 0,
-        StopBitsTwo = CSTOPB
-    };
-    enum EFlowControl : unsigned int
-    {
-        FlowControlNone = 0,
-        FlowControlHardware = 1,
-        FlowControlSoftware = 2
-    };
+    enum EParity : unsigned int { ParityNone = 0, ParityEven = PARENB, ParityOdd = PARENB | PARODD };
+    enum EStopBits : unsigned int { StopBitsOne = 0, StopBitsTwo = CSTOPB };
+    enum EFlowControl : unsigned int { FlowControlNone = 0, FlowControlHardware = 1, FlowControlSoftware = 2 };
 
     explicit kesOsSerialCom(bool i_autoReconnect);
     virtual ~kesOsSerialCom();
@@ -73,7 +50,8 @@ public:
     // count read (0 possible), -1 failure, -2 nothing to read, -3 device gone
     int Receive(void* o_pData, const unsigned int& i_length);
     // bytes received until length or the time limit (from the call's start); -1 only without a device
-    int Receive(void* o_pData, const unsigned int& i_length, const unsigned int& i_pause, const unsigned long& i_timeOut);
+    int Receive(void* o_pData, const unsigned int& i_length, const unsigned int& i_pause,
+                const unsigned long& i_timeOut);
 
     int Flush();
     kesEError Flush(const unsigned int& i_pause, const unsigned long& i_timeOut);
@@ -94,10 +72,7 @@ protected:
     virtual void OnConnectionOpen() {}
 
 private:
-    enum EState : unsigned int
-    {
-        STATE_RECONNECTING = 1
-    };
+    enum EState : unsigned int { STATE_RECONNECTING = 1 };
 
     void on_reopen();
     int failed_transfer(const char* i_call, const char* i_function, int i_line);

@@ -12,11 +12,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace kes
-{
+namespace kes {
 
-namespace
-{
+namespace {
 
 kesEError report(kesEError i_code, const kesString& i_message, const char* i_function, int i_line)
 {
@@ -49,8 +47,7 @@ void kesOsSplitHostPort(const kesString& i_address, kesString* o_host, unsigned 
         return;
     kesArray<kesString> parts;
     i_address.GetSplit(&parts, ":");
-    if (parts.size() < 2)
-    {
+    if (parts.size() < 2) {
         *o_host = i_address;
         return;
     }
@@ -65,8 +62,7 @@ bool kesOsResolveIPv4(const kesString& i_host, in_addr* o_address)
     if (o_address == nullptr)
         return false;
     in_addr_t dotted = inet_addr(i_host.c_str());
-    if (dotted != INADDR_NONE)
-    {
+    if (dotted != INADDR_NONE) {
         o_address->s_addr = dotted;
         return true;
     }
@@ -101,8 +97,7 @@ kesEError kesOsTcpSocket::Reset()
         return report(kesErrorNetwork, "Can not close socket", "Reset", __LINE__);
 
     int handle = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
-    if (handle == 0)
-    {
+    if (handle == 0) {
         // descriptor 0 would read as "no socket": move it up
         int moved = fcntl(handle, F_DUPFD_CLOEXEC, 1);
         close(handle);
@@ -117,8 +112,7 @@ kesEError kesOsTcpSocket::Reset()
 
 kesEError kesOsTcpSocket::Open(const kesString& i_address, unsigned short i_port)
 {
-    if ((m_uFlags & FLAG_CONNECTED) != 0 || m_uFlags == 0)
-    {
+    if ((m_uFlags & FLAG_CONNECTED) != 0 || m_uFlags == 0) {
         kesEError result = Reset();
         if (result != kesErrorOk)
             return report(result, "Can not reset socket", "Open", __LINE__);
@@ -135,8 +129,7 @@ kesEError kesOsTcpSocket::Open(const kesString& i_address, unsigned short i_port
         return report(kesErrorNetwork, "gethostbyname failed", "Open", __LINE__);
 
     int error = connect_bounded(destination);
-    if (error != 0)
-    {
+    if (error != 0) {
         report(kesErrorNetwork, with_std_error("Can not connect socket", error), "Open", __LINE__);
         // a socket whose connection failed is not connected again: the next Open gets a fresh one
         if (Reset() != kesErrorOk)
@@ -172,22 +165,19 @@ int kesOsTcpSocket::connect_bounded(const sockaddr_in& i_destination)
     if (connect(m_hSocket, reinterpret_cast<const sockaddr*>(&i_destination), sizeof(i_destination)) == -1)
         error = errno;
     unsigned int start = kesTime::GetSteadyTime();
-    while (error == EINPROGRESS || error == EINTR)
-    {
+    while (error == EINPROGRESS || error == EINTR) {
         unsigned int spent = kesTime::GetSteadyTime() - start;
         if (g_connect_abort)
             error = ECANCELED;
         else if (spent >= CONNECT_TIME_OUT_MS)
             error = ETIMEDOUT;
-        else
-        {
+        else {
             unsigned int left = CONNECT_TIME_OUT_MS - spent;
             pollfd entry = {m_hSocket, POLLOUT, 0};
             int ready = poll(&entry, 1, (int)(left < CONNECT_SLICE_MS ? left : CONNECT_SLICE_MS));
             if (ready == -1 && errno != EINTR)
                 error = errno;
-            else if (ready > 0)
-            {
+            else if (ready > 0) {
                 socklen_t size = sizeof(error);
                 if (getsockopt(m_hSocket, SOL_SOCKET, SO_ERROR, &error, &size) == -1)
                     error = errno;
@@ -201,20 +191,17 @@ int kesOsTcpSocket::connect_bounded(const sockaddr_in& i_destination)
 
 int kesOsTcpSocket::ReceiveAvailable(void* o_pData, unsigned int i_length, unsigned int i_milliseconds)
 {
-    if (!IsOpen())
-    {
+    if (!IsOpen()) {
         report(kesErrorNetwork, SOCKET_IS_CLOSE, "ReceiveAvailable", __LINE__);
         return -1;
     }
     if (i_length == 0 || (i_milliseconds > 0 && !IsReadyToReceive(i_milliseconds)))
         return 0;
-    for (;;)
-    {
+    for (;;) {
         ssize_t result = recv(m_hSocket, o_pData, i_length, MSG_DONTWAIT);
         if (result > 0)
             return (int)result;
-        if (result == 0)
-        {
+        if (result == 0) {
             if (Close() != kesErrorOk)
                 report(kesErrorNetwork, "Can not close socket", "ReceiveAvailable", __LINE__);
             return -3;
@@ -261,15 +248,13 @@ bool kesOsTcpSocket::IsValid() const
 
 bool kesOsTcpSocket::HasNoError() const
 {
-    if (m_hSocket == 0)
-    {
+    if (m_hSocket == 0) {
         report(kesErrorNetwork, SOCKET_IS_INVALID, "HasNoError", __LINE__);
         return false;
     }
     int error = 0;
     socklen_t size = sizeof(error);
-    if (getsockopt(m_hSocket, SOL_SOCKET, SO_ERROR, &error, &size) == -1)
-    {
+    if (getsockopt(m_hSocket, SOL_SOCKET, SO_ERROR, &error, &size) == -1) {
         report(kesErrorNetwork, with_std_error("getsockopt(...) failed", errno), "HasNoError", __LINE__);
         return false;
     }
@@ -278,8 +263,7 @@ bool kesOsTcpSocket::HasNoError() const
 
 kesString kesOsTcpSocket::get_address_text(bool i_peer, const char* i_function) const
 {
-    if (m_hSocket == 0)
-    {
+    if (m_hSocket == 0) {
         report(kesErrorNetwork, SOCKET_IS_INVALID, i_function, __LINE__);
         return kesString();
     }
@@ -287,8 +271,7 @@ kesString kesOsTcpSocket::get_address_text(bool i_peer, const char* i_function) 
     socklen_t size = sizeof(address);
     sockaddr* generic = reinterpret_cast<sockaddr*>(&address);
     int result = i_peer ? getpeername(m_hSocket, generic, &size) : getsockname(m_hSocket, generic, &size);
-    if (result == -1)
-    {
+    if (result == -1) {
         report(kesErrorNetwork, with_std_error(i_peer ? "getpeername(...) failed" : "getsockname(...) failed", errno),
                i_function, __LINE__);
         return kesString();
@@ -314,8 +297,7 @@ kesString kesOsTcpSocket::GetPeerName() const
 
 unsigned int kesOsTcpSocket::GetConnectionTime() const
 {
-    if (m_hSocket == 0)
-    {
+    if (m_hSocket == 0) {
         report(kesErrorNetwork, SOCKET_IS_INVALID, "GetConnectionTime", __LINE__);
         return 0;
     }
@@ -326,14 +308,12 @@ unsigned int kesOsTcpSocket::GetConnectionTime() const
 
 bool kesOsTcpSocket::SetKeepAlive(bool i_keepAlive)
 {
-    if (m_hSocket == 0)
-    {
+    if (m_hSocket == 0) {
         report(kesErrorNetwork, SOCKET_IS_INVALID, "SetKeepAlive", __LINE__);
         return false;
     }
     int value = i_keepAlive ? 1 : 0;
-    if (setsockopt(m_hSocket, SOL_SOCKET, SO_KEEPALIVE, &value, sizeof(value)) == -1)
-    {
+    if (setsockopt(m_hSocket, SOL_SOCKET, SO_KEEPALIVE, &value, sizeof(value)) == -1) {
         report(kesErrorNetwork, with_std_error("setsockopt(...) failed", errno), "SetKeepAlive", __LINE__);
         return false;
     }
@@ -342,15 +322,13 @@ bool kesOsTcpSocket::SetKeepAlive(bool i_keepAlive)
 
 bool kesOsTcpSocket::GetKeepAlive() const
 {
-    if (m_hSocket == 0)
-    {
+    if (m_hSocket == 0) {
         report(kesErrorNetwork, SOCKET_IS_INVALID, "GetKeepAlive", __LINE__);
         return false;
     }
     int value = 0;
     socklen_t size = sizeof(value);
-    if (getsockopt(m_hSocket, SOL_SOCKET, SO_KEEPALIVE, &value, &size) == -1)
-    {
+    if (getsockopt(m_hSocket, SOL_SOCKET, SO_KEEPALIVE, &value, &size) == -1) {
         report(kesErrorNetwork, with_std_error("getsockopt(...) failed", errno), "GetKeepAlive", __LINE__);
         return false;
     }
@@ -359,16 +337,14 @@ bool kesOsTcpSocket::GetKeepAlive() const
 
 bool kesOsTcpSocket::set_time_out(int i_option, unsigned int i_milliseconds, const char* i_function)
 {
-    if (m_hSocket == 0)
-    {
+    if (m_hSocket == 0) {
         report(kesErrorNetwork, SOCKET_IS_INVALID, i_function, __LINE__);
         return false;
     }
     timeval time = {};
     time.tv_sec = i_milliseconds / 1000;
     time.tv_usec = (i_milliseconds % 1000) * 1000;
-    if (setsockopt(m_hSocket, SOL_SOCKET, i_option, &time, sizeof(time)) == -1)
-    {
+    if (setsockopt(m_hSocket, SOL_SOCKET, i_option, &time, sizeof(time)) == -1) {
         report(kesErrorNetwork, with_std_error("setsockopt(...) failed", errno), i_function, __LINE__);
         return false;
     }
@@ -377,15 +353,13 @@ bool kesOsTcpSocket::set_time_out(int i_option, unsigned int i_milliseconds, con
 
 unsigned int kesOsTcpSocket::get_time_out(int i_option, const char* i_function) const
 {
-    if (m_hSocket == 0)
-    {
+    if (m_hSocket == 0) {
         report(kesErrorNetwork, SOCKET_IS_INVALID, i_function, __LINE__);
         return 0;
     }
     timeval time = {};
     socklen_t size = sizeof(time);
-    if (getsockopt(m_hSocket, SOL_SOCKET, i_option, &time, &size) == -1)
-    {
+    if (getsockopt(m_hSocket, SOL_SOCKET, i_option, &time, &size) == -1) {
         report(kesErrorNetwork, with_std_error("getsockopt(...) failed", errno), i_function, __LINE__);
         return 0;
     }
@@ -414,8 +388,7 @@ unsigned int kesOsTcpSocket::GetSendTimeOut() const
 
 bool kesOsTcpSocket::is_ready(short i_events, unsigned int i_milliseconds, const char* i_function) const
 {
-    if (!IsOpen())
-    {
+    if (!IsOpen()) {
         report(kesErrorNetwork, SOCKET_IS_CLOSE, i_function, __LINE__);
         return false;
     }
@@ -423,8 +396,7 @@ bool kesOsTcpSocket::is_ready(short i_events, unsigned int i_milliseconds, const
     pollfd entry = {m_hSocket, i_events, 0};
     int timeout = i_milliseconds > 0x7FFFFFFF ? 0x7FFFFFFF : (int)i_milliseconds;
     int result = poll(&entry, 1, timeout);
-    if (result == -1)
-    {
+    if (result == -1) {
         report(kesErrorNetwork, with_std_error("select(...) failed", errno), i_function, __LINE__);
         return false;
     }
@@ -452,13 +424,11 @@ kesEError kesOsTcpSocket::FlushReceive(unsigned int i_milliseconds, int* o_pCoun
         return report(kesErrorNetwork, "Can not set receive timeout", "FlushReceive", __LINE__);
 
     unsigned int last = kesTime::GetTime();
-    for (unsigned int count = 0; count < FLUSH_MAX_BYTES && kesTime::GetTime() - last < i_milliseconds &&
-                                 IsReadyToReceive(i_milliseconds);
-         ++count)
-    {
+    for (unsigned int count = 0;
+         count < FLUSH_MAX_BYTES && kesTime::GetTime() - last < i_milliseconds && IsReadyToReceive(i_milliseconds);
+         ++count) {
         unsigned char dropped = 0;
-        if (Receive(&dropped, 1, nullptr) < 1)
-        {
+        if (Receive(&dropped, 1, nullptr) < 1) {
             report(kesErrorNetwork, "while receiving data", "FlushReceive", __LINE__);
             break;
         }
@@ -479,26 +449,22 @@ int kesOsTcpSocket::transfer(bool i_send, unsigned char* io_pData, unsigned int 
 {
     if (o_pDone != nullptr)
         *o_pDone = 0;
-    if (!IsOpen())
-    {
+    if (!IsOpen()) {
         report(kesErrorNetwork, SOCKET_IS_CLOSE, i_function, __LINE__);
         return -1;
     }
     unsigned int done = 0;
-    do
-    {
+    do {
         // MSG_NOSIGNAL: a vanished peer is an EPIPE here, never a SIGPIPE for the process
         ssize_t result = i_send ? send(m_hSocket, io_pData + done, i_length - done, MSG_NOSIGNAL)
                                 : recv(m_hSocket, io_pData + done, i_length - done, 0);
-        if (result > 0)
-        {
+        if (result > 0) {
             done += (unsigned int)result;
             if (o_pDone != nullptr)
                 *o_pDone = (int)done;
             continue;
         }
-        if (result == 0)
-        {
+        if (result == 0) {
             if (i_length == 0)
                 return 0;
             if (Close() != kesErrorOk)
@@ -506,8 +472,7 @@ int kesOsTcpSocket::transfer(bool i_send, unsigned char* io_pData, unsigned int 
             return -3;
         }
         int error = errno;
-        if (error == EINTR)
-        {
+        if (error == EINTR) {
             report(kesErrorWarning, "Std EINTR error continue...", i_function, __LINE__);
             continue;
         }

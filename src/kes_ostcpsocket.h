@@ -6,14 +6,9 @@
 
 #include <netinet/in.h>
 
-namespace kes
-{
+namespace kes {
 
-enum kesEOsSocketType : unsigned int
-{
-    kesOsSocketTypeTcp = 1,
-    kesOsSocketTypeUdp = 16
-};
+enum kesEOsSocketType : unsigned int { kesOsSocketTypeTcp = 1, kesOsSocketTypeUdp = 16 };
 
 // "host:port" or "host": with a port in the text it replaces io_port and the
 // host is trimmed of blanks; without one the whole text is the host.
@@ -22,8 +17,7 @@ void kesOsSplitHostPort(const kesString& i_address, kesString* o_host, unsigned 
 // Dotted IPv4 address or host name to an IPv4 address. Safe on any thread.
 bool kesOsResolveIPv4(const kesString& i_host, in_addr* o_address);
 
-class kesIOsTcpSocket
-{
+class kesIOsTcpSocket {
 public:
     virtual ~kesIOsTcpSocket() {}
 
@@ -51,8 +45,7 @@ public:
 // Blocking IPv4 TCP client. Send and Receive give the whole length, or
 // -1 (failure, logged), -2 (time-out, silent), -3 (peer closed; this object
 // is closed too).
-class kesOsTcpSocket : public kesIOsTcpSocket
-{
+class kesOsTcpSocket : public kesIOsTcpSocket {
 public:
     kesOsTcpSocket();
     ~kesOsTcpSocket() override;
@@ -96,11 +89,7 @@ public:
 
     static const unsigned int CONNECT_TIME_OUT_MS = 3000;
 
-    enum EFlags : unsigned int
-    {
-        FLAG_SOCKET = 1,
-        FLAG_CONNECTED = 4
-    };
+    enum EFlags : unsigned int { FLAG_SOCKET = 1, FLAG_CONNECTED = 4 };
 
 private:
     int transfer(bool i_send, unsigned char* io_pData, unsigned int i_length, int* o_pDone, const char* i_function);

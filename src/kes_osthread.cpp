@@ -48,8 +48,8 @@ bool kesOsThread::Start(unsigned int stackSize)
         KES_LOG(kesErrorFailed, kesString("pthread_attr_init error ") + kesString::FromInt(result));
         return false;
     }
-    result = pthread_attr_setdetachstate(&attributes, IsAutoRelease() ? PTHREAD_CREATE_DETACHED
-                                                                      : PTHREAD_CREATE_JOINABLE);
+    result =
+        pthread_attr_setdetachstate(&attributes, IsAutoRelease() ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE);
     if (result != 0) {
         pthread_attr_destroy(&attributes);
         KES_LOG(kesErrorFailed, kesString("pthread_attr_setdetachstate error ") + kesString::FromInt(result));

@@ -1,7 +1,7 @@
 #include "kes_time.h"
 
-#include <sys/time.h>
 #include <ctime>
+#include <sys/time.h>
 
 namespace kes {
 

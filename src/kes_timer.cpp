@@ -6,7 +6,9 @@
 
 namespace kes {
 
-kesTimer::kesTimer() : m_uResolutionTime(1), m_uExpiredTime(0), m_uCount(0), m_uCounter(0), m_pThread(nullptr) {}
+kesTimer::kesTimer() : m_uResolutionTime(1), m_uExpiredTime(0), m_uCount(0), m_uCounter(0), m_pThread(nullptr)
+{
+}
 
 kesTimer::~kesTimer()
 {

@@ -53,15 +53,16 @@ TEST(DaemonEndToEnd, PublishesReadingsAndFailuresOnTheDatagramPort)
     kes_net_test::UdpReceiver receiver(16549);
     ASSERT_EQ(receiver.port, 16549) << "the datagram port is taken";
     kes_test::TempDir dir;
-    kes_test::WriteFile(dir.File("conf.xml"),
-                        "<energy><line id=\"2\" adr=\"" + gateway.GetAddress() +
-                            "\">"
-                            "<v type=\"2\" mid=\"3\" iid=\"1201\" fid=\"0\"/><v type=\"2\" mid=\"3\" iid=\"1202\" fid=\"1\"/>"
-                            "<v type=\"2\" mid=\"3\" iid=\"1203\" fid=\"2\"/>"
-                            "<v type=\"2\" mid=\"4\" iid=\"1301\" fid=\"0\"/><v type=\"2\" mid=\"4\" iid=\"1302\" fid=\"1\"/>"
-                            "<v type=\"5\" mid=\"5\" iid=\"1401\" fid=\"0\"/><v type=\"5\" mid=\"5\" iid=\"1402\" fid=\"1\"/>"
-                            "<v type=\"5\" mid=\"6\" iid=\"1501\" fid=\"0\"/>"
-                            "</line></energy>");
+    kes_test::WriteFile(
+        dir.File("conf.xml"),
+        "<energy><line id=\"2\" adr=\"" + gateway.GetAddress() +
+            "\">"
+            "<v type=\"2\" mid=\"3\" iid=\"1201\" fid=\"0\"/><v type=\"2\" mid=\"3\" iid=\"1202\" fid=\"1\"/>"
+            "<v type=\"2\" mid=\"3\" iid=\"1203\" fid=\"2\"/>"
+            "<v type=\"2\" mid=\"4\" iid=\"1301\" fid=\"0\"/><v type=\"2\" mid=\"4\" iid=\"1302\" fid=\"1\"/>"
+            "<v type=\"5\" mid=\"5\" iid=\"1401\" fid=\"0\"/><v type=\"5\" mid=\"5\" iid=\"1402\" fid=\"1\"/>"
+            "<v type=\"5\" mid=\"6\" iid=\"1501\" fid=\"0\"/>"
+            "</line></energy>");
     kes_test::ChildProcess daemon;
     ASSERT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir", dir.Path()}));
 
@@ -101,8 +102,9 @@ TEST(DaemonEndToEnd, ExactBytesOfOneDatagram)
     kes_net_test::UdpReceiver receiver(16549);
     ASSERT_EQ(receiver.port, 16549);
     kes_test::TempDir dir;
-    kes_test::WriteFile(dir.File("conf.xml"), "<energy><line id=\"2\" adr=\"" + gateway.GetAddress() +
-                                                  "\"><v type=\"2\" mid=\"3\" iid=\"1201\" fid=\"0\"/></line></energy>");
+    kes_test::WriteFile(dir.File("conf.xml"),
+                        "<energy><line id=\"2\" adr=\"" + gateway.GetAddress() +
+                            "\"><v type=\"2\" mid=\"3\" iid=\"1201\" fid=\"0\"/></line></energy>");
     kes_test::ChildProcess daemon;
     ASSERT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir", dir.Path()}));
     std::string datagram;
@@ -178,8 +180,8 @@ TEST(DaemonEndToEnd, ReadsEveryValueOfTheFileKesBusWrote)
     kes_test::ChildProcess sims[2], bus;
     ASSERT_TRUE(sims[0].Start({kes_test::BinPath("kes_bus_sim"), "-conf", dir.File("plant.xml")}));
     ASSERT_TRUE(sims[0].WaitForOutput("ready", 5000)) << sims[0].Output();
-    ASSERT_TRUE(bus.Start({kes_test::BinPath("kes_bus"), "-adr", adapter, "-timeout", "50", "-answer", "5",
-                           "-failure", "30", "-attempts", "1", "number", "1", "-conf", conf}));
+    ASSERT_TRUE(bus.Start({kes_test::BinPath("kes_bus"), "-adr", adapter, "-timeout", "50", "-answer", "5", "-failure",
+                           "30", "-attempts", "1", "number", "1", "-conf", conf}));
     ASSERT_EQ(bus.Wait(90000), 0) << bus.Output();
     EXPECT_NE(kes_test::ReadFile(conf).find("<!-- [Ambient] serial 10104004 module 1: never read, no value -->"),
               std::string::npos);

@@ -5,8 +5,8 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -111,8 +111,7 @@ struct Datagram {
 };
 
 // Takes every datagram waiting on the port, for at most i_ms.
-void collect(kes_net_test::UdpReceiver& io_receiver, Clock::time_point i_start, int i_ms,
-             std::vector<Datagram>* io_got)
+void collect(kes_net_test::UdpReceiver& io_receiver, Clock::time_point i_start, int i_ms, std::vector<Datagram>* io_got)
 {
     std::string datagram;
     auto end = Clock::now() + std::chrono::milliseconds(i_ms);
@@ -138,11 +137,11 @@ std::string value(unsigned int i_type, unsigned int i_mid, unsigned int i_iid, u
 // and one that never answers. Line 2 (serial): a clean string module first.
 std::string soak_configuration(uint16_t i_port, const std::string& i_serial, uint16_t i_davis)
 {
-    return "<energy v=\"1\"><line id=\"1\" adr=\"127.0.0.1:" + std::to_string(i_port) + "\">" +
-           value(1, 1, 1101, 0) + value(1, 1, 1102, 1) + value(2, 2, 1201, 0) + value(2, 2, 1203, 2) +
-           value(2, 4, 1401, 0) + value(6, 5, 1501, 0) + value(6, 5, 1504, 4) + value(5, 6, 1601, 0) +
-           value(5, 6, 1602, 1) + value(2, 9, 1901, 0) + "</line><line id=\"2\" adr=\"" + i_serial + "\">" +
-           value(7, 1, 2101, 0) + value(7, 1, 2108, 8) + value(5, 2, 2201, 1) + value(8, 3, 2301, 1) +
+    return "<energy v=\"1\"><line id=\"1\" adr=\"127.0.0.1:" + std::to_string(i_port) + "\">" + value(1, 1, 1101, 0) +
+           value(1, 1, 1102, 1) + value(2, 2, 1201, 0) + value(2, 2, 1203, 2) + value(2, 4, 1401, 0) +
+           value(6, 5, 1501, 0) + value(6, 5, 1504, 4) + value(5, 6, 1601, 0) + value(5, 6, 1602, 1) +
+           value(2, 9, 1901, 0) + "</line><line id=\"2\" adr=\"" + i_serial + "\">" + value(7, 1, 2101, 0) +
+           value(7, 1, 2108, 8) + value(5, 2, 2201, 1) + value(8, 3, 2301, 1) +
            "</line><davis adr=\"127.0.0.1:" + std::to_string(i_davis) + "\"/></energy>";
 }
 
@@ -181,17 +180,36 @@ TEST(DaemonFaults, RidesThroughDropsAndFaultsAndStopsInTheTick)
         soak += 60;
     keep_descriptors_from_children();
     kes_test::ChildProcess sim;
-    ASSERT_TRUE(sim.Start({kes_test::BinPath("kes_bus_sim"), "-conf", dir.File("conf.xml"), "-hour", "12", "-weather",
-                           "1000", "-drop", "1:4:1.5:20", "-drop", "2:5:1.5:16", "-fault", "garbage:1:4:30",
-                           "-fault", "late:1:5:20:700", "-fault", "unit:1:6:30", "-fault", "silent:1:9", "-fault",
-                           "crc:2:2:30", "-fault", "exception:2:3:30"}));
+    ASSERT_TRUE(sim.Start({kes_test::BinPath("kes_bus_sim"),
+                           "-conf",
+                           dir.File("conf.xml"),
+                           "-hour",
+                           "12",
+                           "-weather",
+                           "1000",
+                           "-drop",
+                           "1:4:1.5:20",
+                           "-drop",
+                           "2:5:1.5:16",
+                           "-fault",
+                           "garbage:1:4:30",
+                           "-fault",
+                           "late:1:5:20:700",
+                           "-fault",
+                           "unit:1:6:30",
+                           "-fault",
+                           "silent:1:9",
+                           "-fault",
+                           "crc:2:2:30",
+                           "-fault",
+                           "exception:2:3:30"}));
     ASSERT_TRUE(sim.WaitForOutput("ready", 5000)) << sim.Output();
 
     Clock::time_point start = Clock::now();
     keep_descriptors_from_children();
     kes_test::ChildProcess daemon;
-    ASSERT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir",
-                              dir.File("data/"), "-history", "1"}));
+    ASSERT_TRUE(daemon.Start(
+        {kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir", dir.File("data/"), "-history", "1"}));
 
     std::vector<Datagram> got;
     std::map<std::string, double> back; // "line L back (n)" -> seconds
@@ -257,8 +275,8 @@ TEST(DaemonFaults, RidesThroughDropsAndFaultsAndStopsInTheTick)
     printf("descriptors %d then %d, resident %ld kB then %ld kB\n", early, late, resident[5], resident.back());
     if (!SANITIZED) {
         long settled = resident[5];
-        EXPECT_LE(resident.back(), settled + 512) << "resident memory grows: " << settled << " kB to "
-                                                  << resident.back() << " kB";
+        EXPECT_LE(resident.back(), settled + 512)
+            << "resident memory grows: " << settled << " kB to " << resident.back() << " kB";
     }
     // The weather stream got through as well.
     EXPECT_NE(kes_test::ReadFile(dir.File("data/meteo")), "");
@@ -287,8 +305,8 @@ TEST(DaemonFaults, SigtermDuringConfigurationEndsInOrder)
     const unsigned int delaysUs[] = {0, 500, 3000};
     for (unsigned int delay : delaysUs) {
         kes_test::ChildProcess daemon;
-        ASSERT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir",
-                                  dir.Path() + "/"}));
+        ASSERT_TRUE(
+            daemon.Start({kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir", dir.Path() + "/"}));
         auto end = Clock::now() + std::chrono::seconds(3);
         while (!catches_sigterm(daemon.Pid()) && Clock::now() < end)
             std::this_thread::sleep_for(std::chrono::microseconds(100));
@@ -355,8 +373,8 @@ TEST(DaemonFaults, SigtermDuringReconnectionEndsInOrder)
         kes_test::ChildProcess daemon;
         if (phase == StartUnanswered) {
             blackhole.reset(new Blackhole(port));
-            ASSERT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir",
-                                      dir.Path() + "/"}));
+            ASSERT_TRUE(daemon.Start(
+                {kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir", dir.Path() + "/"}));
             auto end = Clock::now() + std::chrono::seconds(3);
             while (!catches_sigterm(daemon.Pid()) && Clock::now() < end)
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -365,8 +383,8 @@ TEST(DaemonFaults, SigtermDuringReconnectionEndsInOrder)
         } else {
             ASSERT_TRUE(sim.Start({kes_test::BinPath("kes_bus_sim"), "-conf", dir.File("conf.xml")}));
             ASSERT_TRUE(sim.WaitForOutput("ready", 5000)) << sim.Output();
-            ASSERT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir",
-                                      dir.Path() + "/"}));
+            ASSERT_TRUE(daemon.Start(
+                {kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir", dir.Path() + "/"}));
             std::string datagram;
             ASSERT_TRUE(receiver.Receive(&datagram, 3000)) << daemon.Output();
             sim.Signal(SIGTERM);

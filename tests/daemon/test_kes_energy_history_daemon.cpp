@@ -66,9 +66,10 @@ protected:
     void run_until(const std::string& start, size_t groups)
     {
         kes_test::ChildProcess daemon;
-        ASSERT_TRUE(daemon.Start({"/usr/bin/env", std::string("LD_PRELOAD=") + FAKETIME, "FAKETIME=@" + start + " x20",
-                                  "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1",
-                                  kes_test::BinPath("kes_energy"), "-conf", m_dir.File("conf.xml"), "-dir", m_dir.File("data"), "-history", "1"}));
+        ASSERT_TRUE(
+            daemon.Start({"/usr/bin/env", std::string("LD_PRELOAD=") + FAKETIME, "FAKETIME=@" + start + " x20",
+                          "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1", kes_test::BinPath("kes_energy"),
+                          "-conf", m_dir.File("conf.xml"), "-dir", m_dir.File("data"), "-history", "1"}));
         auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         while (day_totals(Data("d"), "1203").size() < groups && std::chrono::steady_clock::now() < end)
             std::this_thread::sleep_for(std::chrono::milliseconds(100));

@@ -45,9 +45,8 @@ const ConfigCase CONFIG_CASES[] = {
     {"not_xml", "\x01\x02garbage", false, "Error", 0, false},
     // a cut multi-byte sequence once made the parser read past its buffer,
     // where it reads UTF-8: after a declaration of UTF-8 or of no encoding
-    {"broken_utf8",
-     "<?xml version=\"1.0\"?><energy><line id=\"1\" adr=\"a:1\"><v\xe0\x8c type=\"2\"/></line></energy>", false,
-     "Configuration file is not valid UTF-8 at byte 56", 0, false},
+    {"broken_utf8", "<?xml version=\"1.0\"?><energy><line id=\"1\" adr=\"a:1\"><v\xe0\x8c type=\"2\"/></line></energy>",
+     false, "Configuration file is not valid UTF-8 at byte 56", 0, false},
     {"truncated_utf8", "<?xml version=\"1.0\" encoding=\"utf-8\"?><energy/>\xf4", false, "not valid UTF-8", 0, false},
     {"byte_order_mark_wins", "\xef\xbb\xbf<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><energy/>\xf4", false,
      "not valid UTF-8", 0, false},
@@ -71,27 +70,27 @@ const ConfigCase CONFIG_CASES[] = {
      "<energy><line id=\"1\" adr=\"a:1\">" + value(0, 3, 1, 0) + value(12, 3, 2, 0) + value(-1, 3, 3, 0) +
          "</line></energy>",
      true, "Invalid Device Type 12", 0, false},
-    {"missing_and_text_attributes", "<energy><line><value type=\"2\" mid=\"x\" iid=\"\"/></line></energy>", true, "",
-     1, false},
+    {"missing_and_text_attributes", "<energy><line><value type=\"2\" mid=\"x\" iid=\"\"/></line></energy>", true, "", 1,
+     false},
     {"negative_and_huge_numbers",
      "<energy><line id=\"-5\" adr=\"a:1\">" + value(2, -3, 4294967295u, 999) +
          "<value type=\"2\" mid=\"99999999999\" iid=\"7\" fid=\"1\"/></line></energy>",
      true, "", 1, false},
-    {"same_iid_twice_on_a_device", "<energy><line id=\"1\" adr=\"a:1\">" + value(2, 3, 1, 0) + value(2, 3, 1, 1) +
-                                       "</line></energy>",
-     false, "Can not register parameter 1", 0, false},
-    {"same_fid_twice_on_a_device", "<energy><line id=\"1\" adr=\"a:1\">" + value(2, 3, 1, 0) + value(2, 3, 2, 0) +
-                                       "</line></energy>",
-     true, "kesEnergy::DataAddress already exist with same setting, skip...", 1, false},
+    {"same_iid_twice_on_a_device",
+     "<energy><line id=\"1\" adr=\"a:1\">" + value(2, 3, 1, 0) + value(2, 3, 1, 1) + "</line></energy>", false,
+     "Can not register parameter 1", 0, false},
+    {"same_fid_twice_on_a_device",
+     "<energy><line id=\"1\" adr=\"a:1\">" + value(2, 3, 1, 0) + value(2, 3, 2, 0) + "</line></energy>", true,
+     "kesEnergy::DataAddress already exist with same setting, skip...", 1, false},
     {"same_line_id_twice",
      "<energy><line id=\"1\" adr=\"a:1\">" + value(2, 3, 1, 0) + "</line><line id=\"1\" adr=\"b:1\">" +
          value(2, 4, 2, 0) + "</line></energy>",
      true, "", 2, false},
-    {"mid_zero_and_656", "<energy><line id=\"1\" adr=\"a:1\">" + value(2, 0, 1, 0) + value(2, 656, 2, 0) +
-                             "</line></energy>",
-     true, "", 1, false},
-    {"address_without_port", "<energy><line id=\"1\" adr=\"127.0.0.1\">" + value(2, 3, 1, 0) + "</line></energy>",
-     true, "", 1, false},
+    {"mid_zero_and_656",
+     "<energy><line id=\"1\" adr=\"a:1\">" + value(2, 0, 1, 0) + value(2, 656, 2, 0) + "</line></energy>", true, "", 1,
+     false},
+    {"address_without_port", "<energy><line id=\"1\" adr=\"127.0.0.1\">" + value(2, 3, 1, 0) + "</line></energy>", true,
+     "", 1, false},
     {"two_davis", "<energy><davis adr=\"a:1\"/><DAVIS adr=\"b:2\"/></energy>", true, "", 0, true},
     {"other_children_skipped", "<energy v=\"1\"><meter/><!-- c --></energy>", true, "", 0, false},
 };
@@ -197,8 +196,7 @@ std::vector<RouteCase> route_cases()
     kes::kesEnergyPulseCounterTwoData pulse2 = {300, 1000, 0, 2000, 1800};
     cases.push_back({"pulse_two", 8, bytes_of(pulse2), {"0", "1", "2", "2"}});
     kes::kesEnergyPulseCounterFiveData pulse5 = {300, 1, 3600, 2, 1800, 3, 1200, 4, 900, 5, 0};
-    cases.push_back(
-        {"pulse_five", 9, bytes_of(pulse5), {"1", "0", "2", "0", "3", "0", "4", "0", "0", "0"}});
+    cases.push_back({"pulse_five", 9, bytes_of(pulse5), {"1", "0", "2", "0", "3", "0", "4", "0", "0", "0"}});
     return cases;
 }
 
@@ -256,8 +254,8 @@ INSTANTIATE_TEST_SUITE_P(DeviceTypes, Routing, ::testing::ValuesIn(route_cases()
 TEST(RoutingKeys, OtherLinesAndUnknownCodesPublishNothing)
 {
     kes_test::TempDir dir;
-    kes_test::WriteFile(dir.File("conf.xml"), "<energy><line id=\"2\" adr=\"a:1\">" + value(2, 3, 1, 0) +
-                                                  "</line></energy>");
+    kes_test::WriteFile(dir.File("conf.xml"),
+                        "<energy><line id=\"2\" adr=\"a:1\">" + value(2, 3, 1, 0) + "</line></energy>");
     kes_net_test::UdpReceiver receiver;
     kesEnergy::MiraPort = receiver.port;
     kes_test::ErrorCapture log;

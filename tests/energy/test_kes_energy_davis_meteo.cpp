@@ -63,9 +63,7 @@ public:
     bool WaitRecords(size_t count)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        return m_arrived.wait_for(lock, std::chrono::seconds(20), [&] {
-            return m_records.size() >= count;
-        });
+        return m_arrived.wait_for(lock, std::chrono::seconds(20), [&] { return m_records.size() >= count; });
     }
     Texts Records()
     {
@@ -228,9 +226,7 @@ TEST_P(DavisMeteoStream, CutsRecordsAndWritesFiles)
 }
 
 INSTANTIATE_TEST_SUITE_P(Records, DavisMeteoStream, ::testing::ValuesIn(STREAM_CASES),
-                         [](const ::testing::TestParamInfo<StreamCase>& info) {
-                             return info.param.name;
-                         });
+                         [](const ::testing::TestParamInfo<StreamCase>& info) { return info.param.name; });
 
 TEST(DavisMeteoConnection, GatewayHangingUpLeavesTheClientIdle)
 {

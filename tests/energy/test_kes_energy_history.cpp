@@ -90,14 +90,15 @@ TEST_F(HistorySystem, ComputeTimeGivesTheTimeToTheNextBoundary)
         int hour, minute, second;
         unsigned int expected;
     } cases[] = {
-        {5, 12, 3, 20, 100000}, {5, 12, 5, 0, 300000}, {5, 12, 4, 59, 1000}, {60, 23, 59, 30, 30000},
+        {5, 12, 3, 20, 100000}, {5, 12, 5, 0, 300000},   {5, 12, 4, 59, 1000},    {60, 23, 59, 30, 30000},
         {1, 12, 3, 20, 40000},  {30, 9, 30, 0, 1800000}, {12, 23, 50, 0, 600000},
     };
     FakeClockHistory history;
     for (const auto& c : cases) {
         history.Init(c.minutes);
         history.SetLocal(2015, 3, 14, c.hour, c.minute, c.second);
-        EXPECT_EQ(c.expected, history.ComputeTime()) << c.minutes << " " << c.hour << ":" << c.minute << ":" << c.second;
+        EXPECT_EQ(c.expected, history.ComputeTime())
+            << c.minutes << " " << c.hour << ":" << c.minute << ":" << c.second;
     }
 }
 
@@ -108,7 +109,7 @@ TEST_F(HistorySystem, InitRoundsUpToADivisorOfTheHour)
         unsigned int minutes;
         bool notice;
     } cases[] = {{1, 1, false},  {5, 5, false},  {12, 12, false}, {60, 60, false}, {7, 10, true},
-                 {25, 30, true}, {61, 60, true}, {0, 60, true},    {45, 60, true}};
+                 {25, 30, true}, {61, 60, true}, {0, 60, true},   {45, 60, true}};
     FakeClockHistory history;
     for (const auto& c : cases) {
         m_log.Clear();

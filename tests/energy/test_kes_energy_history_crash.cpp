@@ -90,7 +90,7 @@ std::vector<Expected> BlockRows(bool day)
     std::vector<Expected> rows;
     for (unsigned int base : {ENERGY_BASE, VALUE_BASE, PULSE_BASE})
         for (unsigned int i = 0; i < PER_CLASS; ++i)
-            rows.push_back({std::to_string(base + i), base == ENERGY_BASE ? (day ? 4u : 1u)
+            rows.push_back({std::to_string(base + i), base == ENERGY_BASE  ? (day ? 4u : 1u)
                                                       : base == VALUE_BASE ? 3u
                                                                            : 1u});
     return rows;

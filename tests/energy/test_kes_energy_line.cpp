@@ -26,8 +26,8 @@ struct Seen {
     unsigned int source;
     int code;
     unsigned int address;
-    unsigned int key;   // 65535 only
-    double value;       // first measured value of a reading
+    unsigned int key;    // 65535 only
+    double value;        // first measured value of a reading
     unsigned int status; // Alarm only
 };
 

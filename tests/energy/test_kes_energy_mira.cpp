@@ -65,9 +65,7 @@ TEST_P(MiraDatagram, ReceiverGetsTheExactRecord)
 }
 
 INSTANTIATE_TEST_SUITE_P(Records, MiraDatagram, ::testing::ValuesIn(DATAGRAM_CASES),
-                         [](const ::testing::TestParamInfo<DatagramCase>& info) {
-                             return info.param.name;
-                         });
+                         [](const ::testing::TestParamInfo<DatagramCase>& info) { return info.param.name; });
 
 TEST(MiraDatagramLimits, TextBeyondTheLengthByteIsRefusedWholeWithAReport)
 {

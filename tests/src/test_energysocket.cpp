@@ -16,8 +16,7 @@ using kes_test::LoopbackServer;
 using kes_test::PeerThread;
 using kes_test::PtyPair;
 
-namespace
-{
+namespace {
 
 const Bytes REQUEST = {0x01, 0x03, 0x00, 0x64, 0x00, 0x02, 0x85, 0xD4};
 const Bytes REPLY = {0x01, 0x03, 0x04, 0x00, 0x01, 0x00, 0x02, 0x2A, 0x32};
@@ -47,8 +46,7 @@ TEST(EnergySocket, AddressPicksTheChannel)
     LoopbackServer server;
     server.Serve([](int, int) {}, 1, 2000);
     kes_test::TempDir dir;
-    struct Case
-    {
+    struct Case {
         const char* name;
         std::string address;
         bool serial;
@@ -65,8 +63,7 @@ TEST(EnergySocket, AddressPicksTheChannel)
         // the socket is made before the name is looked up
         {"no /dev/ before the name", "ttyUSB0", false, false, true},
     };
-    for (const Case& c : cases)
-    {
+    for (const Case& c : cases) {
         ErrorCapture errors;
         kesEnergySocket channel;
         EXPECT_EQ(c.opens, channel.Open(c.address.c_str(), 502) == kesErrorOk) << c.name << "\n" << errors.Dump();
@@ -96,8 +93,7 @@ TEST(EnergySocket, NewChannelHasNothing)
 
 TEST(EnergySocket, SerialEchoShapes)
 {
-    struct Case
-    {
+    struct Case {
         const char* name;
         std::function<Bytes(const Bytes&)> echo;
         int sendResult;
@@ -118,28 +114,24 @@ TEST(EnergySocket, SerialEchoShapes)
          },
          8, "Echo not equal\n[0x01][0x01]\n[0x03][0x83]\n[0x00][0x00]\n[0x64][0x64]\n"},
     };
-    for (const Case& c : cases)
-    {
+    for (const Case& c : cases) {
         PtyPair pty;
         kesEnergySocket channel;
         ASSERT_EQ(kesErrorOk, channel.Open(pty.LinkPath().c_str(), 0)) << c.name;
         ASSERT_TRUE(channel.SetReceiveTimeOut(c.sendResult == 8 ? SERIAL_TIMEOUT_MS : 60));
         // without a proper echo the reply would pass for one: the peer then stays quiet
-        PeerThread peer([&] { serial_peer(pty.Master(), REQUEST.size(), c.echo, c.sendResult == 8 ? REPLY : Bytes()); });
+        PeerThread peer(
+            [&] { serial_peer(pty.Master(), REQUEST.size(), c.echo, c.sendResult == 8 ? REPLY : Bytes()); });
         ErrorCapture errors;
         EXPECT_EQ(c.sendResult, channel.Send(REQUEST.data(), (unsigned int)REQUEST.size())) << c.name;
-        if (*c.record == 0)
-        {
+        if (*c.record == 0) {
             EXPECT_EQ(0u, errors.Count()) << c.name << "\n" << errors.Dump();
-        }
-        else
-        {
+        } else {
             EXPECT_EQ(1u, errors.Count()) << c.name << "\n" << errors.Dump();
             EXPECT_TRUE(errors.Contains(c.record)) << c.name << "\n" << errors.Dump();
         }
         peer.Join();
-        if (c.sendResult == 8)
-        {
+        if (c.sendResult == 8) {
             unsigned char reply[9] = {0};
             int received = -1;
             EXPECT_EQ(9, channel.Receive(reply, sizeof(reply), &received)) << c.name;
@@ -210,10 +202,12 @@ TEST(EnergySocket, SerialAdapterPulledOutClosesTheChannelAndItReopens)
 TEST(EnergySocket, LostGatewayClosesTheChannelAndItReopens)
 {
     LoopbackServer server;
-    server.Serve([](int, int index) {
-        if (index == 1)
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }, 2);
+    server.Serve(
+        [](int, int index) {
+            if (index == 1)
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        },
+        2);
     kesEnergySocket channel;
     ASSERT_EQ(kesErrorOk, channel.Open(server.Address().c_str(), 0));
     channel.SetReceiveTimeOut(2000);
@@ -268,8 +262,7 @@ TEST(EnergySocket, TwoSerialLinesAtOnceKeepTheirOwnEchoes)
                     for (int r = 0; r < rounds; ++r)
                         kes_test::WriteAll(pty.Master(), kes_test::ReadFor(pty.Master(), frame.size(), 2000));
                 });
-                for (int r = 0; r < rounds; ++r)
-                {
+                for (int r = 0; r < rounds; ++r) {
                     frame[2] = (unsigned char)r;
                     if (channel.Send(frame.data(), (unsigned int)frame.size()) == 3)
                         ++good[line];
@@ -298,8 +291,7 @@ TEST(EnergySocket, FrameLongerThanTheEchoBufferIsRefused)
 
 TEST(EnergySocket, HelperSendPurgeEcho)
 {
-    struct Case
-    {
+    struct Case {
         const char* name;
         Bytes answer;
         int expected;
@@ -309,8 +301,7 @@ TEST(EnergySocket, HelperSendPurgeEcho)
         {"answer of the frame's size", Bytes(8, 0xAA), 8, ""},
         {"no answer", {}, kesErrorFailed, "Timeout response not received...\n"},
     };
-    for (const Case& c : cases)
-    {
+    for (const Case& c : cases) {
         Gate done;
         LoopbackServer server;
         server.Serve([&](int fd, int) {
@@ -323,12 +314,9 @@ TEST(EnergySocket, HelperSendPurgeEcho)
         channel.SetReceiveTimeOut(80);
         ErrorCapture errors;
         EXPECT_EQ(c.expected, __SEND_PURGE_ECHO__(&channel, REQUEST.data(), (unsigned int)REQUEST.size())) << c.name;
-        if (*c.record == 0)
-        {
+        if (*c.record == 0) {
             EXPECT_EQ(0u, errors.Count()) << c.name << "\n" << errors.Dump();
-        }
-        else
-        {
+        } else {
             EXPECT_TRUE(errors.Contains(c.record)) << c.name << "\n" << errors.Dump();
         }
         done.Open();

@@ -50,8 +50,8 @@ protected:
 
     void Open(unsigned int i_receive = 50, unsigned int i_answer = 5, unsigned int i_failure = 30)
     {
-        ASSERT_EQ(kesErrorOk, m_system.OpenCommunication(m_gateway.GetAddress().c_str(), 0, i_receive, i_answer,
-                                                         i_failure));
+        ASSERT_EQ(kesErrorOk,
+                  m_system.OpenCommunication(m_gateway.GetAddress().c_str(), 0, i_receive, i_answer, i_failure));
     }
 
     TestGateway m_gateway;
@@ -64,10 +64,10 @@ protected:
 
 TEST(EnergySystemNames, DeviceTypesAlarmStatusesAndCycleStates)
 {
-    const char* const types[] = {"Unknown type 0", "Panel",          "String",           "Alarm",
-                                 "Ambient",        "PulseCounter",   "StringTwo",        "StringFour",
-                                 "PulseCounterTwo", "PulseCounterFive", "StringOne",      "StringThree",
-                                 "Unknown type 12"};
+    const char* const types[] = {
+        "Unknown type 0", "Panel",       "String",         "Alarm",           "Ambient",
+        "PulseCounter",   "StringTwo",   "StringFour",     "PulseCounterTwo", "PulseCounterFive",
+        "StringOne",      "StringThree", "Unknown type 12"};
     for (unsigned int i = 0; i < sizeof(types) / sizeof(types[0]); ++i)
         EXPECT_EQ(types[i], kesEnergySystem::DeviceTypeToTypeName(static_cast<kesEEnergyDeviceType>(i))) << i;
 
@@ -79,8 +79,7 @@ TEST(EnergySystemNames, DeviceTypesAlarmStatusesAndCycleStates)
                                     "Returned power greater than maximun, possible manumission",
                                     "Unknown type 6"};
     for (unsigned int i = 0; i < sizeof(statuses) / sizeof(statuses[0]); ++i)
-        EXPECT_EQ(statuses[i], kesEnergySystem::AlarmStatusTypeToTypeName(static_cast<kesEEnergyAlarmStatus>(i)))
-            << i;
+        EXPECT_EQ(statuses[i], kesEnergySystem::AlarmStatusTypeToTypeName(static_cast<kesEEnergyAlarmStatus>(i))) << i;
 
     const char* const cycles[] = {"Terminated", "In Progress", "Unknown type 2"};
     for (unsigned int i = 0; i < 3; ++i)
@@ -97,11 +96,8 @@ TEST_F(EnergySystemTest, TimingIsRaisedToItsFloors)
         unsigned int stored[3];
     };
     const Row rows[] = {
-        {{10, 1, 1}, {50, 5, 30}},
-        {{49, 4, 29}, {50, 5, 30}},
-        {{50, 5, 30}, {50, 5, 30}},
-        {{500, 100, 100}, {500, 100, 100}},
-        {{0, 0, 0}, {50, 5, 30}},
+        {{10, 1, 1}, {50, 5, 30}},          {{49, 4, 29}, {50, 5, 30}}, {{50, 5, 30}, {50, 5, 30}},
+        {{500, 100, 100}, {500, 100, 100}}, {{0, 0, 0}, {50, 5, 30}},
     };
     EXPECT_FALSE(m_system.IsConnected());
     for (const Row& row : rows) {
@@ -236,7 +232,11 @@ std::vector<DecodeRow> decode_rows()
         {"panel", 1, 300, {0x5DC0, 0x00FA}, panel_reader(), {240.00f, 25.0f}},
         {"panel registers unsigned", 1, 100, {0xFFFF, 0xFFFF}, panel_reader(), {655.35f, 6553.5f}},
         {"string", 2, 300, {2405, 1234}, string_reader(&kesEnergySystem::ReadStringVoltAmpere), {240.5f, 12.34f}},
-        {"string at its maximum", 2, 900, {0xFFFF, 0xFFFF}, string_reader(&kesEnergySystem::ReadStringVoltAmpere),
+        {"string at its maximum",
+         2,
+         900,
+         {0xFFFF, 0xFFFF},
+         string_reader(&kesEnergySystem::ReadStringVoltAmpere),
          {6553.5f, 655.35f}},
         {"string one", 10, 400, {3000, 99}, string_reader(&kesEnergySystem::ReadStringOneVoltAmpere), {300.0f, 0.99f}},
         {"string two", 6, 500, {3001, 100, 200}, string_n_reader(2), {300.1f, 1.0f, 2.0f}},
@@ -278,9 +278,9 @@ TEST_F(EnergySystemTest, EveryReadDecodesItsRegisters)
         // one request: the unit is the device type, the block starts at the bus address
         std::vector<Bytes> requests = m_gateway.GetRequests();
         ASSERT_EQ(1u, requests.size());
-        Bytes expected = WithCrc({row.unit, 3, static_cast<uint8_t>(row.address >> 8),
-                                  static_cast<uint8_t>(row.address & 0xFF), 0,
-                                  static_cast<uint8_t>(row.registers.size())});
+        Bytes expected =
+            WithCrc({row.unit, 3, static_cast<uint8_t>(row.address >> 8), static_cast<uint8_t>(row.address & 0xFF), 0,
+                     static_cast<uint8_t>(row.registers.size())});
         EXPECT_EQ(kes_test::ToHex(expected), kes_test::ToHex(requests[0]));
     }
     EXPECT_EQ(0u, m_log.Count()) << m_log.Dump();
@@ -305,10 +305,11 @@ TEST(EnergySystemPymodbus, EveryReadDecodesWhatThePeerHolds)
     json += "}";
 
     kes_test::ChildProcess peer;
-    ASSERT_TRUE(peer.Start({"/usr/bin/python3", std::string(KES_SOURCE_DIR) + "/tests/support/pymodbus_gateway.py",
-                            json}));
+    ASSERT_TRUE(
+        peer.Start({"/usr/bin/python3", std::string(KES_SOURCE_DIR) + "/tests/support/pymodbus_gateway.py", json}));
     ASSERT_TRUE(peer.WaitForOutput("PORT ", 20000))
-        << "the pymodbus gateway did not start (is python3-pymodbus installed?):\n" << peer.Output();
+        << "the pymodbus gateway did not start (is python3-pymodbus installed?):\n"
+        << peer.Output();
     std::string output = peer.Output();
     unsigned int port = static_cast<unsigned int>(std::stoul(output.substr(output.find("PORT ") + 5)));
 
@@ -379,8 +380,8 @@ TEST_F(EnergySystemTest, EveryReplyShapeEndsAtItsCheckWithItsPause)
     const unsigned int answerPause = 300;
     const ShapeRow rows[] = {
         {"good reply", G::MakeFault(G::FaultNone), "", PauseAnswer, true},
-        {"no reply", G::MakeFault(G::FaultSilent),
-         "Response timeout received 0 bytes but requested 9 at address:300", PauseFailure, true},
+        {"no reply", G::MakeFault(G::FaultSilent), "Response timeout received 0 bytes but requested 9 at address:300",
+         PauseFailure, true},
         {"reply short by two bytes", G::MakeFault(G::FaultShort, 2),
          "Response timeout received 7 bytes but requested 9 at address:300", PauseFailure, true},
         {"standard exception reply", G::MakeFault(G::FaultException, 2),

@@ -77,10 +77,7 @@ protected:
         kesEnergySystem::EXECUTION_COUNT = m_savedCount;
         kesEnergySystem::MODE = m_savedMode;
     }
-    void Open()
-    {
-        ASSERT_EQ(kesErrorOk, m_system.OpenCommunication(m_gateway.GetAddress().c_str(), 0, 50, 5, 30));
-    }
+    void Open() { ASSERT_EQ(kesErrorOk, m_system.OpenCommunication(m_gateway.GetAddress().c_str(), 0, 50, 5, 30)); }
     std::string LastRequest() const
     {
         std::vector<Bytes> requests = m_gateway.GetRequests();
@@ -108,23 +105,55 @@ TEST_F(BusTest, FramesOnTheWire)
         {"enable search", [](BusSystem& s) { s.EnableAllDeviceFind(); }, "FF 0E 4F 4B 25 F4", false},
         {"mute", [](BusSystem& s) { s.MuteDeviceBySerial(16909060); }, "FF 0C 01 02 03 04 A5 1A", false},
         {"set address", [](BusSystem& s) { s.SetDeviceAddress(16909060, 5); }, "FF 07 01 02 03 04 05 1B 03", false},
-        {"coarse search", [](BusSystem& s) { kesArray<kesEnergyDevice> d; s.Coarse(7, &d); }, "FF 03 00 07 81 F2",
-         false},
-        {"fine search", [](BusSystem& s) { kesArray<kesEnergyDevice> d; s.Fine(1015, &d); }, "FF 04 03 F7 30 87",
-         false},
-        {"find by serial", [](BusSystem& s) { kesEnergyDevice d; s.FindDeviceBySerial(0x00012345, &d); },
+        {"coarse search",
+         [](BusSystem& s) {
+             kesArray<kesEnergyDevice> d;
+             s.Coarse(7, &d);
+         },
+         "FF 03 00 07 81 F2", false},
+        {"fine search",
+         [](BusSystem& s) {
+             kesArray<kesEnergyDevice> d;
+             s.Fine(1015, &d);
+         },
+         "FF 04 03 F7 30 87", false},
+        {"find by serial",
+         [](BusSystem& s) {
+             kesEnergyDevice d;
+             s.FindDeviceBySerial(0x00012345, &d);
+         },
          "FF 04 23 45", true},
-        {"panel model", [](BusSystem& s) { kesString t; s.ReadPanelModel(300, &t); }, "01 03 01 2E 00 05", true},
-        {"string four serial", [](BusSystem& s) { kesString t; s.ReadStringFourSerial(300, &t); },
+        {"panel model",
+         [](BusSystem& s) {
+             kesString t;
+             s.ReadPanelModel(300, &t);
+         },
+         "01 03 01 2E 00 05", true},
+        {"string four serial",
+         [](BusSystem& s) {
+             kesString t;
+             s.ReadStringFourSerial(300, &t);
+         },
          "07 03 01 36 00 0F", true},
-        {"ambient test date at 24", [](BusSystem& s) { kesString t; s.ReadAmbientTestDate(300, &t); },
+        {"ambient test date at 24",
+         [](BusSystem& s) {
+             kesString t;
+             s.ReadAmbientTestDate(300, &t);
+         },
          "04 03 01 44 00 0A", true},
-        {"alarm test date at 25", [](BusSystem& s) { kesString t; s.ReadAlarmTestDate(300, &t); },
+        {"alarm test date at 25",
+         [](BusSystem& s) {
+             kesString t;
+             s.ReadAlarmTestDate(300, &t);
+         },
          "03 03 01 45 00 0A", true},
-        {"string test date at 22", [](BusSystem& s) { kesString t; s.ReadStringTestDate(300, &t); },
+        {"string test date at 22",
+         [](BusSystem& s) {
+             kesString t;
+             s.ReadStringTestDate(300, &t);
+         },
          "02 03 01 42 00 0A", true},
-        {"panel flash", [](BusSystem& s) { s.ReadPanelFlash(300, 0, 0, 0, 0, 0, 0, 0, 0); }, "01 03 01 4C 00 09",
-         true},
+        {"panel flash", [](BusSystem& s) { s.ReadPanelFlash(300, 0, 0, 0, 0, 0, 0, 0, 0); }, "01 03 01 4C 00 09", true},
         {"alarm status", [](BusSystem& s) { s.ReadAlarmStatus(300, 0, 0, 0); }, "03 03 01 2E 00 02", true},
         {"alarm tuning, 17 bytes", [](BusSystem& s) { s.SetupAlarmTuning(300, 0x0102, 0x0304, 0x0506); },
          "03 10 01 2C 00 04 08 00 01 01 02 03 04 05 06", true},
@@ -470,7 +499,12 @@ TEST_F(BusTest, SearchExchangeResults)
         {"other length", false, Hex("FF 05 07 00 00"), true, -3, {}, "Can not receive 11 bytes:(7 at module:7)"},
         {"not a reply", false, Hex("FF 06 07 00 00 00 00 03 E9 0C"), true, -1, {}, nullptr},
         {"coarse collision", false, Hex("FF 05 07 00 00 00 00 03 E9 0C 00 00"), false, -2, {}, nullptr},
-        {"fine collision", true, Hex("FF 06 07 00 00 00 00 03 E9 0C 00 00"), false, -2, {},
+        {"fine collision",
+         true,
+         Hex("FF 06 07 00 00 00 00 03 E9 0C 00 00"),
+         false,
+         -2,
+         {},
          "COLLISION [FF 06 07 00 00 00 00 03 E9 0C 00 00 ]"},
     };
     for (unsigned int serial = 1001; serial <= 1005; ++serial)
@@ -572,11 +606,11 @@ TEST_F(BusTest, CollidingDevicesAreEachFoundOnceThenNumbered)
 
 TEST_F(BusTest, DevicesThatKeepAnsweringCannotHoldTheSearch)
 {
-    m_gateway.AddDevice(kesEnergyDeviceString, 111, 1);     // never falls silent
+    m_gateway.AddDevice(kesEnergyDeviceString, 111, 1); // never falls silent
     m_gateway.SetUnmutable(111);
-    m_gateway.AddDevice(kesEnergyDeviceString, 222, 2);     // answers with type 12
+    m_gateway.AddDevice(kesEnergyDeviceString, 222, 2); // answers with type 12
     m_gateway.SetSearchType(222, 12);
-    m_gateway.AddDevice(kesEnergyDeviceString, 333, 3);     // old short answers
+    m_gateway.AddDevice(kesEnergyDeviceString, 333, 3); // old short answers
     m_gateway.SetShortForm(333);
     Open();
     m_system.ShortenReceiveTimeOut();
@@ -674,7 +708,12 @@ TEST_F(BusTest, DeviceReports)
              "\tEfficiency -----------------:15.30 %\n"
              "\tNumber of Cells ------------:60\n"
              "\tNumber of Panels -----------:1\n"},
-        {"string four", kesEnergyDeviceStringFour, 2002, 4, {2300, 100, 250, 0, 1000}, true,
+        {"string four",
+         kesEnergyDeviceStringFour,
+         2002,
+         4,
+         {2300, 100, 250, 0, 1000},
+         true,
          std::string("[StringFour][4]\n"
                      "\tHardware Serial ------------:2002\n"
                      "\tModbus Address -------------:400\n") +
@@ -688,7 +727,12 @@ TEST_F(BusTest, DeviceReports)
              "\t3 Instantaneous Power ------:0.00 W\n"
              "\t4 Ampere -------------------:10.00 A\n"
              "\t4 Instantaneous Power ------:2300.00 W\n"},
-        {"alarm", kesEnergyDeviceAlarm, 3003, 5, {2300, 150, 0x0003, 500}, true,
+        {"alarm",
+         kesEnergyDeviceAlarm,
+         3003,
+         5,
+         {2300, 150, 0x0003, 500},
+         true,
          std::string("[Alarm][5]\n"
                      "\tHardware Serial ------------:3003\n"
                      "\tModbus Address -------------:500\n") +
@@ -701,8 +745,12 @@ TEST_F(BusTest, DeviceReports)
              "\tInstantaneous Power --------:345.00 W\n"},
         // Its model and serial text lie under the pulse registers and start
         // with a zero byte; the test date is missing.
-        {"five channels", kesEnergyDevicePulseCounterFive, 4004, 6,
-         {0, 1500, 3600, 0, 7, 1, 4464, 0, 0, 0, 0, 0, 1800, 0, 0, 0, 250, 7200, 0, 0, 0, 1000, 360, 0, 42}, false,
+        {"five channels",
+         kesEnergyDevicePulseCounterFive,
+         4004,
+         6,
+         {0, 1500, 3600, 0, 7, 1, 4464, 0, 0, 0, 0, 0, 1800, 0, 0, 0, 250, 7200, 0, 0, 0, 1000, 360, 0, 42},
+         false,
          "[PulseCounterFive][6]\n"
          "\tHardware Serial ------------:4004\n"
          "\tModbus Address -------------:600\n"
@@ -734,7 +782,12 @@ TEST_F(BusTest, DeviceReports)
          "\tOR Instantaneous Power -----:10.00 kW\n"
          "\tOR Production --------------:1.00 kWh\n"
          "\tORP Pulse Count ------------:42 ms\n"},
-        {"pulse counter, no time yet", kesEnergyDevicePulseCounter, 5005, 7, {0, 10, 0}, true,
+        {"pulse counter, no time yet",
+         kesEnergyDevicePulseCounter,
+         5005,
+         7,
+         {0, 10, 0},
+         true,
          std::string("[PulseCounter][7]\n"
                      "\tHardware Serial ------------:5005\n"
                      "\tModbus Address -------------:700\n") +
@@ -744,7 +797,12 @@ TEST_F(BusTest, DeviceReports)
              "\tO Instantaneous Power ------:0.00 kW\n"
              "\tO Production ---------------:0.01 kWh\n"},
         // Its model would lie on the last pulse register: no texts here.
-        {"pulse counter two", kesEnergyDevicePulseCounterTwo, 6006, 8, {0, 1500, 3600, 0, 2000, 1800}, false,
+        {"pulse counter two",
+         kesEnergyDevicePulseCounterTwo,
+         6006,
+         8,
+         {0, 1500, 3600, 0, 2000, 1800},
+         false,
          std::string("[PulseCounterTwo][8]\n"
                      "\tHardware Serial ------------:6006\n"
                      "\tModbus Address -------------:800\n"
@@ -759,12 +817,22 @@ TEST_F(BusTest, DeviceReports)
              "\tOR Last Time ---------------:1800 ms\n"
              "\tOR Instantaneous Power -----:2.00 kVAR\n"
              "\tOR Production --------------:2.00 kVARh\n"},
-        {"ambient", kesEnergyDeviceAmbient, 7007, 9, {}, true,
+        {"ambient",
+         kesEnergyDeviceAmbient,
+         7007,
+         9,
+         {},
+         true,
          std::string("[Ambient][9]\n"
                      "\tHardware Serial ------------:7007\n"
                      "\tModbus Address -------------:900\n") +
              HEAD_PANEL},
-        {"string one", kesEnergyDeviceStringOne, 8008, 10, {2300, 200}, true,
+        {"string one",
+         kesEnergyDeviceStringOne,
+         8008,
+         10,
+         {2300, 200},
+         true,
          std::string("[StringOne][10]\n"
                      "\tHardware Serial ------------:8008\n"
                      "\tModbus Address -------------:1000\n") +

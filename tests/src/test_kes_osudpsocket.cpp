@@ -52,9 +52,7 @@ INSTANTIATE_TEST_SUITE_P(Addresses, UdpSocketDestination,
                                            DestinationCase{"dotted", "127.0.0.1", false},
                                            DestinationCase{"name", "localhost", false},
                                            DestinationCase{"name_with_port", "localhost:", true}),
-                         [](const ::testing::TestParamInfo<DestinationCase>& info) {
-                             return info.param.name;
-                         });
+                         [](const ::testing::TestParamInfo<DestinationCase>& info) { return info.param.name; });
 
 TEST(UdpSocket, CloseIsSilentAndRepeatableThenEverythingIsRefusedUntilReset)
 {

@@ -11,8 +11,7 @@
 
 using namespace kes;
 
-namespace
-{
+namespace {
 
 typedef std::vector<unsigned char> Bytes;
 
@@ -26,8 +25,7 @@ std::string hex(const Bytes& i_bytes)
 {
     std::string text;
     char part[4];
-    for (unsigned char b : i_bytes)
-    {
+    for (unsigned char b : i_bytes) {
         snprintf(part, sizeof(part), "%02X ", b);
         text += part;
     }
@@ -36,14 +34,16 @@ std::string hex(const Bytes& i_bytes)
 
 const unsigned char DATA4[] = {0xDE, 0xAD, 0xBE, 0xEF};
 
-template <class FRAME, class SETUP> Bytes built(SETUP i_setup)
+template <class FRAME, class SETUP>
+Bytes built(SETUP i_setup)
 {
     FRAME frame;
     i_setup(frame);
     return frame_bytes(*frame.GetModbusRtuFramePtr());
 }
 
-template <class FRAME> Bytes built()
+template <class FRAME>
+Bytes built()
 {
     return built<FRAME>([](FRAME&) {});
 }
@@ -61,33 +61,44 @@ TEST(ModbusRtuFrame, BytesOnTheWire)
     // CRCs from an independent Modbus implementation (pymodbus computeCRC)
     const std::vector<std::tuple<const char*, Bytes, Bytes>> cases = {
         {"new read holding registers", built<Holding>(), {0x00, 0x03, 0x00, 0x00, 0x00, 0x00, 0x44, 0x1B}},
-        {"unit 1, registers 100 and 2", built<Holding>([](Holding& f) { f.SetUnitID(1), f.SetRegisters(100, 2); }),
+        {"unit 1, registers 100 and 2",
+         built<Holding>([](Holding& f) { f.SetUnitID(1), f.SetRegisters(100, 2); }),
          {0x01, 0x03, 0x00, 0x64, 0x00, 0x02, 0x85, 0xD4}},
-        {"panel read at bus address 300", built<Holding>([](Holding& f) { f.SetRegisters(300, 2), f.SetUnitID(1); }),
+        {"panel read at bus address 300",
+         built<Holding>([](Holding& f) { f.SetRegisters(300, 2), f.SetUnitID(1); }),
          {0x01, 0x03, 0x01, 0x2C, 0x00, 0x02, 0x04, 0x3E}},
         {"new read coils", built<kesModbusRtuReadCoilsFrame>(), {0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x3D, 0xDB}},
-        {"new read discrete inputs", built<kesModbusRtuReadDiscreteInputsFrame>(),
+        {"new read discrete inputs",
+         built<kesModbusRtuReadDiscreteInputsFrame>(),
          {0x00, 0x02, 0x00, 0x00, 0x00, 0x00, 0x79, 0xDB}},
-        {"new read input registers", built<kesModbusRtuReadInputRegistersFrame>(),
+        {"new read input registers",
+         built<kesModbusRtuReadInputRegistersFrame>(),
          {0x00, 0x04, 0x00, 0x00, 0x00, 0x00, 0xF1, 0xDB}},
         {"new write single coil", built<SingleCoil>(), {0x00, 0x05, 0x00, 0x00, 0x00, 0x00, 0xCC, 0x1B}},
-        {"single coil on 1", built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 1); }),
+        {"single coil on 1",
+         built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 1); }),
          {0x00, 0x05, 0x00, 0x05, 0xFF, 0x00, 0x9D, 0xEA}},
-        {"single coil on 2 counts as on", built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 2); }),
+        {"single coil on 2 counts as on",
+         built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 2); }),
          {0x00, 0x05, 0x00, 0x05, 0xFF, 0x00, 0x9D, 0xEA}},
-        {"single coil off", built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 1), f.SetRegister(5, 0); }),
+        {"single coil off",
+         built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 1), f.SetRegister(5, 0); }),
          {0x00, 0x05, 0x00, 0x05, 0x00, 0x00, 0xDC, 0x1A}},
         {"new write single register", built<SingleRegister>(), {0x00, 0x06, 0x00, 0x00, 0x00, 0x00, 0x88, 0x1B}},
-        {"single register 5 = 0x1234", built<SingleRegister>([](SingleRegister& f) { f.SetRegister(5, 0x1234); }),
+        {"single register 5 = 0x1234",
+         built<SingleRegister>([](SingleRegister& f) { f.SetRegister(5, 0x1234); }),
          {0x00, 0x06, 0x00, 0x05, 0x12, 0x34, 0x95, 0x6D}},
-        {"new write multiple coils is 8 bytes", built<kesModbusRtuWriteMultipleCoilsFrame>(),
+        {"new write multiple coils is 8 bytes",
+         built<kesModbusRtuWriteMultipleCoilsFrame>(),
          {0x00, 0x0F, 0x00, 0x00, 0x00, 0x00, 0x54, 0x1A}},
         {"new write multiple registers", built<MultipleRegisters>(), {0x00, 0x10, 0x00, 0x00, 0x00, 0x00, 0xC1, 0xD8}},
         {"header before data",
-         built<MultipleRegisters>([](MultipleRegisters& f) { f.SetUnitID(1), f.SetRegisters(10, 2), f.SetData(DATA4, 4); }),
+         built<MultipleRegisters>(
+             [](MultipleRegisters& f) { f.SetUnitID(1), f.SetRegisters(10, 2), f.SetData(DATA4, 4); }),
          {0x01, 0x10, 0x00, 0x0A, 0x00, 0x02, 0x04, 0xDE, 0xAD, 0xBE, 0xEF, 0xE8, 0x35}},
         {"header after data",
-         built<MultipleRegisters>([](MultipleRegisters& f) { f.SetData(DATA4, 4), f.SetRegisters(10, 2), f.SetUnitID(1); }),
+         built<MultipleRegisters>(
+             [](MultipleRegisters& f) { f.SetData(DATA4, 4), f.SetRegisters(10, 2), f.SetUnitID(1); }),
          {0x01, 0x10, 0x00, 0x0A, 0x00, 0x02, 0x04, 0xDE, 0xAD, 0xBE, 0xEF, 0xE8, 0x35}},
     };
     for (const auto& c : cases)
@@ -103,8 +114,7 @@ TEST(ModbusRtuFrame, EverySetterRefreshesTheCrc)
         {"registers", [](kesModbusRtuFrame& f) { f.SetRegisters(0x1234, 9); }},
         {"data", [](kesModbusRtuFrame& f) { f.SetData(DATA4, 4); }},
     };
-    for (const auto& setter : setters)
-    {
+    for (const auto& setter : setters) {
         kesModbusRtuFrame frame;
         frame.SetFunctionCodeID(kesModbusFunctionReadHoldingRegisters);
         Bytes before = frame_bytes(frame);
@@ -166,16 +176,17 @@ TEST(ModbusRtuFrame, ExceptionTexts)
         {4, "E:0x4 Server Failure\nThe server failed during the execution", ""},
         {5, "E:0x5 Acknowledge\n", "\nservice invocation receipt."},
         {6, "E:0x6 Server Busy\n", "\nand when to re-send the request."},
-        {7, "E:0x7 Negative Acknowledge\n", "\nThe master should request diagnostic or error information from the slave."},
-        {8, "E:0x8 Memory Parity Error\n", "\nThe master can retry the request, but service may be required on the slave device."},
+        {7, "E:0x7 Negative Acknowledge\n",
+         "\nThe master should request diagnostic or error information from the slave."},
+        {8, "E:0x8 Memory Parity Error\n",
+         "\nThe master can retry the request, but service may be required on the slave device."},
         {9, "UnKnown Exception", ""},
         {10, "E:0xA Gateway problem\nGateway paths not available.", ""},
         {11, "E:0xB Gateway problem\nThe targeted device failed to respond.The gateway generates this exception.", ""},
         {12, "UnKnown Exception", ""},
         {255, "UnKnown Exception", ""},
     };
-    for (const auto& c : cases)
-    {
+    for (const auto& c : cases) {
         unsigned char bytes[] = {0x01, 0x84, std::get<0>(c), 0x00, 0x00};
         kesModbusRtuFrame reply(bytes, sizeof(bytes));
         std::string text = reply.GetExceptionDescription();
@@ -191,8 +202,7 @@ TEST(ModbusRtuFrame, ExceptionTexts)
 
 TEST(ModbusRtuFrame, DataViews)
 {
-    struct ViewCase
-    {
+    struct ViewCase {
         const char* name;
         Bytes frame;
         bool reply;
@@ -215,8 +225,7 @@ TEST(ModbusRtuFrame, DataViews)
         {"data frame claiming too much", {1, 16, 0, 0, 0, 0, 50, 1, 2, 3, 0, 0}, false, -1, 0},
         {"read request cut short", {1, 3, 0, 100}, false, -1, 0},
     };
-    for (const ViewCase& c : cases)
-    {
+    for (const ViewCase& c : cases) {
         Bytes copy = c.frame;
         kesModbusRtuFrame frame(copy.data(), (unsigned int)copy.size());
         const unsigned char* expected = c.offset < 0 ? nullptr : frame.GetFrameBufferPtr() + c.offset;
@@ -243,8 +252,7 @@ TEST(ModbusRtuFrame, ReadFramesArePinnedToTheRequestView)
 
 TEST(ModbusRtuFrame, ResponseBufferSize)
 {
-    const struct
-    {
+    const struct {
         kesEModbusFunctionCode code;
         unsigned short count;
         unsigned int expected;
@@ -261,8 +269,7 @@ TEST(ModbusRtuFrame, ResponseBufferSize)
         {kesModbusFunctionWriteMultipleRegisters, 30, 8},
         {kesEModbusFunctionCode(0x83), 2, 0},
     };
-    for (const auto& c : cases)
-    {
+    for (const auto& c : cases) {
         kesModbusRtuFrame frame;
         frame.SetFunctionCodeID(c.code);
         frame.SetRegisters(0, c.count);
@@ -335,8 +342,7 @@ TEST(ModbusRtuFrame, Downcasts)
         multipleRegisters.GetModbusRtuFramePtr(),
     };
     // row: frame, column: which downcast answers with the object itself
-    for (size_t row = 0; row < 9; ++row)
-    {
+    for (size_t row = 0; row < 9; ++row) {
         kesIModbusRtuFrame* f = frames[row];
         const void* answers[] = {
             f->GetModbusRtuFramePtr(),
@@ -372,8 +378,7 @@ TEST(ModbusRtuFrame, DumpFrame)
 TEST(ModbusRtuFrame, ShortFramesAreReadSafely)
 {
     const Bytes cases[] = {{0x01}, {0x01, 0x83}, {0x01, 0x03, 0x02}, {0x01, 0x03, 0x02, 0x00, 0x01}};
-    for (const Bytes& c : cases)
-    {
+    for (const Bytes& c : cases) {
         Bytes copy = c;
         kesModbusRtuFrame frame(copy.data(), (unsigned int)copy.size());
         EXPECT_EQ(c.size(), frame.GetFrameSize());

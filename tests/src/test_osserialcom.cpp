@@ -13,8 +13,7 @@ using kes_test::Bytes;
 using kes_test::ErrorCapture;
 using kes_test::PtyPair;
 
-namespace
-{
+namespace {
 
 typedef std::chrono::steady_clock Clock;
 
@@ -30,8 +29,7 @@ long elapsed_ms(Clock::time_point i_start)
 }
 
 // records the order of the hooks
-class HookedPort : public kesOsSerialCom
-{
+class HookedPort : public kesOsSerialCom {
 public:
     HookedPort() : kesOsSerialCom(false) {}
     std::string calls;
@@ -45,8 +43,7 @@ protected:
 
 TEST(OsSerialCom, LineSettingsGiveTheByteRate)
 {
-    struct Case
-    {
+    struct Case {
         const char* name;
         kesOsSerialCom::EBaudRate baud;
         kesOsSerialCom::EDataBits dataBits;
@@ -70,8 +67,7 @@ TEST(OsSerialCom, LineSettingsGiveTheByteRate)
         {"57600 6O2", kesOsSerialCom::Baud57600, kesOsSerialCom::DataBits6, kesOsSerialCom::ParityOdd,
          kesOsSerialCom::StopBitsTwo, 10, 5760, 1},
     };
-    for (const Case& c : cases)
-    {
+    for (const Case& c : cases) {
         PtyPair pty;
         ASSERT_TRUE(pty.IsValid());
         kesOsSerialCom port(false);
@@ -101,8 +97,7 @@ TEST(OsSerialCom, SendWaitsForTheBytesToLeaveTheLine)
 
 TEST(OsSerialCom, TimedReceiveGivesWhatCameNeverMinusTwo)
 {
-    struct Case
-    {
+    struct Case {
         const char* name;
         Bytes first;
         int pauseMs;
@@ -119,8 +114,7 @@ TEST(OsSerialCom, TimedReceiveGivesWhatCameNeverMinusTwo)
         {"reply in two parts", {1, 2, 3}, 20, {4, 5, 6, 7, 8, 9}, 9, 500, 9},
         {"time-out 0 still reads once", {1, 2}, 0, {}, 2, 0, 2},
     };
-    for (const Case& c : cases)
-    {
+    for (const Case& c : cases) {
         PtyPair pty;
         kesOsSerialCom port(false);
         ASSERT_EQ(kesErrorOk, open_9600_8n1(port, pty.LinkPath())) << c.name;
@@ -128,8 +122,7 @@ TEST(OsSerialCom, TimedReceiveGivesWhatCameNeverMinusTwo)
         // let the first part reach the slave before the read starts
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
         kes_test::PeerThread peer([&] {
-            if (c.pauseMs > 0)
-            {
+            if (c.pauseMs > 0) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(c.pauseMs));
                 kes_test::WriteAll(pty.Master(), c.second);
             }
@@ -141,13 +134,13 @@ TEST(OsSerialCom, TimedReceiveGivesWhatCameNeverMinusTwo)
         long took = elapsed_ms(start);
         peer.Join();
         EXPECT_EQ(c.expected, got) << c.name;
-        if (c.expected < (int)c.length)
-        {
+        if (c.expected < (int)c.length) {
             EXPECT_GE(took, (long)c.timeOut) << c.name;
         }
         Bytes all = c.first;
         all.insert(all.end(), c.second.begin(), c.second.end());
-        EXPECT_EQ(Bytes(all.begin(), all.begin() + std::max(got, 0)), Bytes(buffer, buffer + std::max(got, 0))) << c.name;
+        EXPECT_EQ(Bytes(all.begin(), all.begin() + std::max(got, 0)), Bytes(buffer, buffer + std::max(got, 0)))
+            << c.name;
         EXPECT_EQ(0u, errors.Count()) << c.name << "\n" << errors.Dump();
     }
 }
@@ -216,9 +209,9 @@ TEST(OsSerialCom, FailedSpeedKeepsTheDescriptorUntilTheNextOpen)
     PtyPair pty;
     HookedPort port;
     ErrorCapture errors;
-    EXPECT_NE(kesErrorOk, port.Open(pty.LinkPath().c_str(), kesOsSerialCom::EBaudRate(12345), kesOsSerialCom::DataBits8,
-                                    kesOsSerialCom::ParityNone, kesOsSerialCom::StopBitsOne,
-                                    kesOsSerialCom::FlowControlNone));
+    EXPECT_NE(kesErrorOk,
+              port.Open(pty.LinkPath().c_str(), kesOsSerialCom::EBaudRate(12345), kesOsSerialCom::DataBits8,
+                        kesOsSerialCom::ParityNone, kesOsSerialCom::StopBitsOne, kesOsSerialCom::FlowControlNone));
     EXPECT_TRUE(errors.Contains("cfsetospeed(...) == -1 at " + pty.LinkPath())) << errors.Dump();
     EXPECT_TRUE(port.IsValid());
     EXPECT_EQ("", port.calls);

@@ -18,8 +18,7 @@ using kes_test::ErrorCapture;
 using kes_test::Gate;
 using kes_test::LoopbackServer;
 
-namespace
-{
+namespace {
 
 const unsigned int SHORT_TIMEOUT_MS = 100;
 
@@ -33,8 +32,7 @@ std::string port_text(const LoopbackServer& i_server)
 TEST(OsTcpSocket, AddressForms)
 {
     const int SERVER_PORT = -1;
-    struct Case
-    {
+    struct Case {
         const char* name;
         std::function<std::string(const LoopbackServer&)> address;
         int portArgument;
@@ -42,17 +40,19 @@ TEST(OsTcpSocket, AddressForms)
         const char* record;
     };
     const Case cases[] = {
-        {"host:port, port argument 0", [](const LoopbackServer& s) { return "127.0.0.1:" + port_text(s); }, 0, true, ""},
-        {"host:port wins over the argument", [](const LoopbackServer& s) { return "127.0.0.1:" + port_text(s); }, 1, true, ""},
-        {"blanks around host and port", [](const LoopbackServer& s) { return " 127.0.0.1 : " + port_text(s); }, 0, true, ""},
-        {"host alone takes the argument", [](const LoopbackServer&) { return std::string("127.0.0.1"); }, SERVER_PORT, true,
+        {"host:port, port argument 0", [](const LoopbackServer& s) { return "127.0.0.1:" + port_text(s); }, 0, true,
          ""},
+        {"host:port wins over the argument", [](const LoopbackServer& s) { return "127.0.0.1:" + port_text(s); }, 1,
+         true, ""},
+        {"blanks around host and port", [](const LoopbackServer& s) { return " 127.0.0.1 : " + port_text(s); }, 0, true,
+         ""},
+        {"host alone takes the argument", [](const LoopbackServer&) { return std::string("127.0.0.1"); }, SERVER_PORT,
+         true, ""},
         {"host name", [](const LoopbackServer& s) { return "localhost:" + port_text(s); }, 0, true, ""},
         {"unknown host", [](const LoopbackServer& s) { return "no-such-host.invalid:" + port_text(s); }, 0, false,
          "gethostbyname failed"},
     };
-    for (const Case& c : cases)
-    {
+    for (const Case& c : cases) {
         LoopbackServer server;
         server.Serve([](int, int) {}, 1, 2000);
         ErrorCapture errors;
@@ -61,13 +61,10 @@ TEST(OsTcpSocket, AddressForms)
         kesEError result = socket.Open(c.address(server).c_str(), portArgument);
         EXPECT_EQ(c.connects, result == kesErrorOk) << c.name << "\n" << errors.Dump();
         EXPECT_EQ(c.connects, socket.IsOpen()) << c.name;
-        if (c.connects)
-        {
+        if (c.connects) {
             EXPECT_EQ("127.0.0.1:" + port_text(server), socket.GetPeerName()) << c.name;
             EXPECT_EQ(0u, errors.Count()) << c.name << "\n" << errors.Dump();
-        }
-        else
-        {
+        } else {
             EXPECT_TRUE(errors.Contains(c.record)) << c.name << "\n" << errors.Dump();
             server.StopListening();
         }
@@ -96,11 +93,10 @@ TEST(OsTcpSocket, RefusedConnectionKeepsTheSocketForARetry)
 
 TEST(OsTcpSocket, ReplyShapes)
 {
-    struct Case
-    {
+    struct Case {
         const char* name;
         Bytes first;
-        int pauseMs;    // between the two parts
+        int pauseMs; // between the two parts
         Bytes second;
         bool peerCloses; // else the peer holds the connection open
         int expected;
@@ -116,8 +112,7 @@ TEST(OsTcpSocket, ReplyShapes)
         {"4 of 10 then the peer closes", {0, 1, 2, 3}, 0, {}, true, -3, 4, false},
         {"the peer closes at once", {}, 0, {}, true, -3, 0, false},
     };
-    for (const Case& c : cases)
-    {
+    for (const Case& c : cases) {
         Gate done;
         LoopbackServer server;
         server.Serve([&](int fd, int) {
@@ -144,8 +139,7 @@ TEST(OsTcpSocket, ReplyShapes)
     }
 }
 
-namespace
-{
+namespace {
 std::atomic<int> g_sigpipes{0};
 void count_sigpipe(int)
 {
@@ -173,8 +167,7 @@ TEST(OsTcpSocket, SendToAVanishedPeerIsEpipeWithoutSignal)
     const unsigned char frame[8] = {1, 3, 0, 100, 0, 2, 0x85, 0xD4};
     int result = 0;
     // the first send is answered by a reset, a later one fails
-    for (int attempt = 0; attempt < 100 && result != -1; ++attempt)
-    {
+    for (int attempt = 0; attempt < 100 && result != -1; ++attempt) {
         result = socket.Send(frame, sizeof(frame));
         if (result != -1)
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -309,8 +302,7 @@ TEST(OsTcpSocket, ThreadsResolveNamesAtOnce)
     std::string address = "localhost:" + port_text(server);
     for (int t = 0; t < threads; ++t)
         workers.emplace_back([&] {
-            for (int r = 0; r < rounds; ++r)
-            {
+            for (int r = 0; r < rounds; ++r) {
                 kesOsTcpSocket socket;
                 if (socket.Open(address.c_str(), 0) == kesErrorOk)
                     ++connected;

@@ -2,11 +2,9 @@
 
 #include <mutex>
 
-namespace kes_test
-{
+namespace kes_test {
 
-namespace
-{
+namespace {
 
 std::mutex g_mutex;
 std::vector<std::string> g_records;

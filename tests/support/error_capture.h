@@ -6,14 +6,12 @@
 #include <string>
 #include <vector>
 
-namespace kes_test
-{
+namespace kes_test {
 
 // Routes every kesErrorLog record to a list for the lifetime of the object
 // (console and file outputs are off meanwhile). Records logged on any thread
 // are kept. One capture at a time.
-class ErrorCapture
-{
+class ErrorCapture {
 public:
     ErrorCapture();
     ~ErrorCapture();

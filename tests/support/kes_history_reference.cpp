@@ -163,8 +163,9 @@ void GenerateHistory(unsigned int perClass, unsigned int hours, unsigned int gro
         for (const kesString& uid : h.energyUids) {
             h.day += uid;
             for (unsigned int g = 0; g < count; ++g)
-                h.day += f.Missing() ? kesString("|f|f|f|") + f.Next(9000)
-                                     : "|" + f.Next(3000) + "|" + f.Next(3000) + "|" + f.Next(3000) + "|" + f.Next(9000);
+                h.day += f.Missing()
+                             ? kesString("|f|f|f|") + f.Next(9000)
+                             : "|" + f.Next(3000) + "|" + f.Next(3000) + "|" + f.Next(3000) + "|" + f.Next(9000);
             h.day += "\n";
         }
         for (const kesString& uid : h.valueUids) {

@@ -13,8 +13,7 @@ void ReferenceMergeDay(kes::kesString* io_text, const kes::kesString& header,
 void ReferenceAppendRows(kes::kesString* io_text, const kes::kesString& source,
                          const kes::Energy::kesEnergyHistoryRules& rules,
                          const kes::kesArray<kes::kesString>& energyUids,
-                         const kes::kesArray<kes::kesString>& valueUids,
-                         const kes::kesArray<kes::kesString>& pulseUids,
+                         const kes::kesArray<kes::kesString>& valueUids, const kes::kesArray<kes::kesString>& pulseUids,
                          const kes::Energy::kesEnergyHistoryPulseTotal& pulseTotal);
 
 // Full history texts for a set of parameters, with plausible figures.
@@ -24,9 +23,8 @@ struct GeneratedHistory {
 };
 // 'hours' complete hour blocks of 'groups' groups, then one block of 'lastGroups';
 // 'days' month blocks, 'months' year blocks, 'years' begin blocks.
-void GenerateHistory(unsigned int parametersPerClass, unsigned int hours, unsigned int groups,
-                     unsigned int lastGroups, unsigned int days, unsigned int months, unsigned int years,
-                     GeneratedHistory* o_history);
+void GenerateHistory(unsigned int parametersPerClass, unsigned int hours, unsigned int groups, unsigned int lastGroups,
+                     unsigned int days, unsigned int months, unsigned int years, GeneratedHistory* o_history);
 
 } // namespace kes_test
 

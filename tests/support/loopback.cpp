@@ -16,11 +16,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace kes_test
-{
+namespace kes_test {
 
-namespace
-{
+namespace {
 
 typedef std::chrono::steady_clock Clock;
 
@@ -36,8 +34,7 @@ Bytes ReadFor(int i_fd, size_t i_count, int i_timeoutMs)
 {
     Bytes got;
     Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(i_timeoutMs);
-    while (got.size() < i_count)
-    {
+    while (got.size() < i_count) {
         pollfd entry = {i_fd, POLLIN, 0};
         int ready = poll(&entry, 1, remaining_ms(deadline));
         if (ready == -1 && errno == EINTR)
@@ -61,18 +58,15 @@ bool WriteAll(int i_fd, const void* i_pData, size_t i_size)
     const unsigned char* data = static_cast<const unsigned char*>(i_pData);
     size_t done = 0;
     Clock::time_point deadline = Clock::now() + std::chrono::seconds(5);
-    while (done < i_size)
-    {
+    while (done < i_size) {
         ssize_t n = send(i_fd, data + done, i_size - done, MSG_NOSIGNAL);
         if (n == -1 && errno == ENOTSOCK)
             n = write(i_fd, data + done, i_size - done);
-        if (n > 0)
-        {
+        if (n > 0) {
             done += (size_t)n;
             continue;
         }
-        if (n == -1 && (errno == EAGAIN || errno == EINTR) && remaining_ms(deadline) > 0)
-        {
+        if (n == -1 && (errno == EAGAIN || errno == EINTR) && remaining_ms(deadline) > 0) {
             pollfd entry = {i_fd, POLLOUT, 0};
             poll(&entry, 1, 10);
             continue;
@@ -90,8 +84,7 @@ bool WriteAll(int i_fd, const Bytes& i_bytes)
 bool Gate::Wait(int i_timeoutMs) const
 {
     Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(i_timeoutMs);
-    while (!m_open)
-    {
+    while (!m_open) {
         if (remaining_ms(deadline) == 0)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -110,8 +103,7 @@ LoopbackServer::LoopbackServer() : m_listener(-1), m_port(0)
     address.sin_port = 0;
     socklen_t size = sizeof(address);
     if (bind(m_listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == -1 || listen(m_listener, 8) == -1 ||
-        getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &size) == -1)
-    {
+        getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &size) == -1) {
         close(m_listener);
         m_listener = -1;
         return;
@@ -134,8 +126,7 @@ std::string LoopbackServer::Address() const
 
 void LoopbackServer::StopListening()
 {
-    if (m_listener != -1)
-    {
+    if (m_listener != -1) {
         // wakes a pending accept poll; the thread then sees the closed listener
         shutdown(m_listener, SHUT_RDWR);
     }
@@ -146,8 +137,7 @@ void LoopbackServer::Serve(Script i_script, int i_connections, int i_acceptTimeo
     Join();
     int listener = m_listener;
     m_thread = std::thread([this, listener, i_script, i_connections, i_acceptTimeoutMs] {
-        for (int index = 0; index < i_connections && listener != -1; ++index)
-        {
+        for (int index = 0; index < i_connections && listener != -1; ++index) {
             pollfd entry = {listener, POLLIN, 0};
             if (poll(&entry, 1, i_acceptTimeoutMs) <= 0 || (entry.revents & POLLIN) == 0)
                 return;
@@ -199,8 +189,7 @@ bool PtyPair::open_pair()
 
 void PtyPair::CloseMaster()
 {
-    if (m_master != -1)
-    {
+    if (m_master != -1) {
         close(m_master);
         m_master = -1;
     }
@@ -218,21 +207,18 @@ DescriptorFloor::DescriptorFloor(int i_floor) : m_reached(false)
     rlimit limit = {};
     if (getrlimit(RLIMIT_NOFILE, &limit) == -1)
         return;
-    if (limit.rlim_cur < (rlim_t)floor + 64)
-    {
+    if (limit.rlim_cur < (rlim_t)floor + 64) {
         limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, (rlim_t)floor + 64);
         setrlimit(RLIMIT_NOFILE, &limit);
         getrlimit(RLIMIT_NOFILE, &limit);
         if (limit.rlim_cur < (rlim_t)floor + 64)
             return;
     }
-    for (int guard = 0; guard < floor + 1; ++guard)
-    {
+    for (int guard = 0; guard < floor + 1; ++guard) {
         int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
         if (fd == -1)
             return;
-        if (fd >= floor)
-        {
+        if (fd >= floor) {
             close(fd);
             m_reached = true;
             return;

@@ -13,8 +13,7 @@
 #include <thread>
 #include <vector>
 
-namespace kes_test
-{
+namespace kes_test {
 
 typedef std::vector<unsigned char> Bytes;
 
@@ -25,8 +24,7 @@ bool WriteAll(int i_fd, const Bytes& i_bytes);
 bool WriteAll(int i_fd, const void* i_pData, size_t i_size);
 
 // A one-shot signal between a test and its peer thread.
-class Gate
-{
+class Gate {
 public:
     void Open() { m_open = true; }
     // true once opened, false when the time ran out
@@ -41,8 +39,7 @@ private:
 // to the script with its index; the connection is closed when the script
 // returns. A script that needs the close to be an abort (RST) can set
 // SO_LINGER itself.
-class LoopbackServer
-{
+class LoopbackServer {
 public:
     typedef std::function<void(int i_fd, int i_index)> Script;
 
@@ -73,8 +70,7 @@ private:
 // code under test through LinkPath(), a symlink in a temporary folder
 // (<temp>/dev/ttyUSB0 unless told otherwise). Raw mode is set by whoever
 // opens the slave.
-class PtyPair
-{
+class PtyPair {
 public:
     explicit PtyPair(const std::string& i_linkName = "dev/ttyUSB0");
     ~PtyPair();
@@ -102,8 +98,7 @@ private:
 
 // Takes every free descriptor below i_floor (FD_SETSIZE by default), so that
 // the next descriptor opened is at or above it; gives them back at the end.
-class DescriptorFloor
-{
+class DescriptorFloor {
 public:
     explicit DescriptorFloor(int i_floor = -1);
     ~DescriptorFloor();
@@ -118,8 +113,7 @@ private:
 };
 
 // Runs a peer procedure on a thread and joins it in the destructor.
-class PeerThread
-{
+class PeerThread {
 public:
     explicit PeerThread(std::function<void()> i_procedure) : m_thread(std::move(i_procedure)) {}
     ~PeerThread() { Join(); }

@@ -42,8 +42,8 @@ ToolRun run_kes_bus(const std::vector<std::string>& i_arguments, unsigned int i_
 // The engine's floors: a silent search key costs two frames of 50 ms.
 std::vector<std::string> fast(const TestBusGateway& i_gateway, std::vector<std::string> i_command)
 {
-    std::vector<std::string> arguments = {"-adr",    i_gateway.GetAddress(), "-timeout", "50",      "-answer",
-                                          "5",       "-failure",             "30",       "-attempts", "1"};
+    std::vector<std::string> arguments = {
+        "-adr", i_gateway.GetAddress(), "-timeout", "50", "-answer", "5", "-failure", "30", "-attempts", "1"};
     arguments.insert(arguments.end(), i_command.begin(), i_command.end());
     return arguments;
 }
@@ -124,9 +124,11 @@ TEST(KesBusTool, ReadsReportsAndAlarm)
     };
     const Row rows[] = {
         {{"read", "string", "3"}, 0, "[String][3]\nVoltage 230.00 V\nAmpere 1.50 A\n"},
-        {{"read", "8", "4"}, 0,
+        {{"read", "8", "4"},
+         0,
          "[PulseCounterTwo][4]\nOA Pulse Count 1500\nOA Last Time 3600 ms\nOR Pulse Count 65536\nOR Last Time 0 ms\n"},
-        {{"info", "String", "3"}, 0,
+        {{"info", "String", "3"},
+         0,
          "[String][3]\n"
          "\tHardware Serial ------------:0\n"
          "\tModbus Address -------------:300\n"
@@ -136,11 +138,13 @@ TEST(KesBusTool, ReadsReportsAndAlarm)
          "\tVoltage --------------------:230.00 V\n"
          "\tAmpere ---------------------:1.50 A\n"
          "\tInstantaneous Power --------:345.00 W\n"},
-        {{"alarm", "5", "10", "20", "30", "-wait", "3000"}, 0,
+        {{"alarm", "5", "10", "20", "30", "-wait", "3000"},
+         0,
          "Alarm Cycle Check: Terminated\n"
          "Alarm Status: Returned power greater than maximun, possible manumission\n"
          "Alarm Returned Power: 321\n"},
-        {{"alarm-status", "5"}, 0,
+        {{"alarm-status", "5"},
+         0,
          "Alarm Cycle Check: Terminated\n"
          "Alarm Status: Returned power greater than maximun, possible manumission\n"
          "Alarm Returned Power: 321\n"},
@@ -260,13 +264,17 @@ TEST(KesBusConf, WritesTheLineOfTheBusAndKeepsTheRest)
              "        <value type=\"1\" mid=\"2\" iid=\"100201\" fid=\"1\" />\n"
              "        <!-- [Ambient] serial 44 module 0: never read, no value -->\n    </line>\n</energy>\n"},
         {"the line of the address in place, with its id", ELSEWHERE, kes::KES_BUS_LINE_ID_OF_FILE, meter,
-         "<?xml version=\"1.0\" ?>\n<!-- plant north -->\n<energy v=\"1\">\n    <line id=\"4\" adr=\"10.0.0.5:502\">\n" +
-             note + "        <!-- [PulseCounterTwo] serial 88 module 3 -->\n        <!-- pulse rate 1, pulses/h -->\n"
+         "<?xml version=\"1.0\" ?>\n<!-- plant north -->\n<energy v=\"1\">\n    <line id=\"4\" "
+         "adr=\"10.0.0.5:502\">\n" +
+             note +
+             "        <!-- [PulseCounterTwo] serial 88 module 3 -->\n        <!-- pulse rate 1, pulses/h -->\n"
              "        <value type=\"8\" mid=\"3\" iid=\"400300\" fid=\"0\" />\n        <!-- pulse count 1, pulses -->\n"
-             "        <value type=\"8\" mid=\"3\" iid=\"400301\" fid=\"1\" />\n        <!-- pulse rate 2, pulses/h -->\n"
+             "        <value type=\"8\" mid=\"3\" iid=\"400301\" fid=\"1\" />\n        <!-- pulse rate 2, pulses/h "
+             "-->\n"
              "        <value type=\"8\" mid=\"3\" iid=\"400302\" fid=\"2\" />\n        <!-- pulse count 2, pulses -->\n"
              "        <value type=\"8\" mid=\"3\" iid=\"400303\" fid=\"3\" />\n    </line>\n"
-             "    <line id=\"2\" adr=\"/dev/ttyUSB0\">\n        <!-- roof -->\n        <v iid=\"400200\" />\n    </line>\n"
+             "    <line id=\"2\" adr=\"/dev/ttyUSB0\">\n        <!-- roof -->\n        <v iid=\"400200\" />\n    "
+             "</line>\n"
              "    <davis adr=\"10.0.0.6:22222\" />\n</energy>\n"},
         {"a shared module number", nullptr, 1, shared,
          "[Panel] serial 11 module 9 and [String] serial 22 module 9 share a module number; give each device its own "

@@ -56,9 +56,8 @@ Bytes read_request(uint8_t i_unit, uint16_t i_first, uint16_t i_count)
 
 bool crc_ok(const Bytes& i_frame)
 {
-    return i_frame.size() >= 4 &&
-           kes_test::Crc16(i_frame.data(), i_frame.size() - 2) ==
-               (i_frame[i_frame.size() - 2] | (i_frame[i_frame.size() - 1] << 8));
+    return i_frame.size() >= 4 && kes_test::Crc16(i_frame.data(), i_frame.size() - 2) ==
+                                      (i_frame[i_frame.size() - 2] | (i_frame[i_frame.size() - 1] << 8));
 }
 
 uint16_t reg(const Bytes& i_reply, size_t i_index)
@@ -96,14 +95,10 @@ struct Sim {
 TEST(BusSimCommandLine, RefusesWhatItCanNotServe)
 {
     const std::vector<std::string> cases[] = {
-        {"-fault", "bogus:1"},
-        {"-fault", "late:1:3:50:20000"},
-        {"-fault", "silent"},
-        {"-fault", "crc:1:x"},
-        {"-drop", "1:2:3"},
-        {"-drop", "1:2"},
-        {"-speed", "0"},
-        {"-conf"},
+        {"-fault", "bogus:1"}, {"-fault", "late:1:3:50:20000"},
+        {"-fault", "silent"},  {"-fault", "crc:1:x"},
+        {"-drop", "1:2:3"},    {"-drop", "1:2"},
+        {"-speed", "0"},       {"-conf"},
         {"-nonsense", "1"},
     };
     for (const auto& options : cases) {
@@ -125,18 +120,21 @@ TEST(BusSimCommandLine, RefusesWhatItCanNotServe)
 
 struct FaultCase {
     const char* fault;
-    size_t length;  // of the reply to the spoiled device, 0 for none
+    size_t length; // of the reply to the spoiled device, 0 for none
     bool validCrc;
-    uint8_t unit;   // of that reply, when the CRC is valid
+    uint8_t unit; // of that reply, when the CRC is valid
     uint8_t function;
 };
 
 TEST(BusSimFaults, SpoilOnlyTheirDevice)
 {
     const FaultCase cases[] = {
-        {"silent:1:3", 0, false, 0, 0},         {"crc:1:3", 9, false, 0, 0},
-        {"unit:1:3", 9, true, 3, 3},            {"exception:1:3", 5, true, 2, 0x83},
-        {"garbage:1:3:100:17", 17, false, 0, 0},    {"late:1:3:100:300", 9, true, 2, 3},
+        {"silent:1:3", 0, false, 0, 0},
+        {"crc:1:3", 9, false, 0, 0},
+        {"unit:1:3", 9, true, 3, 3},
+        {"exception:1:3", 5, true, 2, 0x83},
+        {"garbage:1:3:100:17", 17, false, 0, 0},
+        {"late:1:3:100:300", 9, true, 2, 3},
     };
     for (const FaultCase& c : cases) {
         SCOPED_TRACE(c.fault);

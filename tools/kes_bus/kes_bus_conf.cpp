@@ -26,9 +26,14 @@ struct kesQuantity {
 };
 
 // By Energy::ValueKind.
-const kesQuantity QUANTITIES[] = {{"", ""},         {"voltage", "V"},           {"current", "A"},
-                                  {"power", "W"},     {"temperature", "°C"},      {"pulse rate", "pulses/h"},
-                                  {"pulse count", "pulses"}, {"alarm status", ""}};
+const kesQuantity QUANTITIES[] = {{"", ""},
+                                  {"voltage", "V"},
+                                  {"current", "A"},
+                                  {"power", "W"},
+                                  {"temperature", "°C"},
+                                  {"pulse rate", "pulses/h"},
+                                  {"pulse count", "pulses"},
+                                  {"alarm status", ""}};
 
 unsigned int field_count(kesEEnergyDeviceType i_type)
 {

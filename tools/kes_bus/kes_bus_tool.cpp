@@ -39,8 +39,8 @@ bool parse_unsigned(const std::string& i_text, unsigned long i_max, unsigned lon
     return true;
 }
 
-bool argument(kesBusContext& io_context, size_t i_index, const char* i_name, unsigned long i_min,
-              unsigned long i_max, unsigned long* o_value, kesEBusOutcome* o_outcome)
+bool argument(kesBusContext& io_context, size_t i_index, const char* i_name, unsigned long i_min, unsigned long i_max,
+              unsigned long* o_value, kesEBusOutcome* o_outcome)
 {
     const std::string& text = (*io_context.arguments)[i_index];
     if (parse_unsigned(text, i_max, o_value) && *o_value >= i_min)
@@ -50,8 +50,7 @@ bool argument(kesBusContext& io_context, size_t i_index, const char* i_name, uns
     return false;
 }
 
-bool type_argument(kesBusContext& io_context, size_t i_index, kesEEnergyDeviceType* o_type,
-                   kesEBusOutcome* o_outcome)
+bool type_argument(kesBusContext& io_context, size_t i_index, kesEEnergyDeviceType* o_type, kesEBusOutcome* o_outcome)
 {
     const std::string& text = (*io_context.arguments)[i_index];
     unsigned long number = 0;
@@ -390,16 +389,14 @@ kesEBusOutcome command_alarm(kesBusContext& io_context)
         return outcome;
     unsigned char cycle = kesEnergyAlarmCycleInProgress, status = 0;
     unsigned short power = 0;
-    if (io_context.tool->ControlAlarmDevice(static_cast<unsigned short>(mid * 100), io_context.options->wait,
-                                            static_cast<unsigned short>(tuning[0]),
-                                            static_cast<unsigned short>(tuning[1]),
-                                            static_cast<unsigned short>(tuning[2]), &cycle, &status,
-                                            &power) != kesErrorOk)
+    if (io_context.tool->ControlAlarmDevice(
+            static_cast<unsigned short>(mid * 100), io_context.options->wait, static_cast<unsigned short>(tuning[0]),
+            static_cast<unsigned short>(tuning[1]), static_cast<unsigned short>(tuning[2]), &cycle, &status,
+            &power) != kesErrorOk)
         return failed("Alarm check failed");
     print_alarm(cycle, status, power);
     if (cycle != kesEnergyAlarmCycleTerminated)
-        fprintf(stderr, "The check did not end within %u ms; ask again with alarm-status\n",
-                io_context.options->wait);
+        fprintf(stderr, "The check did not end within %u ms; ask again with alarm-status\n", io_context.options->wait);
     return kesBusOk;
 }
 
@@ -413,8 +410,7 @@ kesEBusOutcome command_alarm_status(kesBusContext& io_context)
         return outcome;
     unsigned char cycle = 0, status = 0;
     unsigned short power = 0;
-    if (io_context.tool->ReadAlarmStatus(static_cast<unsigned short>(mid * 100), &cycle, &status, &power) !=
-        kesErrorOk)
+    if (io_context.tool->ReadAlarmStatus(static_cast<unsigned short>(mid * 100), &cycle, &status, &power) != kesErrorOk)
         return failed("Alarm status read failed");
     print_alarm(cycle, status, power);
     return kesBusOk;

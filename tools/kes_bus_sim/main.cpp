@@ -26,45 +26,44 @@ using namespace kes_sim;
 
 namespace {
 
-const char* const HELP =
-    "\n"
-    "Kes. Bus Simulator Help\n"
-    "kes_bus_sim -conf FILE [options]     serve the installation of FILE\n"
-    "kes_bus_sim -listen [-conf FILE]     print the datagrams of the daemon\n"
-    "\n"
-    "-conf configuration file ------ [the daemon's own XML file]\n"
-    "-listen ----------------------- listen on 127.0.0.1:16549 and print item,\n"
-    "                                text and, with -conf, the meaning of the item\n"
-    "-time seconds to run ---------- [default: until SIGINT or SIGTERM]\n"
-    "-hour simulated hour at start - [0 to 24, default: the local time of day]\n"
-    "-speed simulated time factor -- [default 1; 60 makes a minute of an hour]\n"
-    "-weather record period -------- [milliseconds, default 10000]\n"
-    "-seed random seed ------------- [default 1]\n"
-    "-fault KIND:LINE[:MID[:PERCENT[:VALUE]]]   (repeatable)\n"
-    "      spoil the replies of one device (MID) or of a whole line (MID * or 0)\n"
-    "      in PERCENT of the cases (default 100). KIND is one of\n"
-    "        silent     no reply at all\n"
-    "        crc        the reply with a bad CRC\n"
-    "        unit       the reply from another unit\n"
-    "        exception  a 5-byte exception reply (illegal data address)\n"
-    "        late       the reply after VALUE ms [default 700]\n"
-    "        garbage    VALUE random bytes [default: the length of the reply]\n"
-    "-drop LINE:EVERY:FOR[:TIMES]              (repeatable)\n"
-    "      every EVERY seconds the line's gateway goes away for FOR seconds\n"
-    "      (connections closed, port refused); a serial line's adapter is\n"
-    "      unplugged (terminal closed, link removed). TIMES bounds the count\n"
-    "      [default 0: no bound]. Seconds may have decimals.\n"
-    "-h this help\n"
-    "\n"
-    "Every line with a TCP address host:port is served on 127.0.0.1:port.\n"
-    "A line whose address holds \"/dev/ttyUSB\" gets a pseudo-terminal that echoes\n"
-    "every byte like an RS-485 adapter; its path becomes a link to the terminal\n"
-    "(the folder must exist and be writable, e.g. ./run/dev/ttyUSB0), removed at\n"
-    "the end. A davis element gets a weather record stream on its port.\n"
-    "Devices answer measurement reads with values that follow a daylight curve,\n"
-    "rising pulse counts, alarm check cycles, identity texts and the bus's own\n"
-    "discovery, mute and addressing frames.\n"
-    "Exit status 0 on a clean stop, 2 on a failure.\n";
+const char* const HELP = "\n"
+                         "Kes. Bus Simulator Help\n"
+                         "kes_bus_sim -conf FILE [options]     serve the installation of FILE\n"
+                         "kes_bus_sim -listen [-conf FILE]     print the datagrams of the daemon\n"
+                         "\n"
+                         "-conf configuration file ------ [the daemon's own XML file]\n"
+                         "-listen ----------------------- listen on 127.0.0.1:16549 and print item,\n"
+                         "                                text and, with -conf, the meaning of the item\n"
+                         "-time seconds to run ---------- [default: until SIGINT or SIGTERM]\n"
+                         "-hour simulated hour at start - [0 to 24, default: the local time of day]\n"
+                         "-speed simulated time factor -- [default 1; 60 makes a minute of an hour]\n"
+                         "-weather record period -------- [milliseconds, default 10000]\n"
+                         "-seed random seed ------------- [default 1]\n"
+                         "-fault KIND:LINE[:MID[:PERCENT[:VALUE]]]   (repeatable)\n"
+                         "      spoil the replies of one device (MID) or of a whole line (MID * or 0)\n"
+                         "      in PERCENT of the cases (default 100). KIND is one of\n"
+                         "        silent     no reply at all\n"
+                         "        crc        the reply with a bad CRC\n"
+                         "        unit       the reply from another unit\n"
+                         "        exception  a 5-byte exception reply (illegal data address)\n"
+                         "        late       the reply after VALUE ms [default 700]\n"
+                         "        garbage    VALUE random bytes [default: the length of the reply]\n"
+                         "-drop LINE:EVERY:FOR[:TIMES]              (repeatable)\n"
+                         "      every EVERY seconds the line's gateway goes away for FOR seconds\n"
+                         "      (connections closed, port refused); a serial line's adapter is\n"
+                         "      unplugged (terminal closed, link removed). TIMES bounds the count\n"
+                         "      [default 0: no bound]. Seconds may have decimals.\n"
+                         "-h this help\n"
+                         "\n"
+                         "Every line with a TCP address host:port is served on 127.0.0.1:port.\n"
+                         "A line whose address holds \"/dev/ttyUSB\" gets a pseudo-terminal that echoes\n"
+                         "every byte like an RS-485 adapter; its path becomes a link to the terminal\n"
+                         "(the folder must exist and be writable, e.g. ./run/dev/ttyUSB0), removed at\n"
+                         "the end. A davis element gets a weather record stream on its port.\n"
+                         "Devices answer measurement reads with values that follow a daylight curve,\n"
+                         "rising pulse counts, alarm check cycles, identity texts and the bus's own\n"
+                         "discovery, mute and addressing frames.\n"
+                         "Exit status 0 on a clean stop, 2 on a failure.\n";
 
 volatile sig_atomic_t g_stop = 0;
 
@@ -180,7 +179,8 @@ int listen_mode(const SimConfig& i_config, double i_seconds)
     printf("%10s  %-8s  %s\n", "item", "text", "meaning");
     auto start = std::chrono::steady_clock::now();
     while (!g_stop) {
-        if (i_seconds > 0 && std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() >= i_seconds)
+        if (i_seconds > 0 &&
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() >= i_seconds)
             break;
         pollfd waiting{fd, POLLIN, 0};
         if (::poll(&waiting, 1, 100) != 1)
@@ -195,8 +195,7 @@ int listen_mode(const SimConfig& i_config, double i_seconds)
         uint32_t iid;
         memcpy(&iid, buffer, 4);
         size_t length = buffer[4];
-        std::string text(reinterpret_cast<char*>(buffer) + 5,
-                         std::min(length, static_cast<size_t>(size) - 5));
+        std::string text(reinterpret_cast<char*>(buffer) + 5, std::min(length, static_cast<size_t>(size) - 5));
         auto it = meanings.find(iid);
         if (it == meanings.end())
             printf("%10u  %-8s  %s\n", iid, text.c_str(), i_config.lines.empty() ? "" : "(not in the configuration)");
@@ -249,8 +248,11 @@ int main(int argc, char** argv)
                 return usage_error("bad drop \"" + value + "\": LINE:EVERY:FOR[:TIMES] with EVERY > FOR > 0");
             drops.push_back(drop);
         } else if (word == "-time" || word == "-hour" || word == "-speed" || word == "-weather" || word == "-seed") {
-            double* target = word == "-time" ? &seconds : word == "-hour" ? &hour : word == "-speed" ? &speed
-                             : word == "-weather" ? &weatherMs : &seed;
+            double* target = word == "-time"      ? &seconds
+                             : word == "-hour"    ? &hour
+                             : word == "-speed"   ? &speed
+                             : word == "-weather" ? &weatherMs
+                                                  : &seed;
             if (!parse_seconds(value, target) || (word == "-hour" && hour > 24) || (word == "-speed" && speed <= 0) ||
                 (word == "-weather" && weatherMs < 10))
                 return usage_error("Option " + word + " takes a number in its range: \"" + value + "\"");
@@ -331,8 +333,7 @@ int main(int argc, char** argv)
     }
     for (const SimFault& fault : faults)
         printf("kes_bus_sim: fault %s on line %u, %s%s, %u%%\n", FaultName(fault.kind), fault.line,
-               fault.mid ? "mid " : "every device", fault.mid ? std::to_string(fault.mid).c_str() : "",
-               fault.percent);
+               fault.mid ? "mid " : "every device", fault.mid ? std::to_string(fault.mid).c_str() : "", fault.percent);
 
     if (status == 0) {
         printf("kes_bus_sim: ready\n");

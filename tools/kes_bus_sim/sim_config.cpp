@@ -25,9 +25,9 @@ long number(const TiXmlElement* i_element, const char* i_name)
 
 const char* TypeName(int i_type)
 {
-    static const char* const NAMES[] = {"",          "Panel",           "String",           "Alarm",
-                                        "Ambient",   "PulseCounter",    "StringTwo",        "StringFour",
-                                        "PulseCounterTwo", "PulseCounterFive", "StringOne", "StringThree"};
+    static const char* const NAMES[] = {
+        "",           "Panel",           "String",           "Alarm",     "Ambient",    "PulseCounter", "StringTwo",
+        "StringFour", "PulseCounterTwo", "PulseCounterFive", "StringOne", "StringThree"};
     return i_type >= 1 && i_type <= 11 ? NAMES[i_type] : "Unknown";
 }
 

@@ -24,7 +24,7 @@ struct SimDevice {
 struct SimLine {
     unsigned int id = 0;
     std::string address;
-    bool serial = false; // the address holds "/dev/ttyUSB"
+    bool serial = false;            // the address holds "/dev/ttyUSB"
     std::vector<SimDevice> devices; // one per (type, mid), in file order
 };
 

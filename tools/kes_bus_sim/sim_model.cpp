@@ -78,7 +78,7 @@ DeviceModel::DeviceModel(int i_type, unsigned int i_mid, unsigned int i_lineId)
 
 std::string DeviceModel::ModelText() const
 {
-    static const char* const MODELS[] = {"",      "KP-250", "KS-600", "KA-100", "KT-10", "KC-1",
+    static const char* const MODELS[] = {"",       "KP-250", "KS-600", "KA-100", "KT-10",  "KC-1",
                                          "KS-602", "KS-604", "KC-2",   "KC-5",   "KS-601", "KS-603"};
     return MODELS[m_type];
 }

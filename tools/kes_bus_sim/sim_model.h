@@ -51,8 +51,8 @@ private:
     int m_type;
     unsigned int m_mid;
     uint32_t m_serial;
-    double m_scale;  // a little spread between devices
-    double m_last;   // simulated second of the last update of the counts
+    double m_scale; // a little spread between devices
+    double m_last;  // simulated second of the last update of the counts
     double m_counts[5];
     double m_seconds[5];
     uint16_t m_periods[5];

@@ -388,9 +388,9 @@ void SimWeather::service()
         for (int c : clients)
             fds.push_back(pollfd{c, POLLIN, 0});
         auto now = std::chrono::steady_clock::now();
-        int timeout = next > now ? static_cast<int>(
-                                       std::chrono::duration_cast<std::chrono::milliseconds>(next - now).count()) + 1
-                                 : 0;
+        int timeout =
+            next > now ? static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(next - now).count()) + 1
+                       : 0;
         if (::poll(fds.data(), fds.size(), timeout) < 0 && errno != EINTR)
             break;
         if (fds[0].revents)

@@ -23,9 +23,9 @@ enum EFaultKind { SimFaultSilent, SimFaultBadCrc, SimFaultWrongUnit, SimFaultExc
 struct SimFault {
     EFaultKind kind = SimFaultSilent;
     unsigned int line = 0;
-    unsigned int mid = 0;      // 0: every device of the line
+    unsigned int mid = 0;       // 0: every device of the line
     unsigned int percent = 100; // share of the replies it spoils
-    unsigned int value = 0;    // late: milliseconds; garbage: bytes
+    unsigned int value = 0;     // late: milliseconds; garbage: bytes
 };
 
 // "kind:line[:mid[:percent[:value]]]"; false with a message on bad text.
@@ -66,8 +66,8 @@ class SimSerialPort {
 public:
     explicit SimSerialPort(SimBus& io_bus);
     ~SimSerialPort();
-    bool Plug(std::string* o_error);  // a new terminal, and the link to it
-    void Unplug();                    // the terminal gone, the link removed
+    bool Plug(std::string* o_error); // a new terminal, and the link to it
+    void Unplug();                   // the terminal gone, the link removed
     bool IsPlugged() const { return m_master != -1; }
 
 private:

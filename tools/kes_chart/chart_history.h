@@ -14,8 +14,8 @@ enum ChartClass { ChartEnergy = 0, ChartValue = 1, ChartPulse = 2, ChartNone = 3
 
 // One group of a day row, or one row of a month block.
 struct ChartPoint {
-    double at = 0;       // end of the interval: minute of the day, or day of the month plus 1
-    double span = 0;     // length of the interval in the same unit
+    double at = 0;        // end of the interval: minute of the day, or day of the month plus 1
+    double span = 0;      // length of the interval in the same unit
     bool present = false; // average, minimum and maximum are numbers
     double average = 0, minimum = 0, maximum = 0;
     bool hasFigure = false; // energy total, pulse figure or month figure is a number
@@ -29,9 +29,9 @@ struct ChartItem {
 };
 
 struct ChartHistory {
-    unsigned int minutes = 0;        // interval of a day file, as given or as the file shows it
-    std::vector<ChartItem> items;    // ascending item number
-    std::vector<std::string> notes;  // what could not be read as the daemon writes it
+    unsigned int minutes = 0;       // interval of a day file, as given or as the file shows it
+    std::vector<ChartItem> items;   // ascending item number
+    std::vector<std::string> notes; // what could not be read as the daemon writes it
 };
 
 typedef std::map<unsigned int, ChartClass> ChartClasses;

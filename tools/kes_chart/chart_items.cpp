@@ -22,9 +22,9 @@ struct TypeFields {
 };
 
 const TypeFields TYPE_FIELDS[] = {
-    {2, ChartEnergy, 2, 1},  {3, ChartEnergy, 2, 1}, {10, ChartEnergy, 2, 1}, {6, ChartEnergy, 2, 2},
-    {11, ChartEnergy, 2, 3}, {7, ChartEnergy, 2, 4}, {5, ChartPulse, 1, 1},   {8, ChartPulse, 1, 2},
-    {9, ChartPulse, 1, 5},
+    {2, ChartEnergy, 2, 1}, {3, ChartEnergy, 2, 1},  {10, ChartEnergy, 2, 1},
+    {6, ChartEnergy, 2, 2}, {11, ChartEnergy, 2, 3}, {7, ChartEnergy, 2, 4},
+    {5, ChartPulse, 1, 1},  {8, ChartPulse, 1, 2},   {9, ChartPulse, 1, 5},
 };
 
 // What a class is without a configuration; a month holds the energy of each day.
@@ -42,17 +42,17 @@ Quantity plain_quantity(ChartClass i_kind, bool i_month)
 Quantity quantity_of(int i_type, unsigned int i_fid, bool i_month)
 {
     if (i_type == 1) // a panel stores every field
-        return i_fid == 0 ? Quantity{ChartValue, "voltage", "V"}
-                          : i_fid == 1 ? Quantity{ChartValue, "temperature", "°C"}
-                                       : Quantity{ChartValue, "field " + std::to_string(i_fid), ""};
+        return i_fid == 0   ? Quantity{ChartValue, "voltage", "V"}
+               : i_fid == 1 ? Quantity{ChartValue, "temperature", "°C"}
+                            : Quantity{ChartValue, "field " + std::to_string(i_fid), ""};
     for (const TypeFields& row : TYPE_FIELDS) {
         if (row.type != i_type || i_fid < row.first || (i_fid - row.first) % 2 != 0 ||
             (i_fid - row.first) / 2 >= row.channels)
             continue;
         Quantity quantity = plain_quantity(row.kind, i_month);
         if (row.channels > 1)
-            quantity.name += (row.kind == ChartEnergy ? " string " : " channel ") +
-                             std::to_string((i_fid - row.first) / 2 + 1);
+            quantity.name +=
+                (row.kind == ChartEnergy ? " string " : " channel ") + std::to_string((i_fid - row.first) / 2 + 1);
         return quantity;
     }
     return plain_quantity(ChartNone, i_month);
@@ -75,8 +75,7 @@ ChartClasses ChartConfiguredClasses(const kes_sim::SimConfig& i_config)
     return classes;
 }
 
-std::vector<ChartSection> ChartSections(const ChartHistory& i_history, const kes_sim::SimConfig* i_config,
-                                        bool i_month)
+std::vector<ChartSection> ChartSections(const ChartHistory& i_history, const kes_sim::SimConfig* i_config, bool i_month)
 {
     std::map<unsigned int, const ChartItem*> left;
     for (const ChartItem& item : i_history.items)
@@ -91,9 +90,9 @@ std::vector<ChartSection> ChartSections(const ChartHistory& i_history, const kes
                 auto found = left.find(value.iid);
                 if (found == left.end())
                     continue;
-                section.entries.push_back(ChartEntry{found->second, name + " · " +
-                                                                        quantity_text(quantity_of(device.type, value.fid, i_month)) +
-                                                                        " · item " + std::to_string(value.iid)});
+                section.entries.push_back(ChartEntry{
+                    found->second, name + " · " + quantity_text(quantity_of(device.type, value.fid, i_month)) +
+                                       " · item " + std::to_string(value.iid)});
                 left.erase(found);
             }
             if (!section.entries.empty())
@@ -101,8 +100,9 @@ std::vector<ChartSection> ChartSections(const ChartHistory& i_history, const kes
         }
     ChartSection rest{i_config ? "Items the configuration does not name" : "", {}};
     for (const auto& entry : left) {
-        rest.entries.push_back(ChartEntry{entry.second, "item " + std::to_string(entry.first) + " · " +
-                                                            quantity_text(plain_quantity(entry.second->kind, i_month))});
+        rest.entries.push_back(
+            ChartEntry{entry.second, "item " + std::to_string(entry.first) + " · " +
+                                         quantity_text(plain_quantity(entry.second->kind, i_month))});
     }
     if (!rest.entries.empty())
         sections.push_back(rest);

@@ -100,12 +100,14 @@ public:
         Plot plot{m_y + TITLE, i_t0, i_t1, 0, 0};
         double step;
         round_scale(i_lo, i_hi, &plot.v0, &plot.v1, &step);
-        m_body.AddFormat(256, "<g class=\"plot\" data-iid=\"%u\" data-class=\"%s\" data-map=\"%.9g %.9g %.9g %.9g %.9g\">\n",
+        m_body.AddFormat(256,
+                         "<g class=\"plot\" data-iid=\"%u\" data-class=\"%s\" data-map=\"%.9g %.9g %.9g %.9g %.9g\">\n",
                          i_entry.item->iid, CLASS_NAMES[i_entry.item->kind], LEFT - i_t0 * plot.sx(), plot.sx(),
                          plot.top + PLOT, plot.v0, plot.sy());
         text(LEFT, m_y + 16, 13, "#222222", i_entry.title + i_summary);
-        m_body.AddFormat(256, "<rect class=\"frame\" x=\"%.2f\" y=\"%.2f\" width=\"%.2f\" height=\"%.2f\" "
-                              "fill=\"#fafafa\" stroke=\"#999999\"/>\n",
+        m_body.AddFormat(256,
+                         "<rect class=\"frame\" x=\"%.2f\" y=\"%.2f\" width=\"%.2f\" height=\"%.2f\" "
+                         "fill=\"#fafafa\" stroke=\"#999999\"/>\n",
                          LEFT, plot.top, WIDTH - LEFT - RIGHT, PLOT);
         for (double v = plot.v0; v <= plot.v1 + step / 2; v += step) {
             grid(LEFT, plot.y(v), WIDTH - RIGHT, plot.y(v));
@@ -152,7 +154,8 @@ public:
             const double widen = lone ? std::max(0.0, 4 - segment[0]->span * i_plot.sx()) / 2 : 0;
             for (size_t i = 0; i < segment.size(); ++i)
                 add_point(&band, i == 0, i_plot.x(segment[i]->at - segment[i]->span) - widen,
-                          i_plot.y(segment[i]->maximum), i_plot.x(segment[i]->at) + widen, i_plot.y(segment[i]->maximum));
+                          i_plot.y(segment[i]->maximum), i_plot.x(segment[i]->at) + widen,
+                          i_plot.y(segment[i]->maximum));
             for (size_t i = segment.size(); i-- > 0;)
                 add_point(&band, false, i_plot.x(segment[i]->at) + widen, i_plot.y(segment[i]->minimum),
                           i_plot.x(segment[i]->at - segment[i]->span) - widen, i_plot.y(segment[i]->minimum));
@@ -186,9 +189,9 @@ public:
             const double width = i_plot.x(bar.to) - left;
             const double gap = std::min(1.0, width * 0.15);
             const double top = std::min(i_plot.y(bar.value), i_plot.y(0));
-            m_body.AddFormat(256, "<rect class=\"bar\" x=\"%.2f\" y=\"%.2f\" width=\"%.2f\" height=\"%.2f\" fill=\"%s\"/>\n",
-                             left + gap, top, width - 2 * gap, std::fabs(i_plot.y(bar.value) - i_plot.y(0)),
-                             COLOURS[i_kind]);
+            m_body.AddFormat(
+                256, "<rect class=\"bar\" x=\"%.2f\" y=\"%.2f\" width=\"%.2f\" height=\"%.2f\" fill=\"%s\"/>\n",
+                left + gap, top, width - 2 * gap, std::fabs(i_plot.y(bar.value) - i_plot.y(0)), COLOURS[i_kind]);
         }
     }
 
@@ -197,9 +200,10 @@ public:
     kesString Finish() const
     {
         kesString svg;
-        svg.SetFormat(512, "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                           "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"%.0f\" height=\"%.0f\" "
-                           "viewBox=\"0 0 %.0f %.0f\">\n<rect width=\"100%%\" height=\"100%%\" fill=\"#ffffff\"/>\n",
+        svg.SetFormat(512,
+                      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                      "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"%.0f\" height=\"%.0f\" "
+                      "viewBox=\"0 0 %.0f %.0f\">\n<rect width=\"100%%\" height=\"100%%\" fill=\"#ffffff\"/>\n",
                       WIDTH, m_y + 10, WIDTH, m_y + 10);
         svg += m_body;
         svg += "</svg>\n";
@@ -224,8 +228,7 @@ private:
 
     static void add_point(kesString* io_path, bool i_first, double i_x1, double i_y1, double i_x2, double i_y2)
     {
-        io_path->AddFormat(128, i_first ? "M%.2f,%.2f L%.2f,%.2f" : " L%.2f,%.2f L%.2f,%.2f", i_x1, i_y1, i_x2,
-                           i_y2);
+        io_path->AddFormat(128, i_first ? "M%.2f,%.2f L%.2f,%.2f" : " L%.2f,%.2f L%.2f,%.2f", i_x1, i_y1, i_x2, i_y2);
     }
 
     kesString m_body;
@@ -242,8 +245,9 @@ void day_plot(Picture* io_picture, const ChartEntry& i_entry)
         for (const Bar& bar : bars)
             high = std::max(high, bar.value);
         const std::string summary = " · per interval, over the day " + figure_text(total);
-        io_picture->Bars(io_picture->Frame(i_entry, summary, 0, MINUTES_OF_DAY, 0, high, bars.empty() ? NO_RISE : nullptr), bars,
-                         item.kind);
+        io_picture->Bars(
+            io_picture->Frame(i_entry, summary, 0, MINUTES_OF_DAY, 0, high, bars.empty() ? NO_RISE : nullptr), bars,
+            item.kind);
         io_picture->EndPlot();
         return;
     }
@@ -301,11 +305,20 @@ std::string ChartEscape(const std::string& i_text)
     std::string escaped;
     for (char c : i_text) {
         switch (c) {
-        case '&': escaped += "&amp;"; break;
-        case '<': escaped += "&lt;"; break;
-        case '>': escaped += "&gt;"; break;
-        case '"': escaped += "&quot;"; break;
-        default: escaped += c;
+        case '&':
+            escaped += "&amp;";
+            break;
+        case '<':
+            escaped += "&lt;";
+            break;
+        case '>':
+            escaped += "&gt;";
+            break;
+        case '"':
+            escaped += "&quot;";
+            break;
+        default:
+            escaped += c;
         }
     }
     return escaped;

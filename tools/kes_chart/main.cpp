@@ -18,18 +18,17 @@ namespace {
 using kes::kesString;
 using namespace kes_chart;
 
-const char* const HELP =
-    "\n"
-    "Kes. Chart Command Help\n"
-    "kes_chart -out FOLDER [-dir DATA] [-day FILE] [-month FILE] [-conf FILE] [-history MINUTES]\n"
-    "-out pictures folder ---------- [gets day.svg, month.svg and index.html; made if missing]\n"
-    "-dir data directory ----------- [the daemon's -dir: its day file d and month file m]\n"
-    "-day day file ----------------- [d or a dated copy YYYY_MM_DD, in place of DATA/d]\n"
-    "-month month file ------------- [m or a dated copy YYYY_MM, in place of DATA/m]\n"
-    "-conf configuration file ------ [the daemon's: items titled and grouped by device]\n"
-    "-history minutes -------------- [the daemon's interval; default: as the day file shows]\n"
-    "-h this help\n"
-    "Exit status 0 when the pictures are written, 2 otherwise.\n";
+const char* const HELP = "\n"
+                         "Kes. Chart Command Help\n"
+                         "kes_chart -out FOLDER [-dir DATA] [-day FILE] [-month FILE] [-conf FILE] [-history MINUTES]\n"
+                         "-out pictures folder ---------- [gets day.svg, month.svg and index.html; made if missing]\n"
+                         "-dir data directory ----------- [the daemon's -dir: its day file d and month file m]\n"
+                         "-day day file ----------------- [d or a dated copy YYYY_MM_DD, in place of DATA/d]\n"
+                         "-month month file ------------- [m or a dated copy YYYY_MM, in place of DATA/m]\n"
+                         "-conf configuration file ------ [the daemon's: items titled and grouped by device]\n"
+                         "-history minutes -------------- [the daemon's interval; default: as the day file shows]\n"
+                         "-h this help\n"
+                         "Exit status 0 when the pictures are written, 2 otherwise.\n";
 
 struct Options {
     std::string out, dir, day, month, conf;
@@ -149,7 +148,8 @@ kesString day_picture(const std::string& i_path, const Options& i_options, const
     log_notes(i_path, day);
     for (const ChartItem& item : day.items)
         io_known->emplace(item.iid, item.kind);
-    heading += " · interval " + std::to_string(day.minutes) + " min" + (i_options.minutes ? "" : " (as the file shows)");
+    heading +=
+        " · interval " + std::to_string(day.minutes) + " min" + (i_options.minutes ? "" : " (as the file shows)");
     if (day.items.empty())
         return ChartMessageSvg(heading, "No item in " + i_path);
     return ChartDaySvg(heading, day, ChartSections(day, i_config, false));
@@ -222,9 +222,9 @@ int main(int argc, char** argv)
     if (!options.month.empty())
         written &= kes::Energy::kesEnergyHistoryReplaceFile(
                        out + "month.svg", month_picture(options.month, configured, known), true) == kes::kesErrorOk;
-    written &= kes::Energy::kesEnergyHistoryReplaceFile(
-                   out + "index.html", index_page(!options.day.empty(), !options.month.empty()), true) ==
-               kes::kesErrorOk;
+    written &= kes::Energy::kesEnergyHistoryReplaceFile(out + "index.html",
+                                                        index_page(!options.day.empty(), !options.month.empty()),
+                                                        true) == kes::kesErrorOk;
     if (!written)
         return 2;
     printf("Pictures in %sindex.html\n", out.c_str());

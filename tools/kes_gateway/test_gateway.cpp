@@ -20,8 +20,9 @@ namespace {
 
 uint64_t now_ms()
 {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-        std::chrono::steady_clock::now().time_since_epoch()).count());
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+            .count());
 }
 
 void send_all(int i_fd, const Bytes& i_bytes)
@@ -235,7 +236,8 @@ unsigned int TestGateway::GetAcceptedCount() const
 
 Bytes TestGateway::Answer(const Bytes& i_request) const
 {
-    if (i_request.size() != 8 || i_request[1] != 3 || Crc16(i_request.data(), 6) != (i_request[6] | (i_request[7] << 8)))
+    if (i_request.size() != 8 || i_request[1] != 3 ||
+        Crc16(i_request.data(), 6) != (i_request[6] | (i_request[7] << 8)))
         return Bytes();
     uint16_t first = static_cast<uint16_t>((i_request[2] << 8) | i_request[3]);
     uint16_t count = static_cast<uint16_t>((i_request[4] << 8) | i_request[5]);

@@ -8,9 +8,8 @@ const uint8_t BUS_UNIT = 0xFF;
 
 // Offsets of model, serial text and test date by device type, and the field
 // lengths in registers; kept apart from the engine's own table.
-const uint8_t IDENTITY_OFFSETS[12][3] = {{0, 0, 0},   {2, 7, 22},  {2, 7, 22},  {5, 10, 25},
-                                         {2, 7, 24},  {5, 10, 25}, {5, 10, 25}, {5, 10, 25},
-                                         {5, 10, 25}, {5, 10, 25}, {5, 10, 25}, {5, 10, 25}};
+const uint8_t IDENTITY_OFFSETS[12][3] = {{0, 0, 0},   {2, 7, 22},  {2, 7, 22},  {5, 10, 25}, {2, 7, 24},  {5, 10, 25},
+                                         {5, 10, 25}, {5, 10, 25}, {5, 10, 25}, {5, 10, 25}, {5, 10, 25}, {5, 10, 25}};
 const uint8_t IDENTITY_REGISTERS[3] = {5, 15, 10};
 
 const uint8_t ALARM_TYPE = 3;
@@ -105,7 +104,8 @@ bool TestBusGateway::SetIdentity(uint32_t i_serial, const std::string& i_model, 
         text.resize(2u * IDENTITY_REGISTERS[field], '\0');
         std::vector<uint16_t> values;
         for (size_t i = 0; i < text.size(); i += 2)
-            values.push_back(static_cast<uint16_t>((static_cast<uint8_t>(text[i]) << 8) | static_cast<uint8_t>(text[i + 1])));
+            values.push_back(
+                static_cast<uint16_t>((static_cast<uint8_t>(text[i]) << 8) | static_cast<uint8_t>(text[i + 1])));
         SetDeviceRegisters(i_serial, IDENTITY_OFFSETS[type][field], values);
     }
     return true;

@@ -36,10 +36,10 @@ public:
         uint32_t serial = 0;
         uint8_t module = 0;
         bool muted = false;
-        bool shortForm = false;     // search answers without the type (11 bytes)
-        bool unmutable = false;     // acknowledges a mute and keeps answering
-        uint8_t searchType = 0;     // type in search answers when not 0
-        unsigned int refusals = 0;  // set-address requests refused before one is taken
+        bool shortForm = false;                // search answers without the type (11 bytes)
+        bool unmutable = false;                // acknowledges a mute and keeps answering
+        uint8_t searchType = 0;                // type in search answers when not 0
+        unsigned int refusals = 0;             // set-address requests refused before one is taken
         std::map<uint8_t, uint16_t> registers; // by offset in the block
         // alarm check cycle
         bool hasCycle = false;
