@@ -22,6 +22,8 @@ run_suite() {
   passed=$((passed + ${count:-0}))
 }
 
+echo "== format =="
+./scripts/format_check.sh
 echo "== plain build =="
 run_suite build ""
 echo "== package =="

@@ -54,8 +54,11 @@ kesString kesErrorStdToString(int error);
 } // namespace kes
 
 // The reporting idiom in one statement, with the bare name of the enclosing function.
-#define KES_LOG(code, message) \
-    ::kes::kesErrorLog(::kes::kesBuildErrorLocation((code), (message), __FILE__, __func__, __LINE__))
+#define KES_LOG(code, message) KES_LOG_IN((code), (message), __func__)
+
+// The same in the name of another function: a helper that reports for its caller.
+#define KES_LOG_IN(code, message, function) \
+    ::kes::kesErrorLog(::kes::kesBuildErrorLocation((code), (message), __FILE__, (function), __LINE__))
 
 // The same for a failed libc or system call: appends "\nStd Error " and errno's text.
 #define KES_LOG_STD(code, message) \
