@@ -37,6 +37,9 @@ struct kesMeasurementRead {
     const kesRegisterField* fields;
     unsigned int fieldCount;
     const char* failure;
+    // the names its records carry: the public read and its single attempt
+    const char* function;
+    const char* attemptFunction;
 };
 
 namespace {
@@ -78,25 +81,51 @@ constexpr bool fields_fit(const kesRegisterField* i_pFields, unsigned int i_uiCo
 
 } // namespace
 
-#define KES_MEASUREMENT_READ(name, unit, registers, reply, data, fields, count, failure) \
-    static_assert(is_consistent(registers, reply, data), "reply shape of " #name);       \
-    static_assert(count <= sizeof(fields) / sizeof(fields[0]), "fields of " #name);      \
-    static_assert(fields_fit(fields, count, registers), "registers of " #name);          \
-    const kesMeasurementRead name = {unit, 0, registers, reply, data, fields, count, failure}
+#define KES_MEASUREMENT_READ(name, unit, registers, reply, data, fields, count, failure, function, attempt) \
+    static_assert(is_consistent(registers, reply, data), "reply shape of " #name);                          \
+    static_assert(count <= sizeof(fields) / sizeof(fields[0]), "fields of " #name);                         \
+    static_assert(count <= kesEnergySystem::MAX_MEASUREMENT_OUTPUTS, "outputs of " #name);                  \
+    static_assert(fields_fit(fields, count, registers), "registers of " #name);                             \
+    const kesMeasurementRead name = {unit, 0, registers, reply, data, fields, count, failure, function, attempt}
 
-KES_MEASUREMENT_READ(PANEL_READ, kesEnergyDevicePanel, 2, 9, 4, PANEL_FIELDS, 2, VOLT_TEMP_FAILURE);
-KES_MEASUREMENT_READ(STRING_READ, kesEnergyDeviceString, 2, 9, 4, STRING_FIELDS, 2, VOLT_AMPERE_FAILURE);
-KES_MEASUREMENT_READ(STRING_ONE_READ, kesEnergyDeviceStringOne, 2, 9, 4, STRING_FIELDS, 2, VOLT_AMPERE_FAILURE);
-KES_MEASUREMENT_READ(STRING_TWO_READ, kesEnergyDeviceStringTwo, 3, 11, 6, STRING_FIELDS, 3, VOLT_AMPERE_FAILURE);
-KES_MEASUREMENT_READ(STRING_THREE_READ, kesEnergyDeviceStringThree, 4, 13, 8, STRING_FIELDS, 4, VOLT_AMPERE_FAILURE);
-KES_MEASUREMENT_READ(STRING_FOUR_READ, kesEnergyDeviceStringFour, 5, 15, 10, STRING_FIELDS, 5, VOLT_AMPERE_FAILURE);
-KES_MEASUREMENT_READ(ALARM_READ, kesEnergyDeviceAlarm, 2, 9, 4, STRING_FIELDS, 2, VOLT_AMPERE_FAILURE);
-KES_MEASUREMENT_READ(PULSE_READ, kesEnergyDevicePulseCounter, 3, 11, 6, PULSE_FIELDS, 2, PULSE_FAILURE);
-KES_MEASUREMENT_READ(PULSE_TWO_READ, kesEnergyDevicePulseCounterTwo, 6, 17, 12, PULSE_FIELDS, 4, PULSE_FAILURE);
-KES_MEASUREMENT_READ(PULSE_FIVE_READ, kesEnergyDevicePulseCounterFive, 25, 55, 50, PULSE_FIVE_FIELDS, 15,
-                     PULSE_FAILURE);
+// clang-format off
+KES_MEASUREMENT_READ(PANEL_READ, kesEnergyDevicePanel, 2, 9, 4, PANEL_FIELDS, 2, VOLT_TEMP_FAILURE,
+                     "ReadPanelVoltTemp", "read_response_panel_temp_and_voltage");
+KES_MEASUREMENT_READ(STRING_READ, kesEnergyDeviceString, 2, 9, 4, STRING_FIELDS, 2, VOLT_AMPERE_FAILURE,
+                     "ReadStringVoltAmpere", "read_response_string_voltage_ampere");
+KES_MEASUREMENT_READ(STRING_ONE_READ, kesEnergyDeviceStringOne, 2, 9, 4, STRING_FIELDS, 2, VOLT_AMPERE_FAILURE,
+                     "ReadStringOneVoltAmpere", "read_response_string1_voltage_ampere");
+KES_MEASUREMENT_READ(STRING_TWO_READ, kesEnergyDeviceStringTwo, 3, 11, 6, STRING_FIELDS, 3, VOLT_AMPERE_FAILURE,
+                     "ReadStringTwoVoltAmpere", "read_response_string2_voltage_ampere");
+KES_MEASUREMENT_READ(STRING_THREE_READ, kesEnergyDeviceStringThree, 4, 13, 8, STRING_FIELDS, 4, VOLT_AMPERE_FAILURE,
+                     "ReadStringThreeVoltAmpere", "read_response_string3_voltage_ampere");
+KES_MEASUREMENT_READ(STRING_FOUR_READ, kesEnergyDeviceStringFour, 5, 15, 10, STRING_FIELDS, 5, VOLT_AMPERE_FAILURE,
+                     "ReadStringFourVoltAmpere", "read_response_string4_voltage_ampere");
+KES_MEASUREMENT_READ(ALARM_READ, kesEnergyDeviceAlarm, 2, 9, 4, STRING_FIELDS, 2, VOLT_AMPERE_FAILURE,
+                     "ReadAlarmVoltAmpere", "read_response_alarm_voltage_ampere");
+KES_MEASUREMENT_READ(PULSE_READ, kesEnergyDevicePulseCounter, 3, 11, 6, PULSE_FIELDS, 2, PULSE_FAILURE,
+                     "ReadPulseCounterData", "read_response_pulsecounter_data");
+KES_MEASUREMENT_READ(PULSE_TWO_READ, kesEnergyDevicePulseCounterTwo, 6, 17, 12, PULSE_FIELDS, 4, PULSE_FAILURE,
+                     "ReadPulseCounterTwoData", "read_response_pulsecountertwo_data");
+KES_MEASUREMENT_READ(PULSE_FIVE_READ, kesEnergyDevicePulseCounterFive, 25, 55, 50, PULSE_FIVE_FIELDS, 15, PULSE_FAILURE,
+                     "ReadPulseCounterFiveData", "read_response_pulsecounterfive_data");
+// clang-format on
 
 #undef KES_MEASUREMENT_READ
+
+namespace {
+
+// The read of each device type by its number; Ambient has none.
+const kesMeasurementRead* const READS[] = {nullptr,         &PANEL_READ,      &STRING_READ,     &ALARM_READ,
+                                           nullptr,         &PULSE_READ,      &STRING_TWO_READ, &STRING_FOUR_READ,
+                                           &PULSE_TWO_READ, &PULSE_FIVE_READ, &STRING_ONE_READ, &STRING_THREE_READ};
+
+const kesMeasurementRead* read_of(kesEEnergyDeviceType i_eType)
+{
+    return i_eType < sizeof(READS) / sizeof(READS[0]) ? READS[i_eType] : nullptr;
+}
+
+} // namespace
 
 namespace {
 
@@ -402,160 +431,91 @@ kesEError kesEnergySystem::read_measurement(kesEnergySocket* io_pChannel, const 
                     &decode_measurement, &context, i_szFunction);
 }
 
-kesEError kesEnergySystem::read_response_panel_temp_and_voltage(kesEnergySocket* io_pChannel,
-                                                                unsigned short i_usAddress, float* o_pVoltage,
-                                                                float* o_pTemperature)
+kesEError kesEnergySystem::ReadMeasurement(kesEEnergyDeviceType i_eType, unsigned short i_usAddress,
+                                           void* const* o_ppOutputs)
 {
-    void* const outputs[] = {o_pVoltage, o_pTemperature};
-    return read_measurement(io_pChannel, PANEL_READ, i_usAddress, outputs, __func__);
+    const kesMeasurementRead* read = read_of(i_eType);
+    if (!read)
+        return KES_LOG(kesErrorInvalidArgument, with_unknown(i_eType));
+    auto attempt = [&] { return read_measurement(&m_oSocket, *read, i_usAddress, o_ppOutputs, read->attemptFunction); };
+    return execute(attempt, read->failure, i_usAddress, read->function);
 }
 
-kesEError kesEnergySystem::read_response_string_voltage_ampere(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-                                                               float* o_pVoltage, float* o_pAmpere)
+kesEnergySystem::kesEMeasurementOutput kesEnergySystem::GetMeasurementOutput(kesEEnergyDeviceType i_eType,
+                                                                             unsigned int i_uiOutput)
 {
-    void* const outputs[] = {o_pVoltage, o_pAmpere};
-    return read_measurement(io_pChannel, STRING_READ, i_usAddress, outputs, __func__);
-}
-
-kesEError kesEnergySystem::read_response_string1_voltage_ampere(kesEnergySocket* io_pChannel,
-                                                                unsigned short i_usAddress, float* o_pVoltage,
-                                                                float* o_pAmpere)
-{
-    void* const outputs[] = {o_pVoltage, o_pAmpere};
-    return read_measurement(io_pChannel, STRING_ONE_READ, i_usAddress, outputs, __func__);
-}
-
-kesEError kesEnergySystem::read_response_string2_voltage_ampere(kesEnergySocket* io_pChannel,
-                                                                unsigned short i_usAddress, float* o_pVoltage,
-                                                                float* o_pAmpere1, float* o_pAmpere2)
-{
-    void* const outputs[] = {o_pVoltage, o_pAmpere1, o_pAmpere2};
-    return read_measurement(io_pChannel, STRING_TWO_READ, i_usAddress, outputs, __func__);
-}
-
-kesEError kesEnergySystem::read_response_string3_voltage_ampere(kesEnergySocket* io_pChannel,
-                                                                unsigned short i_usAddress, float* o_pVoltage,
-                                                                float* o_pAmpere1, float* o_pAmpere2, float* o_pAmpere3)
-{
-    void* const outputs[] = {o_pVoltage, o_pAmpere1, o_pAmpere2, o_pAmpere3};
-    return read_measurement(io_pChannel, STRING_THREE_READ, i_usAddress, outputs, __func__);
-}
-
-kesEError kesEnergySystem::read_response_string4_voltage_ampere(kesEnergySocket* io_pChannel,
-                                                                unsigned short i_usAddress, float* o_pVoltage,
-                                                                float* o_pAmpere1, float* o_pAmpere2, float* o_pAmpere3,
-                                                                float* o_pAmpere4)
-{
-    void* const outputs[] = {o_pVoltage, o_pAmpere1, o_pAmpere2, o_pAmpere3, o_pAmpere4};
-    return read_measurement(io_pChannel, STRING_FOUR_READ, i_usAddress, outputs, __func__);
-}
-
-kesEError kesEnergySystem::read_response_alarm_voltage_ampere(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-                                                              float* o_pVoltage, float* o_pAmpere)
-{
-    void* const outputs[] = {o_pVoltage, o_pAmpere};
-    return read_measurement(io_pChannel, ALARM_READ, i_usAddress, outputs, __func__);
-}
-
-kesEError kesEnergySystem::read_response_pulsecounter_data(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-                                                           unsigned int* o_pCount, unsigned short* o_pPeriod)
-{
-    void* const outputs[] = {o_pCount, o_pPeriod};
-    return read_measurement(io_pChannel, PULSE_READ, i_usAddress, outputs, __func__);
-}
-
-kesEError kesEnergySystem::read_response_pulsecountertwo_data(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-                                                              unsigned int* o_pCount1, unsigned short* o_pPeriod1,
-                                                              unsigned int* o_pCount2, unsigned short* o_pPeriod2)
-{
-    void* const outputs[] = {o_pCount1, o_pPeriod1, o_pCount2, o_pPeriod2};
-    return read_measurement(io_pChannel, PULSE_TWO_READ, i_usAddress, outputs, __func__);
-}
-
-kesEError kesEnergySystem::read_response_pulsecounterfive_data(
-    kesEnergySocket* io_pChannel, unsigned short i_usAddress, unsigned int* o_pCount1, unsigned short* o_pPeriod1,
-    unsigned int* o_pSecond1, unsigned int* o_pCount2, unsigned short* o_pPeriod2, unsigned int* o_pSecond2,
-    unsigned int* o_pCount3, unsigned short* o_pPeriod3, unsigned int* o_pSecond3, unsigned int* o_pCount4,
-    unsigned short* o_pPeriod4, unsigned int* o_pSecond4, unsigned int* o_pCount5, unsigned short* o_pPeriod5,
-    unsigned int* o_pSecond5)
-{
-    void* const outputs[] = {o_pCount1,  o_pPeriod1, o_pSecond1, o_pCount2,  o_pPeriod2,
-                             o_pSecond2, o_pCount3,  o_pPeriod3, o_pSecond3, o_pCount4,
-                             o_pPeriod4, o_pSecond4, o_pCount5,  o_pPeriod5, o_pSecond5};
-    return read_measurement(io_pChannel, PULSE_FIVE_READ, i_usAddress, outputs, __func__);
+    const kesMeasurementRead* read = read_of(i_eType);
+    if (!read || i_uiOutput >= read->fieldCount)
+        return MeasurementNone;
+    switch (read->fields[i_uiOutput].kind) {
+    case kesRegisterScaled:
+        return MeasurementFloat;
+    case kesRegisterWord:
+        return MeasurementWord;
+    case kesRegisterLong:
+        return MeasurementLong;
+    }
+    return MeasurementNone;
 }
 
 kesEError kesEnergySystem::ReadPanelVoltTemp(unsigned short i_usAddress, float* o_pVoltage, float* o_pTemperature)
 {
-    auto attempt = [&] {
-        return read_response_panel_temp_and_voltage(&m_oSocket, i_usAddress, o_pVoltage, o_pTemperature);
-    };
-    return execute(attempt, PANEL_READ.failure, i_usAddress, __func__);
+    void* const outputs[] = {o_pVoltage, o_pTemperature};
+    return ReadMeasurement(kesEnergyDevicePanel, i_usAddress, outputs);
 }
 
 kesEError kesEnergySystem::ReadStringVoltAmpere(unsigned short i_usAddress, float* o_pVoltage, float* o_pAmpere)
 {
-    auto attempt = [&] { return read_response_string_voltage_ampere(&m_oSocket, i_usAddress, o_pVoltage, o_pAmpere); };
-    return execute(attempt, STRING_READ.failure, i_usAddress, __func__);
+    void* const outputs[] = {o_pVoltage, o_pAmpere};
+    return ReadMeasurement(kesEnergyDeviceString, i_usAddress, outputs);
 }
 
 kesEError kesEnergySystem::ReadStringOneVoltAmpere(unsigned short i_usAddress, float* o_pVoltage, float* o_pAmpere)
 {
-    auto attempt = [&] { return read_response_string1_voltage_ampere(&m_oSocket, i_usAddress, o_pVoltage, o_pAmpere); };
-    return execute(attempt, STRING_ONE_READ.failure, i_usAddress, __func__);
+    void* const outputs[] = {o_pVoltage, o_pAmpere};
+    return ReadMeasurement(kesEnergyDeviceStringOne, i_usAddress, outputs);
 }
 
 kesEError kesEnergySystem::ReadStringTwoVoltAmpere(unsigned short i_usAddress, float* o_pVoltage, float* o_pAmpere1,
                                                    float* o_pAmpere2)
 {
-    auto attempt = [&] {
-        return read_response_string2_voltage_ampere(&m_oSocket, i_usAddress, o_pVoltage, o_pAmpere1, o_pAmpere2);
-    };
-    return execute(attempt, STRING_TWO_READ.failure, i_usAddress, __func__);
+    void* const outputs[] = {o_pVoltage, o_pAmpere1, o_pAmpere2};
+    return ReadMeasurement(kesEnergyDeviceStringTwo, i_usAddress, outputs);
 }
 
 kesEError kesEnergySystem::ReadStringThreeVoltAmpere(unsigned short i_usAddress, float* o_pVoltage, float* o_pAmpere1,
                                                      float* o_pAmpere2, float* o_pAmpere3)
 {
-    auto attempt = [&] {
-        return read_response_string3_voltage_ampere(&m_oSocket, i_usAddress, o_pVoltage, o_pAmpere1, o_pAmpere2,
-                                                    o_pAmpere3);
-    };
-    return execute(attempt, STRING_THREE_READ.failure, i_usAddress, __func__);
+    void* const outputs[] = {o_pVoltage, o_pAmpere1, o_pAmpere2, o_pAmpere3};
+    return ReadMeasurement(kesEnergyDeviceStringThree, i_usAddress, outputs);
 }
 
 kesEError kesEnergySystem::ReadStringFourVoltAmpere(unsigned short i_usAddress, float* o_pVoltage, float* o_pAmpere1,
                                                     float* o_pAmpere2, float* o_pAmpere3, float* o_pAmpere4)
 {
-    auto attempt = [&] {
-        return read_response_string4_voltage_ampere(&m_oSocket, i_usAddress, o_pVoltage, o_pAmpere1, o_pAmpere2,
-                                                    o_pAmpere3, o_pAmpere4);
-    };
-    return execute(attempt, STRING_FOUR_READ.failure, i_usAddress, __func__);
+    void* const outputs[] = {o_pVoltage, o_pAmpere1, o_pAmpere2, o_pAmpere3, o_pAmpere4};
+    return ReadMeasurement(kesEnergyDeviceStringFour, i_usAddress, outputs);
 }
 
 kesEError kesEnergySystem::ReadAlarmVoltAmpere(unsigned short i_usAddress, float* o_pVoltage, float* o_pAmpere)
 {
-    auto attempt = [&] { return read_response_alarm_voltage_ampere(&m_oSocket, i_usAddress, o_pVoltage, o_pAmpere); };
-    return execute(attempt, ALARM_READ.failure, i_usAddress, __func__);
+    void* const outputs[] = {o_pVoltage, o_pAmpere};
+    return ReadMeasurement(kesEnergyDeviceAlarm, i_usAddress, outputs);
 }
 
 kesEError kesEnergySystem::ReadPulseCounterData(unsigned short i_usAddress, unsigned int* o_pCount,
                                                 unsigned short* o_pPeriod)
 {
-    auto attempt = [&] { return read_response_pulsecounter_data(&m_oSocket, i_usAddress, o_pCount, o_pPeriod); };
-    return execute(attempt, PULSE_READ.failure, i_usAddress, __func__);
+    void* const outputs[] = {o_pCount, o_pPeriod};
+    return ReadMeasurement(kesEnergyDevicePulseCounter, i_usAddress, outputs);
 }
 
 kesEError kesEnergySystem::ReadPulseCounterTwoData(unsigned short i_usAddress, unsigned int* o_pCount1,
                                                    unsigned short* o_pPeriod1, unsigned int* o_pCount2,
                                                    unsigned short* o_pPeriod2)
 {
-    auto attempt = [&] {
-        return read_response_pulsecountertwo_data(&m_oSocket, i_usAddress, o_pCount1, o_pPeriod1, o_pCount2,
-                                                  o_pPeriod2);
-    };
-    return execute(attempt, PULSE_TWO_READ.failure, i_usAddress, __func__);
+    void* const outputs[] = {o_pCount1, o_pPeriod1, o_pCount2, o_pPeriod2};
+    return ReadMeasurement(kesEnergyDevicePulseCounterTwo, i_usAddress, outputs);
 }
 
 kesEError kesEnergySystem::ReadPulseCounterFiveData(
@@ -564,12 +524,10 @@ kesEError kesEnergySystem::ReadPulseCounterFiveData(
     unsigned short* o_pPeriod3, unsigned int* o_pSecond3, unsigned int* o_pCount4, unsigned short* o_pPeriod4,
     unsigned int* o_pSecond4, unsigned int* o_pCount5, unsigned short* o_pPeriod5, unsigned int* o_pSecond5)
 {
-    auto attempt = [&] {
-        return read_response_pulsecounterfive_data(
-            &m_oSocket, i_usAddress, o_pCount1, o_pPeriod1, o_pSecond1, o_pCount2, o_pPeriod2, o_pSecond2, o_pCount3,
-            o_pPeriod3, o_pSecond3, o_pCount4, o_pPeriod4, o_pSecond4, o_pCount5, o_pPeriod5, o_pSecond5);
-    };
-    return execute(attempt, PULSE_FIVE_READ.failure, i_usAddress, __func__);
+    void* const outputs[] = {o_pCount1,  o_pPeriod1, o_pSecond1, o_pCount2,  o_pPeriod2,
+                             o_pSecond2, o_pCount3,  o_pPeriod3, o_pSecond3, o_pCount4,
+                             o_pPeriod4, o_pSecond4, o_pCount5,  o_pPeriod5, o_pSecond5};
+    return ReadMeasurement(kesEnergyDevicePulseCounterFive, i_usAddress, outputs);
 }
 
 } // namespace kes

@@ -160,6 +160,19 @@ public:
     static kesString AlarmStatusTypeToTypeName(kesEEnergyAlarmStatus i_eStatus);
     static kesString AlarmCycleStatusTypeToTypeName(kesEEnergyAlarmCycleStatus i_eStatus);
 
+    // The measurement read of any device type: the outputs in the order of the
+    // typed read below, each of the kind GetMeasurementOutput names; any may be
+    // null. 0 on success; after a failure the outputs keep what they held.
+    enum kesEMeasurementOutput {
+        MeasurementNone,  // past the outputs, or a type with no read
+        MeasurementFloat, // float
+        MeasurementWord,  // unsigned short
+        MeasurementLong   // unsigned int
+    };
+    static const unsigned int MAX_MEASUREMENT_OUTPUTS = 15;
+    kesEError ReadMeasurement(kesEEnergyDeviceType i_eType, unsigned short i_usAddress, void* const* o_ppOutputs);
+    static kesEMeasurementOutput GetMeasurementOutput(kesEEnergyDeviceType i_eType, unsigned int i_uiOutput);
+
     // Measurement reads: bus address first, then the outputs; any output may be
     // null. 0 on success; after a failure the outputs keep what they held.
     kesEError ReadPanelVoltTemp(unsigned short i_usAddress, float* o_pVoltage, float* o_pTemperature);
@@ -233,35 +246,6 @@ private:
     {
         return (*static_cast<Attempt*>(io_pAttempt))();
     }
-
-    kesEError read_response_panel_temp_and_voltage(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-                                                   float* o_pVoltage, float* o_pTemperature);
-    kesEError read_response_string_voltage_ampere(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-                                                  float* o_pVoltage, float* o_pAmpere);
-    kesEError read_response_string1_voltage_ampere(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-                                                   float* o_pVoltage, float* o_pAmpere);
-    kesEError read_response_string2_voltage_ampere(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-                                                   float* o_pVoltage, float* o_pAmpere1, float* o_pAmpere2);
-    kesEError read_response_string3_voltage_ampere(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-                                                   float* o_pVoltage, float* o_pAmpere1, float* o_pAmpere2,
-                                                   float* o_pAmpere3);
-    kesEError read_response_string4_voltage_ampere(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-                                                   float* o_pVoltage, float* o_pAmpere1, float* o_pAmpere2,
-                                                   float* o_pAmpere3, float* o_pAmpere4);
-    kesEError read_response_alarm_voltage_ampere(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-                                                 float* o_pVoltage, float* o_pAmpere);
-    kesEError read_response_pulsecounter_data(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-                                              unsigned int* o_pCount, unsigned short* o_pPeriod);
-    kesEError read_response_pulsecountertwo_data(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-                                                 unsigned int* o_pCount1, unsigned short* o_pPeriod1,
-                                                 unsigned int* o_pCount2, unsigned short* o_pPeriod2);
-    kesEError
-    read_response_pulsecounterfive_data(kesEnergySocket* io_pChannel, unsigned short i_usAddress,
-                                        unsigned int* o_pCount1, unsigned short* o_pPeriod1, unsigned int* o_pSecond1,
-                                        unsigned int* o_pCount2, unsigned short* o_pPeriod2, unsigned int* o_pSecond2,
-                                        unsigned int* o_pCount3, unsigned short* o_pPeriod3, unsigned int* o_pSecond3,
-                                        unsigned int* o_pCount4, unsigned short* o_pPeriod4, unsigned int* o_pSecond4,
-                                        unsigned int* o_pCount5, unsigned short* o_pPeriod5, unsigned int* o_pSecond5);
 
     // Late replies: the last request that got no reply of its own, and the
     // last bytes that belonged to no request (steady clock, milliseconds).
