@@ -9,6 +9,7 @@
 #include "kes_energy.h"
 #include "kes_energy_configure.h"
 #include "kes_energy_davis_meteo.h"
+#include "kes_energy_device_types.h"
 #include "kes_energy_line.h"
 #include "kes_enerysystem.h"
 #include "kes_osfile.h"
@@ -17,10 +18,6 @@ namespace kes {
 namespace Energy {
 
 namespace {
-
-// The event codes routed to on_event, in the order they are registered; no
-// listener for Ambient, which is never raised.
-const int ROUTED_CODES[] = {1, 2, 10, 6, 11, 7, 3, 5, 8, 9, 65534, 65535};
 
 kesString attribute(const TiXmlElement* element, const char* name)
 {
@@ -31,13 +28,23 @@ kesString attribute(const TiXmlElement* element, const char* name)
 // all other values are doubles, Ambient and unknown types nothing.
 kesEError register_value(kesEnergyHistorySystem& history, int type, unsigned int iid, unsigned char fid)
 {
-    if (type < static_cast<int>(kesEnergyDevicePanel) || type > static_cast<int>(kesEnergyDeviceStringThree) ||
-        type == static_cast<int>(kesEnergyDeviceAmbient))
+    const DeviceType* row = FindDeviceType(type);
+    if (!row || row->recordSize == 0)
         return kesErrorOk;
-    const kesEEnergyDeviceType deviceType = static_cast<kesEEnergyDeviceType>(type);
-    if (deviceType == kesEnergyDeviceAlarm && fid == 3)
-        return history.RegisterParameterInteger(iid, deviceType, fid);
-    return history.RegisterParameterDouble(iid, deviceType, fid);
+    if (HistoryClassOf(type, fid) == HistoryInteger)
+        return history.RegisterParameterInteger(iid, row->type, fid);
+    return history.RegisterParameterDouble(iid, row->type, fid);
+}
+
+// The readings of each type with a read, in the order of the cycle, then the
+// two events of the line.
+void add_listeners(kesEnergyLine* line)
+{
+    for (const DeviceType& row : DEVICE_TYPES)
+        if (row.recordSize != 0)
+            line->AddListener(static_cast<int>(row.type), kesEnergy::on_event);
+    line->AddListener(kesEnergyEventAlarmStatus, kesEnergy::on_event);
+    line->AddListener(kesEnergyEventCommunicationError, kesEnergy::on_event);
 }
 
 // Whether the text is well-formed UTF-8 (ASCII included). TinyXML, reading
@@ -217,8 +224,7 @@ kesEError kesEnergy::configure_line(const TiXmlElement* element)
         delete line;
         return kesErrorOk;
     }
-    for (int code : ROUTED_CODES)
-        line->AddListener(code, on_event);
+    add_listeners(line);
     add_to_line_list(line);
     return kesErrorOk;
 }

@@ -7,6 +7,7 @@
 #include <new>
 #include <sys/time.h>
 
+#include "kes_energy_device_types.h"
 #include "kes_energy_history_file.h"
 #include "kes_energy_history_text.h"
 #include "kes_osfile.h"
@@ -35,47 +36,11 @@ const unsigned int MAX_MINUTES = 60;
 const char* const OFFSET_ENERGY_DAY = "offset_energy_day";
 const char* const OFFSET_PULSE = "offset_pulse";
 
-// How a parameter is stored, by device type and field number.
-enum EHistoryClass { HistoryNone, HistoryEnergy, HistoryValue, HistoryPulse };
-
-const unsigned int ALL_FIDS = 0xFFFFFFFFu;
-
-struct TypeRow {
-    kesEEnergyDeviceType type;
-    EHistoryClass storedAs;
-    unsigned int fids; // bit n: field n goes to the files
-};
-
-// Energy and pulse devices also keep a total per parameter, for every field.
-const TypeRow TYPE_TABLE[] = {
-    {kesEnergyDevicePanel, HistoryValue, ALL_FIDS},
-    {kesEnergyDeviceString, HistoryEnergy, 1u << 2},
-    {kesEnergyDeviceAlarm, HistoryEnergy, 1u << 2},
-    {kesEnergyDeviceStringOne, HistoryEnergy, 1u << 2},
-    {kesEnergyDeviceStringTwo, HistoryEnergy, (1u << 2) | (1u << 4)},
-    {kesEnergyDeviceStringThree, HistoryEnergy, (1u << 2) | (1u << 4) | (1u << 6)},
-    {kesEnergyDeviceStringFour, HistoryEnergy, (1u << 2) | (1u << 4) | (1u << 6) | (1u << 8)},
-    {kesEnergyDevicePulseCounter, HistoryPulse, 1u << 1},
-    {kesEnergyDevicePulseCounterTwo, HistoryPulse, (1u << 1) | (1u << 3)},
-    {kesEnergyDevicePulseCounterFive, HistoryPulse, (1u << 1) | (1u << 3) | (1u << 5) | (1u << 7) | (1u << 9)},
-};
-
-const TypeRow* find_type(kesEEnergyDeviceType type)
-{
-    for (const TypeRow& row : TYPE_TABLE)
-        if (row.type == type)
-            return &row;
-    return 0;
-}
-
+// Which file rows a parameter gets; an integer reaches no file.
 EHistoryClass file_class(kesEEnergyDeviceType type, unsigned char fid)
 {
-    const TypeRow* row = find_type(type);
-    if (!row)
-        return HistoryNone;
-    if (row->fids == ALL_FIDS || (fid < 32 && (row->fids >> fid) & 1u))
-        return row->storedAs;
-    return HistoryNone;
+    const EHistoryClass storedAs = HistoryClassOf(type, fid);
+    return storedAs == HistoryInteger ? HistoryNone : storedAs;
 }
 
 kesString day_name(const kesTime::kesDateTime& date)
@@ -273,10 +238,11 @@ kesEError kesEnergyHistorySystem::RegisterParameterDouble(unsigned int uid, cons
         return report(kesErrorOutOfMemory, "Can not create parameter", "RegisterParameterDouble", __LINE__);
     m_mapDouble[uid] = parameter;
 
-    const TypeRow* row = find_type(type);
-    if (row && row->storedAs == HistoryEnergy)
+    // Energy and pulse devices keep a total for every value, not only those of the files.
+    const EHistoryClass totals = TotalsOf(type);
+    if (totals == HistoryEnergy)
         m_mapEnergy.emplace(uid, 0.0);
-    else if (row && row->storedAs == HistoryPulse && !m_mapPulse.GetKeyValue(uid)) {
+    else if (totals == HistoryPulse && !m_mapPulse.GetKeyValue(uid)) {
         PulseCounterStorage* storage = new (std::nothrow) PulseCounterStorage();
         if (!storage)
             return report(kesErrorOutOfMemory, "Can not create pulse storage", "RegisterParameterDouble", __LINE__);

@@ -15,123 +15,6 @@ const unsigned int kesEnergyLine::RECONNECT_PAUSE;
 const unsigned int kesEnergyLine::RECONNECT_SLICE;
 const unsigned int kesEnergyLine::THREAD_STACK;
 
-namespace {
-
-// Every reading record begins with the bus address; one of them lives on the
-// polling thread's stack for each device read.
-union kesReading {
-    kesEnergyPanelData panel;
-    kesEnergyStringData string;
-    kesEnergyStringTwoData stringTwo;
-    kesEnergyStringThreeData stringThree;
-    kesEnergyStringFourData stringFour;
-    kesEnergyAlarmData alarm;
-    kesEnergyPulseCounterData pulse;
-    kesEnergyPulseCounterTwoData pulseTwo;
-    kesEnergyPulseCounterFiveData pulseFive;
-};
-
-typedef kesEError (*kesReadDevice)(kesEnergySystem& io_system, unsigned short i_usAddress, kesReading& o_reading);
-
-kesEError read_panel(kesEnergySystem& io_system, unsigned short i_usAddress, kesReading& o_reading)
-{
-    kesEnergyPanelData& r = o_reading.panel;
-    r.address = i_usAddress;
-    return io_system.ReadPanelVoltTemp(i_usAddress, &r.voltage, &r.temperature);
-}
-
-kesEError read_string(kesEnergySystem& io_system, unsigned short i_usAddress, kesReading& o_reading)
-{
-    kesEnergyStringData& r = o_reading.string;
-    r.address = i_usAddress;
-    return io_system.ReadStringVoltAmpere(i_usAddress, &r.voltage, &r.ampere);
-}
-
-kesEError read_string_one(kesEnergySystem& io_system, unsigned short i_usAddress, kesReading& o_reading)
-{
-    kesEnergyStringData& r = o_reading.string;
-    r.address = i_usAddress;
-    return io_system.ReadStringOneVoltAmpere(i_usAddress, &r.voltage, &r.ampere);
-}
-
-kesEError read_string_two(kesEnergySystem& io_system, unsigned short i_usAddress, kesReading& o_reading)
-{
-    kesEnergyStringTwoData& r = o_reading.stringTwo;
-    r.address = i_usAddress;
-    return io_system.ReadStringTwoVoltAmpere(i_usAddress, &r.voltage, &r.ampere1, &r.ampere2);
-}
-
-kesEError read_string_three(kesEnergySystem& io_system, unsigned short i_usAddress, kesReading& o_reading)
-{
-    kesEnergyStringThreeData& r = o_reading.stringThree;
-    r.address = i_usAddress;
-    return io_system.ReadStringThreeVoltAmpere(i_usAddress, &r.voltage, &r.ampere1, &r.ampere2, &r.ampere3);
-}
-
-kesEError read_string_four(kesEnergySystem& io_system, unsigned short i_usAddress, kesReading& o_reading)
-{
-    kesEnergyStringFourData& r = o_reading.stringFour;
-    r.address = i_usAddress;
-    return io_system.ReadStringFourVoltAmpere(i_usAddress, &r.voltage, &r.ampere1, &r.ampere2, &r.ampere3, &r.ampere4);
-}
-
-kesEError read_alarm(kesEnergySystem& io_system, unsigned short i_usAddress, kesReading& o_reading)
-{
-    kesEnergyAlarmData& r = o_reading.alarm;
-    r.address = i_usAddress;
-    return io_system.ReadAlarmVoltAmpere(i_usAddress, &r.voltage, &r.ampere);
-}
-
-kesEError read_pulse(kesEnergySystem& io_system, unsigned short i_usAddress, kesReading& o_reading)
-{
-    kesEnergyPulseCounterData& r = o_reading.pulse;
-    r.address = i_usAddress;
-    return io_system.ReadPulseCounterData(i_usAddress, &r.count, &r.period);
-}
-
-kesEError read_pulse_two(kesEnergySystem& io_system, unsigned short i_usAddress, kesReading& o_reading)
-{
-    kesEnergyPulseCounterTwoData& r = o_reading.pulseTwo;
-    r.address = i_usAddress;
-    return io_system.ReadPulseCounterTwoData(i_usAddress, &r.count1, &r.period1, &r.count2, &r.period2);
-}
-
-kesEError read_pulse_five(kesEnergySystem& io_system, unsigned short i_usAddress, kesReading& o_reading)
-{
-    kesEnergyPulseCounterFiveData& r = o_reading.pulseFive;
-    r.address = i_usAddress;
-    // The record has no place for the second count of each channel.
-    return io_system.ReadPulseCounterFiveData(i_usAddress, &r.count1, &r.period1, nullptr, &r.count2, &r.period2,
-                                              nullptr, &r.count3, &r.period3, nullptr, &r.count4, &r.period4, nullptr,
-                                              &r.count5, &r.period5, nullptr);
-}
-
-struct kesCycleStep {
-    kesEnergyLine::EList list;
-    kesEEnergyDeviceType type; // also the event code of a reading
-    kesReadDevice read;        // null: the type has no read
-};
-
-// The order of a cycle: neither that of the type numbers nor that of the lists.
-const kesCycleStep CYCLE[] = {
-    {kesEnergyLine::ListPanel, kesEnergyDevicePanel, &read_panel},
-    {kesEnergyLine::ListString, kesEnergyDeviceString, &read_string},
-    {kesEnergyLine::ListStringOne, kesEnergyDeviceStringOne, &read_string_one},
-    {kesEnergyLine::ListStringTwo, kesEnergyDeviceStringTwo, &read_string_two},
-    {kesEnergyLine::ListStringThree, kesEnergyDeviceStringThree, &read_string_three},
-    {kesEnergyLine::ListStringFour, kesEnergyDeviceStringFour, &read_string_four},
-    {kesEnergyLine::ListAlarm, kesEnergyDeviceAlarm, &read_alarm},
-    {kesEnergyLine::ListPulseCounter, kesEnergyDevicePulseCounter, &read_pulse},
-    {kesEnergyLine::ListPulseCounterTwo, kesEnergyDevicePulseCounterTwo, &read_pulse_two},
-    {kesEnergyLine::ListPulseCounterFive, kesEnergyDevicePulseCounterFive, &read_pulse_five},
-    {kesEnergyLine::ListAmbient, kesEnergyDeviceAmbient, nullptr},
-};
-
-const unsigned int CYCLE_STEPS = sizeof(CYCLE) / sizeof(CYCLE[0]);
-static_assert(sizeof(CYCLE) / sizeof(CYCLE[0]) == kesEnergyLine::ListCount, "every list has its step");
-
-} // namespace
-
 kesEnergyLine::kesEnergyLine(const unsigned short& i_usId)
     : m_uiStatus(0), m_pThread(nullptr), m_usUniqueID(i_usId), m_usPort(0), m_uiReceiveTimeOut(0), m_uiAnswerPause(0),
       m_uiFailurePause(0), m_bExitWanted(false)
@@ -162,10 +45,8 @@ void kesEnergyLine::SetAddress(const kesString& i_sAddress, unsigned short i_usP
 
 int kesEnergyLine::list_of_type(int i_iType)
 {
-    for (unsigned int i = 0; i < CYCLE_STEPS; ++i)
-        if (static_cast<int>(CYCLE[i].type) == i_iType)
-            return CYCLE[i].list;
-    return -1;
+    const DeviceType* row = FindDeviceType(i_iType);
+    return row ? static_cast<int>(row - DEVICE_TYPES) : -1;
 }
 
 kesEError kesEnergyLine::AddDevice(int i_iType, unsigned short i_usAddress)
@@ -259,7 +140,7 @@ kesEError kesEnergyLine::Reset()
 void kesEnergyLine::clear_all_devices()
 {
     kesSOsMutex lock(&m_oMutex);
-    for (unsigned int i = 0; i < ListCount; ++i)
+    for (unsigned int i = 0; i < DEVICE_TYPE_COUNT; ++i)
         m_aDevices[i].clear();
     m_mAlarmStatus.clear();
 }
@@ -309,7 +190,7 @@ bool kesEnergyLine::is_exit()
 int kesEnergyLine::make_devices_unique()
 {
     kesSOsMutex lock(&m_oMutex);
-    for (unsigned int i = 0; i < ListCount; ++i)
+    for (unsigned int i = 0; i < DEVICE_TYPE_COUNT; ++i)
         m_aDevices[i].Unique(nullptr, nullptr);
     return 0;
 }
@@ -318,31 +199,33 @@ unsigned int kesEnergyLine::get_devices_count()
 {
     kesSOsMutex lock(&m_oMutex);
     unsigned int count = 0;
-    for (unsigned int i = 0; i < ListCount; ++i)
+    for (unsigned int i = 0; i < DEVICE_TYPE_COUNT; ++i)
         count += static_cast<unsigned int>(m_aDevices[i].size());
     return count;
 }
 
-void kesEnergyLine::read_device(unsigned int i_uiStep, unsigned short i_usAddress)
+void kesEnergyLine::read_device(const DeviceType& i_type, unsigned short i_usAddress)
 {
-    const kesCycleStep& step = CYCLE[i_uiStep];
-    kesReading reading;
-    memset(&reading, 0, sizeof(reading));
-    reading.panel.address = i_usAddress;
-    if (step.list == ListAlarm)
-        reading.alarm.status = m_mAlarmStatus[i_usAddress];
-
-    if (!step.read) {
-        kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "Device Ambient still not supported", __FILE__, "thread_proc",
-                                          __LINE__));
+    if (i_type.recordSize == 0) {
+        KES_LOG_IN(kesErrorFailed, "Device Ambient still not supported", "thread_proc");
         return;
     }
+    // Every reading record begins with the bus address.
+    alignas(8) unsigned char record[MAX_RECORD_SIZE];
+    memset(record, 0, sizeof(record));
+    memcpy(record, &i_usAddress, sizeof(i_usAddress));
+    void* outputs[MAX_OUTPUTS];
+    for (unsigned int i = 0; i < i_type.outputCount; ++i)
+        outputs[i] = i_type.outputs[i].at == NOWHERE ? nullptr : record + i_type.outputs[i].at;
+    for (unsigned int i = 0; i < i_type.fieldCount; ++i)
+        if (i_type.fields[i].kind == KIND_STATUS)
+            record[i_type.fields[i].at] = m_mAlarmStatus[i_usAddress];
 
     kesEvent event;
     event.source = m_usUniqueID;
-    if (step.read(m_oSystem, i_usAddress, reading) == kesErrorOk) {
-        event.code = step.type;
-        event.data = &reading;
+    if (m_oSystem.ReadMeasurement(i_type.type, i_usAddress, outputs) == kesErrorOk) {
+        event.code = i_type.type;
+        event.data = record;
         DispatchEvent(event);
         return;
     }
@@ -350,7 +233,7 @@ void kesEnergyLine::read_device(unsigned int i_uiStep, unsigned short i_usAddres
     unsigned int key = (static_cast<unsigned int>(i_usAddress) << 16) | m_usUniqueID;
     // Printed whatever the log level, and never written to the log file.
     printf("%c[%dm", 27, 31);
-    printf("[Communication Error][%s][%i]\n", kesEnergySystem::DeviceTypeToTypeName(step.type).c_str(),
+    printf("[Communication Error][%s][%i]\n", kesEnergySystem::DeviceTypeToTypeName(i_type.type).c_str(),
            static_cast<int>(i_usAddress));
     printf("%c[%dm", 27, 0);
     event.code = kesEnergyEventCommunicationError;
@@ -371,8 +254,8 @@ void kesEnergyLine::thread_proc(kesOsThread* io_pThread, void* io_pLine)
             continue;
         }
         bool lost = false;
-        for (unsigned int step = 0; step < CYCLE_STEPS && !lost; ++step) {
-            const kesArray<unsigned short>& devices = line->m_aDevices[CYCLE[step].list];
+        for (unsigned int step = 0; step < DEVICE_TYPE_COUNT && !lost; ++step) {
+            const kesArray<unsigned short>& devices = line->m_aDevices[step];
             for (size_t i = 0; i < devices.size(); ++i) {
                 if (line->is_exit())
                     return;
@@ -381,7 +264,7 @@ void kesEnergyLine::thread_proc(kesOsThread* io_pThread, void* io_pLine)
                     lost = true;
                     break;
                 }
-                line->read_device(step, devices[i]);
+                line->read_device(DEVICE_TYPES[step], devices[i]);
             }
         }
         if (!lost && !io_pThread->WaitContinue(CYCLE_PAUSE))

@@ -5,6 +5,7 @@
 
 #include <atomic>
 
+#include "kes_energy_device_types.h"
 #include "kes_enerysystem.h"
 #include "kes_error.h"
 #include "kes_event.h"
@@ -26,23 +27,6 @@ public:
     static const unsigned int RECONNECT_PAUSE = 1000;
     static const unsigned int RECONNECT_SLICE = 50;
     static const unsigned int THREAD_STACK = 1048576;
-
-    // Positions of the device lists, in their order of declaration; AddDevice
-    // picks one by device type, the cycle walks them in an order of its own.
-    enum EList {
-        ListPanel,
-        ListString,
-        ListStringOne,
-        ListStringTwo,
-        ListStringThree,
-        ListStringFour,
-        ListAlarm,
-        ListAmbient,
-        ListPulseCounter,
-        ListPulseCounterTwo,
-        ListPulseCounterFive,
-        ListCount
-    };
 
     explicit kesEnergyLine(const unsigned short& i_usId);
     ~kesEnergyLine();
@@ -72,7 +56,7 @@ private:
     void term_threads();
     bool is_exit();
     static void thread_proc(kesOsThread* io_pThread, void* io_pLine);
-    void read_device(unsigned int i_uiStep, unsigned short i_usAddress);
+    void read_device(const DeviceType& i_type, unsigned short i_usAddress);
     int make_devices_unique();
     unsigned int get_devices_count();
     static int list_of_type(int i_iType);
@@ -88,7 +72,8 @@ private:
     unsigned int m_uiReceiveTimeOut;
     unsigned int m_uiAnswerPause;
     unsigned int m_uiFailurePause;
-    kesArray<unsigned short> m_aDevices[ListCount];
+    // One list per device type, in the order of the cycle.
+    kesArray<unsigned short> m_aDevices[DEVICE_TYPE_COUNT];
     kesMap<unsigned short, unsigned char> m_mAlarmStatus;
     // Raised by term_threads before it waits for the mutex: the polling thread
     // retakes the mutex at once after a failed Reset, and a waiting stop could

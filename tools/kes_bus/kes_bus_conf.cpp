@@ -15,6 +15,7 @@
 
 #include "kes_bus_tool.h"
 #include "kes_energy_configure.h"
+#include "kes_energy_device_types.h"
 
 namespace kes {
 
@@ -37,24 +38,22 @@ const kesQuantity QUANTITIES[] = {{"", ""},
 
 unsigned int field_count(kesEEnergyDeviceType i_type)
 {
-    unsigned int count = 0;
-    if (i_type >= kesEnergyDevicePanel && i_type <= kesEnergyDeviceStringThree)
-        while (count < Energy::MAX_FIELDS && Energy::FIELDS[i_type][count].kind != Energy::KIND_NONE)
-            ++count;
-    return count;
+    const Energy::DeviceType* row = Energy::FindDeviceType(i_type);
+    return row ? row->fieldCount : 0;
 }
 
 // " current 2, A ": the channel is named only on devices that have several.
 std::string value_comment(kesEEnergyDeviceType i_type, unsigned int i_fid)
 {
-    const Energy::ValueField* fields = Energy::FIELDS[i_type];
+    const Energy::DeviceType& row = *Energy::FindDeviceType(i_type);
     bool channels = false;
-    for (unsigned int fid = 0; fid < Energy::MAX_FIELDS; ++fid)
-        channels = channels || fields[fid].channel > 0;
-    const kesQuantity& quantity = QUANTITIES[fields[i_fid].kind];
+    for (unsigned int fid = 0; fid < row.fieldCount; ++fid)
+        channels = channels || row.fields[fid].channel > 0;
+    const Energy::ValueField& field = row.fields[i_fid];
+    const kesQuantity& quantity = QUANTITIES[field.kind];
     std::string text = std::string(" ") + quantity.name;
-    if (channels && fields[i_fid].kind != Energy::KIND_VOLT)
-        text += " " + std::to_string(fields[i_fid].channel + 1);
+    if (channels && field.kind != Energy::KIND_VOLT)
+        text += " " + std::to_string(field.channel + 1);
     if (*quantity.unit)
         text += std::string(", ") + quantity.unit;
     return text + " ";

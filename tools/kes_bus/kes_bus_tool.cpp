@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "kes_energy_device_types.h"
+
 namespace kes {
 
 namespace {
@@ -94,81 +96,37 @@ struct kesReadValue {
     const char* unit; // null for a count
 };
 
+// Every output of the type's read, each as the engine gives it.
 kesEError read_values(kesBusTool& io_tool, kesEEnergyDeviceType i_type, unsigned short i_address,
                       std::vector<kesReadValue>* o_values)
 {
-    float f[5] = {0, 0, 0, 0, 0};
-    unsigned int counts[5] = {0, 0, 0, 0, 0}, seconds[5] = {0, 0, 0, 0, 0};
-    unsigned short times[5] = {0, 0, 0, 0, 0};
-    kesEError result = kesErrorOk;
-    int amperes = 0;
-    switch (i_type) {
-    case kesEnergyDevicePanel:
-        result = io_tool.ReadPanelVoltTemp(i_address, &f[0], &f[1]);
-        *o_values = {{"Voltage", f[0], "V"}, {"Temperature", f[1], "°C"}};
-        return result;
-    case kesEnergyDeviceString:
-        result = io_tool.ReadStringVoltAmpere(i_address, &f[0], &f[1]);
-        amperes = 1;
-        break;
-    case kesEnergyDeviceStringOne:
-        result = io_tool.ReadStringOneVoltAmpere(i_address, &f[0], &f[1]);
-        amperes = 1;
-        break;
-    case kesEnergyDeviceAlarm:
-        result = io_tool.ReadAlarmVoltAmpere(i_address, &f[0], &f[1]);
-        amperes = 1;
-        break;
-    case kesEnergyDeviceStringTwo:
-        result = io_tool.ReadStringTwoVoltAmpere(i_address, &f[0], &f[1], &f[2]);
-        amperes = 2;
-        break;
-    case kesEnergyDeviceStringThree:
-        result = io_tool.ReadStringThreeVoltAmpere(i_address, &f[0], &f[1], &f[2], &f[3]);
-        amperes = 3;
-        break;
-    case kesEnergyDeviceStringFour:
-        result = io_tool.ReadStringFourVoltAmpere(i_address, &f[0], &f[1], &f[2], &f[3], &f[4]);
-        amperes = 4;
-        break;
-    case kesEnergyDevicePulseCounter:
-    case kesEnergyDevicePulseCounterTwo:
-    case kesEnergyDevicePulseCounterFive: {
-        static const char* const ONE[] = {"O"};
-        static const char* const TWO[] = {"OA", "OR"};
-        static const char* const FIVE[] = {"IA", "IR", "15", "OA", "OR"};
-        const char* const* names = ONE;
-        unsigned int channels = 1;
-        if (i_type == kesEnergyDevicePulseCounter) {
-            result = io_tool.ReadPulseCounterData(i_address, &counts[0], &times[0]);
-        } else if (i_type == kesEnergyDevicePulseCounterTwo) {
-            result = io_tool.ReadPulseCounterTwoData(i_address, &counts[0], &times[0], &counts[1], &times[1]);
-            names = TWO;
-            channels = 2;
-        } else {
-            result = io_tool.ReadPulseCounterFiveData(
-                i_address, &counts[0], &times[0], &seconds[0], &counts[1], &times[1], &seconds[1], &counts[2],
-                &times[2], &seconds[2], &counts[3], &times[3], &seconds[3], &counts[4], &times[4], &seconds[4]);
-            names = FIVE;
-            channels = 5;
-        }
-        o_values->clear();
-        for (unsigned int i = 0; i < channels; ++i) {
-            o_values->push_back({std::string(names[i]) + " Pulse Count", static_cast<double>(counts[i]), nullptr});
-            o_values->push_back({std::string(names[i]) + " Last Time", static_cast<double>(times[i]), "ms"});
-            if (channels == 5)
-                o_values->push_back(
-                    {std::string(names[i]) + "P Pulse Count", static_cast<double>(seconds[i]), nullptr});
-        }
-        return result;
-    }
-    default:
+    const Energy::DeviceType* row = Energy::FindDeviceType(i_type);
+    if (!row || row->recordSize == 0)
         return kesErrorInvalidArgument;
-    }
+    union kesOutput {
+        float scaled;
+        unsigned short word;
+        unsigned int count;
+    } outputs[Energy::MAX_OUTPUTS] = {};
+    void* places[Energy::MAX_OUTPUTS];
+    for (unsigned int i = 0; i < row->outputCount; ++i)
+        places[i] = &outputs[i];
+    const kesEError result = io_tool.ReadMeasurement(i_type, i_address, places);
     o_values->clear();
-    o_values->push_back({"Voltage", f[0], "V"});
-    for (int i = 1; i <= amperes; ++i)
-        o_values->push_back({amperes == 1 ? std::string("Ampere") : std::to_string(i) + " Ampere", f[i], "A"});
+    for (unsigned int i = 0; i < row->outputCount; ++i) {
+        double value = outputs[i].count;
+        switch (kesEnergySystem::GetMeasurementOutput(i_type, i)) {
+        case kesEnergySystem::MeasurementFloat:
+            value = outputs[i].scaled;
+            break;
+        case kesEnergySystem::MeasurementWord:
+            value = outputs[i].word;
+            break;
+        default:
+            break;
+        }
+        o_values->push_back({row->outputs[i].label, value, row->outputs[i].unit});
+    }
     return result;
 }
 

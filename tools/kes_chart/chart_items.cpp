@@ -2,6 +2,8 @@
 
 #include <map>
 
+#include "kes_energy_device_types.h"
+
 namespace kes_chart {
 
 namespace {
@@ -10,21 +12,6 @@ struct Quantity {
     ChartClass kind;
     std::string name;
     std::string unit;
-};
-
-// The fields of each device type that reach the history files: fid first,
-// first + 2, ... one per channel.
-struct TypeFields {
-    int type;
-    ChartClass kind;
-    unsigned int first;
-    unsigned int channels;
-};
-
-const TypeFields TYPE_FIELDS[] = {
-    {2, ChartEnergy, 2, 1}, {3, ChartEnergy, 2, 1},  {10, ChartEnergy, 2, 1},
-    {6, ChartEnergy, 2, 2}, {11, ChartEnergy, 2, 3}, {7, ChartEnergy, 2, 4},
-    {5, ChartPulse, 1, 1},  {8, ChartPulse, 1, 2},   {9, ChartPulse, 1, 5},
 };
 
 // What a class is without a configuration; a month holds the energy of each day.
@@ -41,21 +28,26 @@ Quantity plain_quantity(ChartClass i_kind, bool i_month)
 
 Quantity quantity_of(int i_type, unsigned int i_fid, bool i_month)
 {
-    if (i_type == 1) // a panel stores every field
-        return i_fid == 0   ? Quantity{ChartValue, "voltage", "V"}
-               : i_fid == 1 ? Quantity{ChartValue, "temperature", "°C"}
-                            : Quantity{ChartValue, "field " + std::to_string(i_fid), ""};
-    for (const TypeFields& row : TYPE_FIELDS) {
-        if (row.type != i_type || i_fid < row.first || (i_fid - row.first) % 2 != 0 ||
-            (i_fid - row.first) / 2 >= row.channels)
-            continue;
-        Quantity quantity = plain_quantity(row.kind, i_month);
-        if (row.channels > 1)
-            quantity.name +=
-                (row.kind == ChartEnergy ? " string " : " channel ") + std::to_string((i_fid - row.first) / 2 + 1);
-        return quantity;
+    const kes::Energy::EHistoryClass stored = kes::Energy::HistoryClassOf(i_type, i_fid);
+    const kes::Energy::ValueField* field = kes::Energy::FindValueField(i_type, i_fid);
+    if (stored == kes::Energy::HistoryValue) {
+        if (field && field->kind == kes::Energy::KIND_VOLT)
+            return Quantity{ChartValue, "voltage", "V"};
+        if (field && field->kind == kes::Energy::KIND_TEMPERATURE)
+            return Quantity{ChartValue, "temperature", "°C"};
+        return Quantity{ChartValue, "field " + std::to_string(i_fid), ""};
     }
-    return plain_quantity(ChartNone, i_month);
+    if (!field || (stored != kes::Energy::HistoryEnergy && stored != kes::Energy::HistoryPulse))
+        return plain_quantity(ChartNone, i_month);
+    const ChartClass kind = stored == kes::Energy::HistoryEnergy ? ChartEnergy : ChartPulse;
+    Quantity quantity = plain_quantity(kind, i_month);
+    const kes::Energy::DeviceType& row = *kes::Energy::FindDeviceType(i_type);
+    unsigned int channels = 0;
+    for (unsigned int fid = 0; fid < row.fieldCount; ++fid)
+        channels += row.fields[fid].history == stored ? 1 : 0;
+    if (channels > 1)
+        quantity.name += (kind == ChartEnergy ? " string " : " channel ") + std::to_string(field->channel + 1);
+    return quantity;
 }
 
 std::string quantity_text(const Quantity& i_quantity)
