@@ -1,5 +1,5 @@
-// What a configuration file can name, shared by the daemon and the tools that
-// read or write its file.
+// The text test of a configuration file, shared by the daemon and the tools
+// that read or write its file.
 #ifndef KES_ENERGY_CONFIGURE_H
 #define KES_ENERGY_CONFIGURE_H
 

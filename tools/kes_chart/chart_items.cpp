@@ -6,6 +6,8 @@
 
 namespace kes_chart {
 
+namespace Energy = kes::Energy;
+
 namespace {
 
 struct Quantity {
@@ -28,20 +30,20 @@ Quantity plain_quantity(ChartClass i_kind, bool i_month)
 
 Quantity quantity_of(int i_type, unsigned int i_fid, bool i_month)
 {
-    const kes::Energy::EHistoryClass stored = kes::Energy::HistoryClassOf(i_type, i_fid);
-    const kes::Energy::ValueField* field = kes::Energy::FindValueField(i_type, i_fid);
-    if (stored == kes::Energy::HistoryValue) {
-        if (field && field->kind == kes::Energy::KIND_VOLT)
+    const Energy::EHistoryClass stored = Energy::HistoryClassOf(i_type, i_fid);
+    const Energy::ValueField* field = Energy::FindValueField(i_type, i_fid);
+    if (stored == Energy::HistoryValue) {
+        if (field && field->kind == Energy::KIND_VOLT)
             return Quantity{ChartValue, "voltage", "V"};
-        if (field && field->kind == kes::Energy::KIND_TEMPERATURE)
+        if (field && field->kind == Energy::KIND_TEMPERATURE)
             return Quantity{ChartValue, "temperature", "°C"};
         return Quantity{ChartValue, "field " + std::to_string(i_fid), ""};
     }
-    if (!field || (stored != kes::Energy::HistoryEnergy && stored != kes::Energy::HistoryPulse))
+    if (!field || (stored != Energy::HistoryEnergy && stored != Energy::HistoryPulse))
         return plain_quantity(ChartNone, i_month);
-    const ChartClass kind = stored == kes::Energy::HistoryEnergy ? ChartEnergy : ChartPulse;
+    const ChartClass kind = stored == Energy::HistoryEnergy ? ChartEnergy : ChartPulse;
     Quantity quantity = plain_quantity(kind, i_month);
-    const kes::Energy::DeviceType& row = *kes::Energy::FindDeviceType(i_type);
+    const Energy::DeviceType& row = *Energy::FindDeviceType(i_type);
     unsigned int channels = 0;
     for (unsigned int fid = 0; fid < row.fieldCount; ++fid)
         channels += row.fields[fid].history == stored ? 1 : 0;
