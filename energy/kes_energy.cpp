@@ -37,6 +37,21 @@ const char* const HELP_TEXT = "\nKes. Energy Command Help\n"
                               "-fversion fremwork version ---- [e.g - 1.0.0]\n"
                               "-log log file name ------------ [file application log]\n";
 
+// A path option that must name something that exists; the records name the caller.
+kesEError required_path(kesCommandLineParser& parser, const char* option, const char* what, bool (*exists)(const char*),
+                        kesString* o_path, const char* function)
+{
+    kesString value;
+    if (!parser.GetArgument(option, &value))
+        return KES_LOG_IN(kesErrorInvalidArgument, kesString(what) + " not found", function);
+    if (value.empty())
+        return KES_LOG_IN(kesErrorInvalidArgument, kesString(what) + " is invalid", function);
+    if (!exists(value.c_str()))
+        return KES_LOG_IN(kesErrorInvalidArgument, kesString(what) + " does not exist", function);
+    *o_path = value;
+    return kesErrorOk;
+}
+
 // The handler may only post: the event's mutex is not safe in a signal handler.
 sem_t g_sigterm_semaphore;
 bool g_sigterm_semaphore_ready = false;
@@ -133,22 +148,11 @@ kesEError kesEnergy::Init(int argc, char** argv)
         KES_LOG(kesErrorOk, kesString("History Time changed to ") + kesString::FromInt(m_uHistoryTime) + " minutes");
     }
 
-    if (!parser.GetArgument("-conf", &value))
-        return KES_LOG(kesErrorInvalidArgument, "Configuration file not found");
-    if (value.empty())
-        return KES_LOG(kesErrorInvalidArgument, "Configuration file is invalid");
-    if (!kesOsUtility::FileExist(value.c_str()))
-        return KES_LOG(kesErrorInvalidArgument, "Configuration file does not exist");
-    m_sConfigurationPath = value;
-
-    if (!parser.GetArgument("-dir", &value))
-        return KES_LOG(kesErrorInvalidArgument, "Data directory not found");
-    if (value.empty())
-        return KES_LOG(kesErrorInvalidArgument, "Data directory is invalid");
-    if (!kesOsUtility::FolderExist(value.c_str()))
-        return KES_LOG(kesErrorInvalidArgument, "Data directory does not exist");
-    m_sDataDirectory = value;
-    return kesErrorOk;
+    kesEError result =
+        required_path(parser, "-conf", "Configuration file", &kesOsUtility::FileExist, &m_sConfigurationPath, "Init");
+    if (result == kesErrorOk)
+        result = required_path(parser, "-dir", "Data directory", &kesOsUtility::FolderExist, &m_sDataDirectory, "Init");
+    return result;
 }
 
 bool kesEnergy::InstallSigtermHandler()
