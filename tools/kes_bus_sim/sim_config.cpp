@@ -4,6 +4,9 @@
 
 #include <cstdlib>
 #include <strings.h>
+#include <vector>
+
+#include "kes_enerysystem.h"
 
 namespace kes_sim {
 
@@ -25,10 +28,14 @@ long number(const TiXmlElement* i_element, const char* i_name)
 
 const char* TypeName(int i_type)
 {
-    static const char* const NAMES[] = {
-        "",           "Panel",           "String",           "Alarm",     "Ambient",    "PulseCounter", "StringTwo",
-        "StringFour", "PulseCounterTwo", "PulseCounterFive", "StringOne", "StringThree"};
-    return i_type >= 1 && i_type <= 11 ? NAMES[i_type] : "Unknown";
+    // the engine's names, made once and kept for the life of the program
+    static const std::vector<std::string> NAMES = [] {
+        std::vector<std::string> names;
+        for (unsigned int type = kes::kesEnergyDevicePanel; type <= kes::kesEnergyDeviceStringThree; ++type)
+            names.push_back(kes::kesEnergySystem::DeviceTypeToTypeName(static_cast<kes::kesEEnergyDeviceType>(type)));
+        return names;
+    }();
+    return i_type >= 1 && static_cast<size_t>(i_type) <= NAMES.size() ? NAMES[i_type - 1].c_str() : "Unknown";
 }
 
 bool IsSerialAddress(const std::string& i_address)
