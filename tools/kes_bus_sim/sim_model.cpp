@@ -4,6 +4,8 @@
 #include <cmath>
 #include <ctime>
 
+#include "kes_enerysystem.h"
+
 namespace kes_sim {
 
 namespace {
@@ -117,36 +119,39 @@ std::vector<uint16_t> DeviceModel::Measurements(double i_seconds, double i_hour)
     double volt = sun > 0 ? 560 + 90 * std::sqrt(sun) : 12 * m_scale;
     std::vector<uint16_t> r;
     switch (m_type) {
-    case 1: // Panel: 0.01 V, 0.1 degrees
+    case kes::kesEnergyDevicePanel: // Panel: 0.01 V, 0.1 degrees
         r = {reg((sun > 0 ? 30.5 + 6 * std::sqrt(sun) : 0.4) * 100 * m_scale),
              reg((12 + 33 * sun * cloud + std::sin(i_seconds / 31.0)) * 10)};
         break;
-    case 2:
-    case 10:
-    case 6:
-    case 11:
-    case 7: {
-        int channels = m_type == 6 ? 2 : m_type == 11 ? 3 : m_type == 7 ? 4 : 1;
+    case kes::kesEnergyDeviceString:
+    case kes::kesEnergyDeviceStringOne:
+    case kes::kesEnergyDeviceStringTwo:
+    case kes::kesEnergyDeviceStringThree:
+    case kes::kesEnergyDeviceStringFour: {
+        int channels = m_type == kes::kesEnergyDeviceStringTwo     ? 2
+                       : m_type == kes::kesEnergyDeviceStringThree ? 3
+                       : m_type == kes::kesEnergyDeviceStringFour  ? 4
+                                                                   : 1;
         r.push_back(reg(volt * 10));
         for (int c = 0; c < channels; ++c)
             r.push_back(reg(ampere * (1 - 0.03 * c) * 100));
         break;
     }
-    case 3: { // Alarm: a check cycle every ten minutes, twenty seconds long
+    case kes::kesEnergyDeviceAlarm: { // Alarm: a check cycle every ten minutes, twenty seconds long
         double phase = std::fmod(i_seconds + m_mid * 13, 600.0);
         uint16_t status = phase < 20 ? 0x0100 : 0x0000; // low byte: success
         r = {reg(volt * 10), reg(ampere * 100), status, reg(volt * ampere * 0.02)};
         break;
     }
-    case 5:
-    case 8:
-    case 9: {
+    case kes::kesEnergyDevicePulseCounter:
+    case kes::kesEnergyDevicePulseCounterTwo:
+    case kes::kesEnergyDevicePulseCounterFive: {
         advance_pulses(i_seconds, i_hour);
-        if (m_type == 5) {
+        if (m_type == kes::kesEnergyDevicePulseCounter) {
             r.assign(3, 0);
             put32(&r, 0, m_counts[0]);
             r[2] = m_periods[0];
-        } else if (m_type == 8) {
+        } else if (m_type == kes::kesEnergyDevicePulseCounterTwo) {
             r.assign(6, 0);
             for (int c = 0; c < 2; ++c) {
                 int channel = c == 0 ? 3 : 4; // OA and OR
@@ -171,7 +176,7 @@ std::vector<uint16_t> DeviceModel::Measurements(double i_seconds, double i_hour)
 
 std::vector<uint16_t> DeviceModel::Ratings() const
 {
-    if (m_type != 1)
+    if (m_type != kes::kesEnergyDevicePanel)
         return std::vector<uint16_t>();
     // open circuit V and A, max power, V and A at max power, reserved,
     // efficiency, cells, panels
