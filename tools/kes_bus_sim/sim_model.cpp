@@ -147,29 +147,36 @@ std::vector<uint16_t> DeviceModel::Measurements(double i_seconds, double i_hour)
     case kes::kesEnergyDevicePulseCounterTwo:
     case kes::kesEnergyDevicePulseCounterFive: {
         advance_pulses(i_seconds, i_hour);
-        if (m_type == kes::kesEnergyDevicePulseCounter) {
-            r.assign(3, 0);
-            put32(&r, 0, m_counts[0]);
-            r[2] = m_periods[0];
-        } else if (m_type == kes::kesEnergyDevicePulseCounterTwo) {
-            r.assign(6, 0);
-            for (int c = 0; c < 2; ++c) {
-                int channel = c == 0 ? 3 : 4; // OA and OR
-                put32(&r, c * 3, m_counts[channel]);
-                r[c * 3 + 2] = m_periods[channel];
-            }
-        } else {
-            r.assign(25, 0);
-            for (int c = 0; c < 5; ++c) {
-                put32(&r, c * 5, m_counts[c]);
-                r[c * 5 + 2] = m_periods[c];
-                put32(&r, c * 5 + 3, m_seconds[c]);
-            }
-        }
+        r = pulse_registers();
         break;
     }
     default:
         break;
+    }
+    return r;
+}
+
+std::vector<uint16_t> DeviceModel::pulse_registers() const
+{
+    std::vector<uint16_t> r;
+    if (m_type == kes::kesEnergyDevicePulseCounter) {
+        r.assign(3, 0);
+        put32(&r, 0, m_counts[0]);
+        r[2] = m_periods[0];
+    } else if (m_type == kes::kesEnergyDevicePulseCounterTwo) {
+        r.assign(6, 0);
+        for (int c = 0; c < 2; ++c) {
+            int channel = c == 0 ? 3 : 4; // OA and OR
+            put32(&r, c * 3, m_counts[channel]);
+            r[c * 3 + 2] = m_periods[channel];
+        }
+    } else {
+        r.assign(25, 0);
+        for (int c = 0; c < 5; ++c) {
+            put32(&r, c * 5, m_counts[c]);
+            r[c * 5 + 2] = m_periods[c];
+            put32(&r, c * 5 + 3, m_seconds[c]);
+        }
     }
     return r;
 }

@@ -47,6 +47,8 @@ public:
 
 private:
     double advance_pulses(double i_seconds, double i_hour);
+    // The registers of a pulse counter from the counts as they stand.
+    std::vector<uint16_t> pulse_registers() const;
 
     int m_type;
     unsigned int m_mid;
