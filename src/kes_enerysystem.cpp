@@ -441,10 +441,10 @@ kesEError kesEnergySystem::exchange(kesEnergySocket* io_pChannel, kesIModbusRtuF
     unsigned char reply[264];
     if (!io_pChannel || !i_pRequest || i_uiReplyLength < 5 || i_uiReplyLength > sizeof(reply))
         return KES_LOG_IN(kesErrorInvalidArgument, "Invalid exchange", i_szFunction);
-    kesExchange exchange(i_pRequest->GetFrameBufferPtr(), i_pRequest->GetFrameSize(), reply, i_uiReplyLength,
-                         i_usAddress, i_szFunction);
-    exchange.checkSend = i_bCheckSend;
-    if (kesEError failed = transfer(io_pChannel, MEASUREMENT_LADDER, exchange))
+    kesExchange transaction(i_pRequest->GetFrameBufferPtr(), i_pRequest->GetFrameSize(), reply, i_uiReplyLength,
+                            i_usAddress, i_szFunction);
+    transaction.checkSend = i_bCheckSend;
+    if (kesEError failed = transfer(io_pChannel, MEASUREMENT_LADDER, transaction))
         return failed;
 
     kesModbusRtuFrame response(reply, i_uiReplyLength);
@@ -455,21 +455,21 @@ kesEError kesEnergySystem::exchange(kesEnergySocket* io_pChannel, kesIModbusRtuF
     if (size != i_uiDataSize || !data || response.GetUnitID() != i_pRequest->GetUnitID() ||
         response.GetFunctionCodeID() != i_pRequest->GetFunctionCodeID()) {
         // the reply of another request: this one may still be answered
-        note_unanswered(exchange.sentAt);
-        note_stray(exchange.received);
+        note_unanswered(transaction.sentAt);
+        note_stray(transaction.received);
         return KES_LOG_IN(kesErrorFailed,
                           "pData && size && oFrameResponse.GetUnitID() && oFrameResponse.GetFunctionCodeID()",
                           i_szFunction);
     }
-    if (exchange.after > 0) {
+    if (transaction.after > 0) {
         kesString text;
-        text.SetFormat(128, "Reply out of step, %i more bytes after it at address:%u", exchange.after,
+        text.SetFormat(128, "Reply out of step, %i more bytes after it at address:%u", transaction.after,
                        static_cast<unsigned int>(i_usAddress));
         return KES_LOG_IN(kesErrorFailed, text, i_szFunction);
     }
-    if (const char* why = untied(exchange.sentAt, exchange.arrivedAt)) {
+    if (const char* why = untied(transaction.sentAt, transaction.arrivedAt)) {
         // it may be the late reply of the earlier request, and this one's still to come
-        note_unanswered(exchange.sentAt);
+        note_unanswered(transaction.sentAt);
         return KES_LOG_IN(kesErrorFailed, with_address(why, i_usAddress), i_szFunction);
     }
     return i_pDecoder ? i_pDecoder(data, size, io_pContext) : kesErrorOk;

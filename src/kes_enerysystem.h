@@ -225,9 +225,9 @@ protected:
     // reported (the exchange then sleeps the answer pause and gives the code).
     typedef kesEError (*kesReplyDecoder)(const unsigned char* i_pData, unsigned int i_uiSize, void* io_pContext);
 
-    // One request and one reply of known length, checked in order: send count,
-    // time-out, length, CRC, exception, data size, unit and function code.
-    // Every exchange on the bus goes through here.
+    // One Modbus request and one reply of known length, checked in order: send
+    // count, time-out, length, CRC, exception, data size, unit and function
+    // code. Every measurement-style exchange goes through here.
     kesEError exchange(kesEnergySocket* io_pChannel, kesIModbusRtuFrame* i_pRequest, bool i_bCheckSend,
                        unsigned short i_usAddress, unsigned int i_uiReplyLength, unsigned int i_uiDataSize,
                        kesReplyDecoder i_pDecoder, void* io_pContext, const char* i_szFunction);
