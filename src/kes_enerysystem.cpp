@@ -1,6 +1,5 @@
-#include "kes_enerysystem.h"
+#include "kes_enerysystem_private.h"
 
-#include "kes_modbusrtu.h"
 #include "kes_osthread.h"
 #include "kes_time.h"
 
@@ -134,11 +133,6 @@ struct kesMeasurementContext {
     void* const* outputs;
 };
 
-unsigned int register_at(const unsigned char* i_pData, unsigned int i_uiIndex)
-{
-    return (static_cast<unsigned int>(i_pData[2 * i_uiIndex]) << 8) | i_pData[2 * i_uiIndex + 1];
-}
-
 kesEError decode_measurement(const unsigned char* i_pData, unsigned int, void* io_pContext)
 {
     const kesMeasurementContext* context = static_cast<const kesMeasurementContext*>(io_pContext);
@@ -163,20 +157,6 @@ kesEError decode_measurement(const unsigned char* i_pData, unsigned int, void* i
     return kesErrorOk;
 }
 
-kesString with_unknown(unsigned int i_uiValue)
-{
-    kesString text("Unknown type ");
-    text += kesString::FromULong(i_uiValue);
-    return text;
-}
-
-kesString with_address(const char* i_szText, unsigned short i_usAddress)
-{
-    kesString text(i_szText);
-    text += kesString::FromULong(i_usAddress);
-    return text;
-}
-
 } // namespace
 
 kesEnergySystem::kesEnergySystem()
@@ -189,8 +169,7 @@ kesEnergySystem::kesEnergySystem()
 kesEnergySystem::~kesEnergySystem()
 {
     if (CloseCommunication() != kesErrorOk)
-        kesErrorLog(
-            kesBuildErrorLocation(kesErrorFailed, "Can not close the communication", __FILE__, __func__, __LINE__));
+        KES_LOG(kesErrorFailed, "Can not close the communication");
 }
 
 void kesEnergySystem::OnDeviceFound(const kesEnergyDevice*)
@@ -206,11 +185,9 @@ kesEError kesEnergySystem::OpenCommunication(const kesString& i_sAddress, unsign
                                              unsigned int i_uiFailurePause)
 {
     if (CloseCommunication() != kesErrorOk)
-        return kesErrorLog(
-            kesBuildErrorLocation(kesErrorFailed, "Can not close the communication", __FILE__, __func__, __LINE__));
+        return KES_LOG(kesErrorFailed, "Can not close the communication");
     if (m_oSocket.Open(i_sAddress, i_usPort) != kesErrorOk)
-        return kesErrorLog(
-            kesBuildErrorLocation(kesErrorFailed, "Can not open the communication", __FILE__, __func__, __LINE__));
+        return KES_LOG(kesErrorFailed, "Can not open the communication");
     m_uiReceiveTimeOut = i_uiReceiveTimeOut < MIN_RECEIVE_TIMEOUT ? MIN_RECEIVE_TIMEOUT : i_uiReceiveTimeOut;
     m_uiAnswerPause = i_uiAnswerPause < MIN_ANSWER_PAUSE ? MIN_ANSWER_PAUSE : i_uiAnswerPause;
     m_uiFailurePause = i_uiFailurePause < MIN_FAILURE_PAUSE ? MIN_FAILURE_PAUSE : i_uiFailurePause;
@@ -219,16 +196,14 @@ kesEError kesEnergySystem::OpenCommunication(const kesString& i_sAddress, unsign
     m_uiStrayAt = kesTime::GetSteadyTime() - LATE_REPLY_WINDOW_MS;
     m_uiQuickest = ~0u;
     if (!m_oSocket.SetReceiveTimeOut(m_uiReceiveTimeOut))
-        return kesErrorLog(
-            kesBuildErrorLocation(kesErrorFailed, "Can not set receive timeout", __FILE__, __func__, __LINE__));
+        return KES_LOG(kesErrorFailed, "Can not set receive timeout");
     return kesErrorOk;
 }
 
 kesEError kesEnergySystem::CloseCommunication()
 {
     if (m_oSocket.Close() != kesErrorOk)
-        return kesErrorLog(
-            kesBuildErrorLocation(kesErrorFailed, "Can not close the communication", __FILE__, __func__, __LINE__));
+        return KES_LOG(kesErrorFailed, "Can not close the communication");
     return kesErrorOk;
 }
 
@@ -315,6 +290,149 @@ const char* kesEnergySystem::untied(unsigned int i_uiSentAt, unsigned int i_uiAr
     return "Reply slower than the line's replies after an unanswered request at address:";
 }
 
+void kesEnergySystem::pause(kesEPause i_eKind) const
+{
+    if (i_eKind == kesPauseAnswer)
+        pause_after_answer();
+    else if (i_eKind == kesPauseFailure)
+        pause_after_failure();
+}
+
+// On a watched line the pauses are spent reading: what arrives then tells
+// whether a reply may belong to another request.
+void kesEnergySystem::settle(kesEnergySocket* io_pChannel, const kesLadder& i_ladder, kesExchange& io_exchange,
+                             kesEExchangeStep i_eStep)
+{
+    if (!i_ladder.watchLine) {
+        pause(i_ladder.pauses[i_eStep]);
+        return;
+    }
+    switch (i_eStep) {
+    case kesStepSend:
+        note_unanswered(io_exchange.sentAt);
+        break;
+    case kesStepTimeOut:
+    case kesStepLength:
+        note_unanswered(io_exchange.sentAt);
+        note_stray(io_exchange.received);
+        if (io_pChannel->IsOpen())
+            note_stray(drop_arriving(io_pChannel, m_uiFailurePause));
+        break;
+    case kesStepCrc: {
+        // most likely this reply spoilt on the line; bytes behind it say otherwise
+        int behind = drop_arriving(io_pChannel, m_uiFailurePause);
+        note_stray(behind);
+        if (behind > 0)
+            note_unanswered(io_exchange.sentAt);
+        break;
+    }
+    case kesStepAccepted:
+        // A second frame within the answer pause (a reply twice, or a late one
+        // beside this) leaves no telling which of them answered this request.
+        io_exchange.after = drop_arriving(io_pChannel, m_uiAnswerPause);
+        note_stray(io_exchange.after);
+        break;
+    default:
+        break;
+    }
+}
+
+kesEError kesEnergySystem::stop_at(kesEnergySocket* io_pChannel, const kesLadder& i_ladder, kesExchange& io_exchange,
+                                   kesEExchangeStep i_eStep)
+{
+    io_exchange.step = i_eStep;
+    settle(io_pChannel, i_ladder, io_exchange, i_eStep);
+    const kesEError code = i_eStep == kesStepLength ? i_ladder.lengthCode : kesErrorFailed;
+    kesString text = i_ladder.describe(io_exchange.step, io_exchange);
+    if (text.empty())
+        return code;
+    return KES_LOG_IN(code, text, io_exchange.function);
+}
+
+// The reply alone may have a time-out of its own; failing to set it, or to
+// set it back, ends the exchange.
+kesEError kesEnergySystem::receive(kesEnergySocket* io_pChannel, const kesLadder& i_ladder, kesExchange& io_exchange)
+{
+    const unsigned int saved = io_pChannel->GetReceiveTimeOut();
+    if (i_ladder.receiveTimeOut && !io_pChannel->SetReceiveTimeOut(i_ladder.receiveTimeOut))
+        return KES_LOG_IN(kesErrorFailed, "Can not set reveice timeout", io_exchange.function);
+    io_exchange.received = 0;
+    int result = io_pChannel->Receive(io_exchange.reply, io_exchange.replyLength, &io_exchange.received);
+    io_exchange.arrivedAt = kesTime::GetSteadyTime();
+    io_exchange.timedOut = result == -2;
+    if (i_ladder.receiveTimeOut && !io_pChannel->SetReceiveTimeOut(saved))
+        return KES_LOG_IN(kesErrorFailed, "Can not set reveice timeout", io_exchange.function);
+    return kesErrorOk;
+}
+
+kesEError kesEnergySystem::transfer(kesEnergySocket* io_pChannel, const kesLadder& i_ladder, kesExchange& io_exchange)
+{
+    // Bytes waiting now answer no request of this exchange.
+    if (i_ladder.watchLine)
+        note_stray(drop_arriving(io_pChannel, 0));
+    for (int attempt = 0;; ++attempt) {
+        int sent = io_pChannel->Send(io_exchange.request, io_exchange.requestSize);
+        io_exchange.sentAt = kesTime::GetSteadyTime();
+        if (io_exchange.checkSend && sent != static_cast<int>(io_exchange.requestSize))
+            return stop_at(io_pChannel, i_ladder, io_exchange, kesStepSend);
+        if (io_exchange.replyLength == 0) {
+            io_exchange.step = kesStepAccepted;
+            return kesErrorOk;
+        }
+        if (kesEError failed = receive(io_pChannel, i_ladder, io_exchange))
+            return failed;
+        // Only a TCP gateway times out with -2: there a silent key is asked again.
+        if (!io_exchange.timedOut || !i_ladder.silenceAnswers)
+            break;
+        pause_after_failure();
+        if (attempt > io_exchange.retries)
+            break;
+    }
+    if (i_ladder.silenceAnswers) {
+        pause_after_answer();
+        if (io_exchange.received <= 0)
+            return stop_at(io_pChannel, i_ladder, io_exchange, kesStepSilent);
+    } else if (io_exchange.timedOut) {
+        return stop_at(io_pChannel, i_ladder, io_exchange, kesStepTimeOut);
+    }
+    const unsigned int received = static_cast<unsigned int>(io_exchange.received);
+    if (received < io_exchange.shortestReply || received > io_exchange.replyLength)
+        return stop_at(io_pChannel, i_ladder, io_exchange, kesStepLength);
+    if (!has_valid_crc(io_exchange.reply, received))
+        return stop_at(io_pChannel, i_ladder, io_exchange, kesStepCrc);
+    io_exchange.step = kesStepAccepted;
+    settle(io_pChannel, i_ladder, io_exchange, kesStepAccepted);
+    return kesErrorOk;
+}
+
+namespace {
+
+kesString describe_measurement(kesEExchangeStep i_eStep, const kesExchange& i_exchange)
+{
+    kesString text;
+    switch (i_eStep) {
+    case kesStepSend:
+        return with_address("Can not send data to the bus at address:", i_exchange.subject);
+    case kesStepTimeOut:
+    case kesStepLength:
+        text.SetFormat(128, "%s%i bytes but requested %u at address:%u",
+                       i_exchange.timedOut ? "Response timeout received " : "Received ", i_exchange.received,
+                       i_exchange.replyLength, static_cast<unsigned int>(i_exchange.subject));
+        return text;
+    case kesStepCrc: {
+        kesModbusRtuFrame response(i_exchange.reply, i_exchange.replyLength);
+        kesModbusRtuFrame::DumpFrame(&response, &text);
+        return kesString("Invalid Crc\n") + text;
+    }
+    default:
+        return text;
+    }
+}
+
+const kesLadder MEASUREMENT_LADDER = {true, {}, false, 0, kesErrorFailed, &describe_measurement};
+
+} // namespace
+
 kesEError kesEnergySystem::exchange(kesEnergySocket* io_pChannel, kesIModbusRtuFrame* i_pRequest, bool i_bCheckSend,
                                     unsigned short i_usAddress, unsigned int i_uiReplyLength, unsigned int i_uiDataSize,
                                     kesReplyDecoder i_pDecoder, void* io_pContext, const char* i_szFunction)
@@ -322,80 +440,37 @@ kesEError kesEnergySystem::exchange(kesEnergySocket* io_pChannel, kesIModbusRtuF
     // Large enough for any reply a frame can describe.
     unsigned char reply[264];
     if (!io_pChannel || !i_pRequest || i_uiReplyLength < 5 || i_uiReplyLength > sizeof(reply))
-        return kesErrorLog(
-            kesBuildErrorLocation(kesErrorInvalidArgument, "Invalid exchange", __FILE__, i_szFunction, __LINE__));
-
-    // Bytes waiting now answer no request of this exchange.
-    note_stray(drop_arriving(io_pChannel, 0));
-    int sent = io_pChannel->Send(i_pRequest->GetFrameBufferPtr(), i_pRequest->GetFrameSize());
-    unsigned int sentAt = kesTime::GetSteadyTime();
-    if (i_bCheckSend && sent != static_cast<int>(i_pRequest->GetFrameSize())) {
-        note_unanswered(sentAt);
-        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed,
-                                                 with_address("Can not send data to the bus at address:", i_usAddress),
-                                                 __FILE__, i_szFunction, __LINE__));
-    }
-
-    int received = 0;
-    int result = io_pChannel->Receive(reply, i_uiReplyLength, &received);
-    unsigned int arrivedAt = kesTime::GetSteadyTime();
-    if (result == -2 || received != static_cast<int>(i_uiReplyLength)) {
-        note_unanswered(sentAt);
-        note_stray(received);
-        if (io_pChannel->IsOpen())
-            note_stray(drop_arriving(io_pChannel, m_uiFailurePause));
-        kesString text;
-        text.SetFormat(128, "%s%i bytes but requested %u at address:%u",
-                       result == -2 ? "Response timeout received " : "Received ", received, i_uiReplyLength,
-                       static_cast<unsigned int>(i_usAddress));
-        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, text, __FILE__, i_szFunction, __LINE__));
-    }
+        return KES_LOG_IN(kesErrorInvalidArgument, "Invalid exchange", i_szFunction);
+    kesExchange transaction(i_pRequest->GetFrameBufferPtr(), i_pRequest->GetFrameSize(), reply, i_uiReplyLength,
+                            i_usAddress, i_szFunction);
+    transaction.checkSend = i_bCheckSend;
+    if (kesEError failed = transfer(io_pChannel, MEASUREMENT_LADDER, transaction))
+        return failed;
 
     kesModbusRtuFrame response(reply, i_uiReplyLength);
-    if (!response.HasValidCrc()) {
-        // most likely this reply spoilt on the line; bytes behind it say otherwise
-        int behind = drop_arriving(io_pChannel, m_uiFailurePause);
-        note_stray(behind);
-        if (behind > 0)
-            note_unanswered(sentAt);
-        kesString dump;
-        kesModbusRtuFrame::DumpFrame(&response, &dump);
-        return kesErrorLog(
-            kesBuildErrorLocation(kesErrorFailed, kesString("Invalid Crc\n") + dump, __FILE__, i_szFunction, __LINE__));
-    }
-
-    // A second frame within the answer pause (a reply twice, or a late one
-    // beside this) leaves no telling which of them answered this request.
-    int after = drop_arriving(io_pChannel, m_uiAnswerPause);
-    note_stray(after);
-
     if (response.IsException())
-        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, response.GetExceptionDescription(), __FILE__,
-                                                 i_szFunction, __LINE__));
-
+        return KES_LOG_IN(kesErrorFailed, response.GetExceptionDescription(), i_szFunction);
     const unsigned char* data = response.GetDataPtr(true);
     unsigned int size = response.GetDataSize(true);
     if (size != i_uiDataSize || !data || response.GetUnitID() != i_pRequest->GetUnitID() ||
         response.GetFunctionCodeID() != i_pRequest->GetFunctionCodeID()) {
         // the reply of another request: this one may still be answered
-        note_unanswered(sentAt);
-        note_stray(received);
-        return kesErrorLog(kesBuildErrorLocation(
-            kesErrorFailed, "pData && size && oFrameResponse.GetUnitID() && oFrameResponse.GetFunctionCodeID()",
-            __FILE__, i_szFunction, __LINE__));
+        note_unanswered(transaction.sentAt);
+        note_stray(transaction.received);
+        return KES_LOG_IN(kesErrorFailed,
+                          "pData && size && oFrameResponse.GetUnitID() && oFrameResponse.GetFunctionCodeID()",
+                          i_szFunction);
     }
-
-    if (after > 0) {
+    if (transaction.after > 0) {
         kesString text;
-        text.SetFormat(128, "Reply out of step, %i more bytes after it at address:%u", after,
+        text.SetFormat(128, "Reply out of step, %i more bytes after it at address:%u", transaction.after,
                        static_cast<unsigned int>(i_usAddress));
-        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, text, __FILE__, i_szFunction, __LINE__));
+        return KES_LOG_IN(kesErrorFailed, text, i_szFunction);
     }
-    if (const char* why = untied(sentAt, arrivedAt)) {
+    if (const char* why = untied(transaction.sentAt, transaction.arrivedAt)) {
         // it may be the late reply of the earlier request, and this one's still to come
-        note_unanswered(sentAt);
-        return kesErrorLog(
-            kesBuildErrorLocation(kesErrorFailed, with_address(why, i_usAddress), __FILE__, i_szFunction, __LINE__));
+        note_unanswered(transaction.sentAt);
+        return KES_LOG_IN(kesErrorFailed, with_address(why, i_usAddress), i_szFunction);
     }
     return i_pDecoder ? i_pDecoder(data, size, io_pContext) : kesErrorOk;
 }
@@ -405,18 +480,12 @@ kesEError kesEnergySystem::execute(kesEError (*i_pAttempt)(kesEnergySystem* io_p
                                    const char* i_szFunction)
 {
     if (!m_oSocket.IsOpen())
-        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "Communication is closed! Call OpenCommunication(...)",
-                                                 __FILE__, i_szFunction, __LINE__));
-    if (EXECUTION_COUNT == 0)
+        return KES_LOG_IN(kesErrorFailed, CHANNEL_CLOSED, i_szFunction);
+    auto attempt = [&] { return i_pAttempt(this, io_pContext); };
+    kesEError last = attempt_up_to(attempt);
+    if (last == kesErrorOk)
         return kesErrorOk;
-    kesEError last = kesErrorOk;
-    for (unsigned int attempt = 0; attempt < EXECUTION_COUNT; ++attempt) {
-        last = i_pAttempt(this, io_pContext);
-        if (last == kesErrorOk)
-            return kesErrorOk;
-    }
-    return kesErrorLog(
-        kesBuildErrorLocation(last, with_address(i_szFailure, i_usAddress), __FILE__, i_szFunction, __LINE__));
+    return KES_LOG_IN(last, with_address(i_szFailure, i_usAddress), i_szFunction);
 }
 
 kesEError kesEnergySystem::read_measurement(kesEnergySocket* io_pChannel, const kesMeasurementRead& i_read,

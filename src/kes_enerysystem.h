@@ -125,6 +125,10 @@ struct kesEnergyPulseCounterFiveData {
 class kesIModbusRtuFrame;
 class kesModbusRtuFrame;
 struct kesMeasurementRead;
+struct kesExchange;
+struct kesLadder;
+enum kesEExchangeStep : unsigned int;
+enum kesEPause : unsigned int;
 
 class kesEnergySystem {
 public:
@@ -132,6 +136,27 @@ public:
     static unsigned char EXECUTION_COUNT;
     // 2: discovery mutes each device found.
     static unsigned char MODE;
+
+    // Where a device keeps its identity texts (model, serial text, test date):
+    // their lengths in registers, and their offsets from the bus address by
+    // device type. The first types kept them right after two measurement
+    // registers, the later ones after five; Ambient keeps its test date at 24.
+    static constexpr unsigned int IDENTITY_FIELDS = 3;
+    static constexpr unsigned short IDENTITY_REGISTERS[IDENTITY_FIELDS] = {5, 15, 10};
+    static constexpr unsigned char IDENTITY_OFFSETS[kesEnergyDeviceStringThree + 1][IDENTITY_FIELDS] = {
+        {0, 0, 0},   // no type 0
+        {2, 7, 22},  // Panel
+        {2, 7, 22},  // String
+        {5, 10, 25}, // Alarm
+        {2, 7, 24},  // Ambient
+        {5, 10, 25}, // PulseCounter
+        {5, 10, 25}, // StringTwo
+        {5, 10, 25}, // StringFour
+        {5, 10, 25}, // PulseCounterTwo
+        {5, 10, 25}, // PulseCounterFive
+        {5, 10, 25}, // StringOne
+        {5, 10, 25}  // StringThree
+    };
 
     // Floors of the timing given to OpenCommunication, in milliseconds.
     static const unsigned int MIN_RECEIVE_TIMEOUT = 50;
@@ -200,9 +225,9 @@ protected:
     // reported (the exchange then sleeps the answer pause and gives the code).
     typedef kesEError (*kesReplyDecoder)(const unsigned char* i_pData, unsigned int i_uiSize, void* io_pContext);
 
-    // One request and one reply of known length, checked in order: send count,
-    // time-out, length, CRC, exception, data size, unit and function code.
-    // Every exchange on the bus goes through here.
+    // One Modbus request and one reply of known length, checked in order: send
+    // count, time-out, length, CRC, exception, data size, unit and function
+    // code. Every measurement-style exchange goes through here.
     kesEError exchange(kesEnergySocket* io_pChannel, kesIModbusRtuFrame* i_pRequest, bool i_bCheckSend,
                        unsigned short i_usAddress, unsigned int i_uiReplyLength, unsigned int i_uiDataSize,
                        kesReplyDecoder i_pDecoder, void* io_pContext, const char* i_szFunction);
@@ -240,6 +265,17 @@ private:
     // the read table.
     kesEError read_measurement(kesEnergySocket* io_pChannel, const kesMeasurementRead& i_read,
                                unsigned short i_usAddress, void* const* o_ppOutputs, const char* i_szFunction);
+
+    // The one exchange of every frame on the bus: send, receive, length and CRC,
+    // with the pauses and reports of the frame's ladder. 0 once a reply of the
+    // right length and CRC is in; then only its content is left to check.
+    kesEError transfer(kesEnergySocket* io_pChannel, const kesLadder& i_ladder, kesExchange& io_exchange);
+    kesEError receive(kesEnergySocket* io_pChannel, const kesLadder& i_ladder, kesExchange& io_exchange);
+    kesEError stop_at(kesEnergySocket* io_pChannel, const kesLadder& i_ladder, kesExchange& io_exchange,
+                      kesEExchangeStep i_eStep);
+    void settle(kesEnergySocket* io_pChannel, const kesLadder& i_ladder, kesExchange& io_exchange,
+                kesEExchangeStep i_eStep);
+    void pause(kesEPause i_eKind) const;
 
     template <class Attempt>
     static kesEError call_attempt(kesEnergySystem*, void* io_pAttempt)

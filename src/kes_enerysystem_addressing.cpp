@@ -1,15 +1,13 @@
 // The bus's own frames that reach a device by its hardware serial number:
 // enable the search, mute, give a module number. All devices hear unit 0xFF.
-#include "kes_enerysystem.h"
+#include "kes_enerysystem_private.h"
 
-#include "kes_modbusrtu.h"
 #include "kes_osthread.h"
 
 namespace kes {
 
 namespace {
 
-const unsigned char BUS_UNIT = 0xFF;
 const unsigned char FUNCTION_SET_ADDRESS = 0x07;
 const unsigned char FUNCTION_SET_ADDRESS_REPLY = 0x08;
 const unsigned char FUNCTION_MUTE = 0x0C;
@@ -21,46 +19,65 @@ const unsigned int ENABLE_SETTLE_MS = 15;
 const unsigned int SET_ADDRESS_TIMEOUT_MS = 1000;
 const unsigned int MAX_BUS_ADDRESS_SUM = 25500;
 const unsigned int MAX_MODULE_NUMBER = 255;
+const unsigned int REPLY_LENGTH = 8;
 
-void put_serial(unsigned char* o_pBytes, unsigned int i_uiSerial)
+const char* const SEND_FAILURE = "Can not send socket data";
+
+kesString describe_enable(kesEExchangeStep i_eStep, const kesExchange&)
 {
-    o_pBytes[0] = static_cast<unsigned char>(i_uiSerial >> 24);
-    o_pBytes[1] = static_cast<unsigned char>(i_uiSerial >> 16);
-    o_pBytes[2] = static_cast<unsigned char>(i_uiSerial >> 8);
-    o_pBytes[3] = static_cast<unsigned char>(i_uiSerial);
+    return kesString(i_eStep == kesStepSend ? SEND_FAILURE : "");
 }
 
-void put_crc(unsigned char* io_pFrame, unsigned int i_uiSize)
+kesString describe_mute(kesEExchangeStep i_eStep, const kesExchange& i_exchange)
 {
-    unsigned short crc = kesModbusRtuCrc(io_pFrame, i_uiSize - 2);
-    io_pFrame[i_uiSize - 2] = static_cast<unsigned char>(crc & 0xFF);
-    io_pFrame[i_uiSize - 1] = static_cast<unsigned char>(crc >> 8);
-}
-
-bool has_valid_crc(const unsigned char* i_pFrame, unsigned int i_uiSize)
-{
-    unsigned short crc = kesModbusRtuCrc(i_pFrame, i_uiSize - 2);
-    return i_pFrame[i_uiSize - 2] == (crc & 0xFF) && i_pFrame[i_uiSize - 1] == (crc >> 8);
-}
-
-// Up to EXECUTION_COUNT attempts; the code of the last one, 0 when there
-// was none.
-template <class Attempt>
-kesEError try_times(Attempt& io_attempt)
-{
-    kesEError last = kesErrorOk;
-    for (unsigned int i = 0; i < kesEnergySystem::EXECUTION_COUNT; ++i) {
-        last = io_attempt();
-        if (last == kesErrorOk)
-            break;
+    switch (i_eStep) {
+    case kesStepSend:
+        return kesString(SEND_FAILURE);
+    case kesStepTimeOut:
+        return kesString("Timeout");
+    case kesStepLength:
+        return kesString("Can not receive all data bytes:") + kesString::FromInt(i_exchange.received) +
+               with_address(" at serial:", i_exchange.subject);
+    case kesStepCrc:
+        return kesString("Check sum invalid");
+    default:
+        return kesString();
     }
-    return last;
 }
 
-kesEError report(kesEError i_eCode, const kesString& i_sText, const char* i_szFunction, int i_iLine)
+kesString describe_set_address(kesEExchangeStep i_eStep, const kesExchange& i_exchange)
 {
-    return kesErrorLog(kesBuildErrorLocation(i_eCode, i_sText, __FILE__, i_szFunction, i_iLine));
+    kesString text;
+    switch (i_eStep) {
+    case kesStepSend:
+        return kesString("Can not send data");
+    case kesStepTimeOut:
+        return kesString("Timeout response not received...");
+    case kesStepLength:
+        text.SetFormat(128, "Received %i bytes but requested %u at address:%u", i_exchange.received,
+                       i_exchange.replyLength, static_cast<unsigned int>(i_exchange.subject));
+        return text;
+    case kesStepCrc:
+        return kesString("Checksum do not match");
+    default:
+        return text;
+    }
 }
+
+// Pauses after: a short send, a time-out, a reply of another length, a bad
+// CRC, (silence), an accepted reply.
+const kesLadder ENABLE_LADDER = {
+    false,          {kesPauseFailure, kesPauseNone, kesPauseNone, kesPauseNone, kesPauseNone, kesPauseNone},
+    false,          0,
+    kesErrorFailed, &describe_enable};
+const kesLadder MUTE_LADDER = {
+    false,          {kesPauseAnswer, kesPauseFailure, kesPauseFailure, kesPauseFailure, kesPauseNone, kesPauseAnswer},
+    false,          0,
+    kesErrorFailed, &describe_mute};
+const kesLadder SET_ADDRESS_LADDER = {
+    false,          {kesPauseNone, kesPauseFailure, kesPauseFailure, kesPauseFailure, kesPauseNone, kesPauseAnswer},
+    false,          SET_ADDRESS_TIMEOUT_MS,
+    kesErrorFailed, &describe_set_address};
 
 } // namespace
 
@@ -68,13 +85,12 @@ kesEError kesEnergySystem::enable_alldevices(kesEnergySocket* io_pChannel)
 {
     unsigned char frame[6] = {BUS_UNIT, FUNCTION_ENABLE_SEARCH, 'O', 'K', 0, 0};
     put_crc(frame, sizeof(frame));
-    if (io_pChannel->Send(frame, sizeof(frame)) == static_cast<int>(sizeof(frame))) {
-        // No reply: give the devices time to take it in.
-        kesOsThread::SleepMs(ENABLE_SETTLE_MS);
-        return kesErrorOk;
-    }
-    pause_after_failure();
-    return report(kesErrorFailed, "Can not send socket data", __func__, __LINE__);
+    kesExchange exchange(frame, sizeof(frame), nullptr, 0, 0, __func__);
+    if (kesEError failed = transfer(io_pChannel, ENABLE_LADDER, exchange))
+        return failed;
+    // No reply: give the devices time to take it in.
+    kesOsThread::SleepMs(ENABLE_SETTLE_MS);
+    return kesErrorOk;
 }
 
 kesEError kesEnergySystem::mute_device(kesEnergySocket* io_pChannel, unsigned int i_uiSerial)
@@ -82,32 +98,13 @@ kesEError kesEnergySystem::mute_device(kesEnergySocket* io_pChannel, unsigned in
     unsigned char frame[8] = {BUS_UNIT, FUNCTION_MUTE};
     put_serial(frame + 2, i_uiSerial);
     put_crc(frame, sizeof(frame));
-    if (io_pChannel->Send(frame, sizeof(frame)) != static_cast<int>(sizeof(frame))) {
-        pause_after_answer();
-        return report(kesErrorFailed, "Can not send socket data", __func__, __LINE__);
-    }
-    unsigned char reply[8];
-    int received = 0;
-    if (io_pChannel->Receive(reply, sizeof(reply), &received) == -2) {
-        pause_after_failure();
-        return report(kesErrorFailed, "Timeout", __func__, __LINE__);
-    }
-    if (received != static_cast<int>(sizeof(reply))) {
-        pause_after_failure();
-        kesString text("Can not receive all data bytes:");
-        text += kesString::FromInt(received);
-        text += " at serial:";
-        text += kesString::FromULong(i_uiSerial);
-        return report(kesErrorFailed, text, __func__, __LINE__);
-    }
-    if (!has_valid_crc(reply, sizeof(reply))) {
-        pause_after_failure();
-        return report(kesErrorFailed, "Check sum invalid", __func__, __LINE__);
-    }
-    pause_after_answer();
+    unsigned char reply[REPLY_LENGTH];
+    kesExchange exchange(frame, sizeof(frame), reply, sizeof(reply), i_uiSerial, __func__);
+    if (kesEError failed = transfer(io_pChannel, MUTE_LADDER, exchange))
+        return failed;
     if (reply[0] == BUS_UNIT && reply[1] == FUNCTION_MUTE_REPLY)
         return kesErrorOk;
-    return report(kesErrorFailed, "Mute failed", __func__, __LINE__);
+    return KES_LOG(kesErrorFailed, "Mute failed");
 }
 
 kesEError kesEnergySystem::set_address_by_serial(kesEnergySocket* io_pChannel, unsigned int i_uiSerial,
@@ -117,34 +114,10 @@ kesEError kesEnergySystem::set_address_by_serial(kesEnergySocket* io_pChannel, u
     put_serial(frame + 2, i_uiSerial);
     frame[6] = i_ucAddress;
     put_crc(frame, sizeof(frame));
-    if (io_pChannel->Send(frame, sizeof(frame)) != static_cast<int>(sizeof(frame)))
-        return report(kesErrorFailed, "Can not send data", __func__, __LINE__);
-
-    unsigned int saved = io_pChannel->GetReceiveTimeOut();
-    if (!io_pChannel->SetReceiveTimeOut(SET_ADDRESS_TIMEOUT_MS))
-        return report(kesErrorFailed, "Can not set reveice timeout", __func__, __LINE__);
-    unsigned char reply[8];
-    int received = 0;
-    int result = io_pChannel->Receive(reply, sizeof(reply), &received);
-    if (!io_pChannel->SetReceiveTimeOut(saved))
-        return report(kesErrorFailed, "Can not set reveice timeout", __func__, __LINE__);
-
-    if (result == -2) {
-        pause_after_failure();
-        return report(kesErrorFailed, "Timeout response not received...", __func__, __LINE__);
-    }
-    if (received != static_cast<int>(sizeof(reply))) {
-        pause_after_failure();
-        kesString text;
-        text.SetFormat(128, "Received %i bytes but requested %u at address:%u", received,
-                       static_cast<unsigned int>(sizeof(reply)), static_cast<unsigned int>(i_ucAddress));
-        return report(kesErrorFailed, text, __func__, __LINE__);
-    }
-    if (!has_valid_crc(reply, sizeof(reply))) {
-        pause_after_failure();
-        return report(kesErrorFailed, "Checksum do not match", __func__, __LINE__);
-    }
-    pause_after_answer();
+    unsigned char reply[REPLY_LENGTH];
+    kesExchange exchange(frame, sizeof(frame), reply, sizeof(reply), i_ucAddress, __func__);
+    if (kesEError failed = transfer(io_pChannel, SET_ADDRESS_LADDER, exchange))
+        return failed;
     // A refusal is left for the caller to retry and report.
     return reply[1] == FUNCTION_SET_ADDRESS_REPLY ? kesErrorOk : kesErrorWarning;
 }
@@ -152,9 +125,9 @@ kesEError kesEnergySystem::set_address_by_serial(kesEnergySocket* io_pChannel, u
 kesEError kesEnergySystem::EnableAllDeviceFind()
 {
     if (!m_oSocket.IsOpen())
-        return report(kesErrorFailed, "Communication is closed! Call OpenCommunication(...)", __func__, __LINE__);
+        return KES_LOG(kesErrorFailed, CHANNEL_CLOSED);
     auto attempt = [&] { return enable_alldevices(&m_oSocket); };
-    return try_times(attempt);
+    return attempt_up_to(attempt);
 }
 
 kesEError kesEnergySystem::MuteDeviceBySerial(unsigned int i_uiSerial)
@@ -162,35 +135,35 @@ kesEError kesEnergySystem::MuteDeviceBySerial(unsigned int i_uiSerial)
     if (MODE != 2)
         return kesErrorOk;
     if (!m_oSocket.IsOpen())
-        return report(kesErrorFailed, "Communication is closed! Call OpenCommunication(...)", __func__, __LINE__);
+        return KES_LOG(kesErrorFailed, CHANNEL_CLOSED);
     auto attempt = [&] { return mute_device(&m_oSocket, i_uiSerial); };
-    kesEError last = try_times(attempt);
+    kesEError last = attempt_up_to(attempt);
     if (last != kesErrorOk)
-        return report(last, "Can not mute device by serial", __func__, __LINE__);
+        return KES_LOG(last, "Can not mute device by serial");
     return kesErrorOk;
 }
 
 kesEError kesEnergySystem::SetDeviceAddress(unsigned int i_uiSerial, unsigned char i_ucAddress)
 {
     if (!m_oSocket.IsOpen())
-        return report(kesErrorFailed, "Communication is closed! Call OpenCommunication(...)", __func__, __LINE__);
+        return KES_LOG(kesErrorFailed, CHANNEL_CLOSED);
     if (i_ucAddress < 1 || i_ucAddress > 100)
-        return report(kesErrorInvalidArgument, "Can not set address outside range [1 -- 100]", __func__, __LINE__);
+        return KES_LOG(kesErrorInvalidArgument, "Can not set address outside range [1 -- 100]");
     auto attempt = [&] { return set_address_by_serial(&m_oSocket, i_uiSerial, i_ucAddress); };
-    kesEError last = try_times(attempt);
+    kesEError last = attempt_up_to(attempt);
     if (last != kesErrorOk)
-        return report(last, "Can not set address", __func__, __LINE__);
+        return KES_LOG(last, "Can not set address");
     return kesErrorOk;
 }
 
 kesEError kesEnergySystem::SetDevicesAddresses(unsigned char i_ucOffset, kesArray<kesEnergyDevice>* io_devices)
 {
     if (!m_oSocket.IsOpen())
-        return report(kesErrorFailed, "Communication is closed! Call OpenCommunication(...)", __func__, __LINE__);
+        return KES_LOG(kesErrorFailed, CHANNEL_CLOSED);
     if (!io_devices)
-        return report(kesErrorInvalidArgument, "io_devices == 0", __func__, __LINE__);
+        return KES_LOG(kesErrorInvalidArgument, "io_devices == 0");
     if (i_ucOffset + io_devices->size() > MAX_BUS_ADDRESS_SUM)
-        return report(kesErrorInvalidArgument, "Offset + i_devices->GetCount() > 25500", __func__, __LINE__);
+        return KES_LOG(kesErrorInvalidArgument, "Offset + i_devices->GetCount() > 25500");
     unsigned int number = i_ucOffset ? i_ucOffset : 1;
     // A module number is one byte: a list that would wrap round to 0 and give
     // two devices one number is refused before anything is sent.
@@ -198,25 +171,30 @@ kesEError kesEnergySystem::SetDevicesAddresses(unsigned char i_ucOffset, kesArra
         kesString text;
         text.SetFormat(128, "Can not number %u devices from %u: module numbers end at %u",
                        static_cast<unsigned int>(io_devices->size()), number, MAX_MODULE_NUMBER);
-        return report(kesErrorInvalidArgument, text, __func__, __LINE__);
+        return KES_LOG(kesErrorInvalidArgument, text);
     }
-    if (EXECUTION_COUNT == 0)
-        return kesErrorOk;
     for (size_t i = 0; i < io_devices->size(); ++i) {
         kesEnergyDevice& device = (*io_devices)[i];
-        const unsigned char address = static_cast<unsigned char>(number);
-        auto attempt = [&] { return set_address_by_serial(&m_oSocket, device.UniqueID, address); };
-        kesEError last = try_times(attempt);
+        // The numbering is part of the attempt: with no attempts at all the
+        // list stays as it was.
+        auto attempt = [&] {
+            const unsigned char address = static_cast<unsigned char>(number);
+            kesEError result = set_address_by_serial(&m_oSocket, device.UniqueID, address);
+            if (result == kesErrorOk) {
+                device.Address = address;
+                ++number;
+                OnDeviceAddressChanged(&device);
+            }
+            return result;
+        };
+        kesEError last = attempt_up_to(attempt);
         if (last != kesErrorOk) {
             kesString text;
             text.SetFormat(128, "Type 0x%.2X with Address 0x%.2X and UniqueID %lu",
                            static_cast<unsigned int>(device.Type), static_cast<unsigned int>(device.Address),
                            static_cast<unsigned long>(device.UniqueID));
-            return report(last, text, __func__, __LINE__);
+            return KES_LOG(last, text);
         }
-        device.Address = address;
-        ++number;
-        OnDeviceAddressChanged(&device);
     }
     return kesErrorOk;
 }

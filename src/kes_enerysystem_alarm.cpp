@@ -1,7 +1,6 @@
 // Alarm device: its check cycle, started by the one Modbus write of the bus.
-#include "kes_enerysystem.h"
+#include "kes_enerysystem_private.h"
 
-#include "kes_modbusrtu.h"
 #include "kes_osthread.h"
 #include "kes_time.h"
 
@@ -36,25 +35,18 @@ kesEError decode_alarm_status(const unsigned char* i_pData, unsigned int, void* 
     if (context->status)
         *context->status = i_pData[1];
     if (context->power)
-        *context->power = static_cast<unsigned short>((i_pData[2] << 8) | i_pData[3]);
+        *context->power = static_cast<unsigned short>(register_at(i_pData, 1));
     return kesErrorOk;
 }
 
 kesEError check_written_count(const unsigned char* i_pData, unsigned int, void*)
 {
-    unsigned int written = (static_cast<unsigned int>(i_pData[0]) << 8) | i_pData[1];
+    unsigned int written = register_at(i_pData, 0);
     if (written == ALARM_TUNING_REGISTERS)
         return kesErrorOk;
     kesString text;
     text.SetFormat(64, "Write request :%u Written :%u", static_cast<unsigned int>(ALARM_TUNING_REGISTERS), written);
-    return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, text, __FILE__, "setup_alarm_device_tuning", __LINE__));
-}
-
-kesString with_address(const char* i_szText, unsigned short i_usAddress)
-{
-    kesString text(i_szText);
-    text += kesString::FromULong(i_usAddress);
-    return text;
+    return KES_LOG_IN(kesErrorFailed, text, "setup_alarm_device_tuning");
 }
 
 } // namespace
@@ -113,22 +105,16 @@ kesEError kesEnergySystem::ControlAlarmDevice(unsigned short i_usAddress, unsign
                                               unsigned char* o_pStatus, unsigned short* o_pPower)
 {
     if (!m_oSocket.IsOpen())
-        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "Communication is closed! Call OpenCommunication(...)",
-                                                 __FILE__, __func__, __LINE__));
+        return KES_LOG(kesErrorFailed, CHANNEL_CLOSED);
     if (!o_pCycle)
-        return kesErrorLog(
-            kesBuildErrorLocation(kesErrorInvalidArgument, "o_pCycle == 0", __FILE__, __func__, __LINE__));
+        return KES_LOG(kesErrorInvalidArgument, "o_pCycle == 0");
     if (SetupAlarmTuning(i_usAddress, i_usTuning1, i_usTuning2, i_usTuning3) != kesErrorOk)
-        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed,
-                                                 with_address("Can not setup alarm at address:", i_usAddress), __FILE__,
-                                                 __func__, __LINE__));
+        return KES_LOG(kesErrorFailed, with_address("Can not setup alarm at address:", i_usAddress));
     unsigned int elapsed = 0;
     for (;;) {
         unsigned int start = kesTime::GetTime();
         if (ReadAlarmStatus(i_usAddress, o_pCycle, o_pStatus, o_pPower) != kesErrorOk)
-            return kesErrorLog(kesBuildErrorLocation(kesErrorFailed,
-                                                     with_address("Can not read alarm status at address:", i_usAddress),
-                                                     __FILE__, __func__, __LINE__));
+            return KES_LOG(kesErrorFailed, with_address("Can not read alarm status at address:", i_usAddress));
         if (*o_pCycle == kesEnergyAlarmCycleTerminated)
             return kesErrorOk;
         kesOsThread::SleepMs(ALARM_POLL_PAUSE_MS);

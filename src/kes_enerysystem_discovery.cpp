@@ -2,25 +2,21 @@
 // number. A coarse key is asked first; when two devices answer it at once the
 // reply is garbled, and its hundred fine keys are asked one by one. A device
 // found is muted so that it does not answer again.
-#include "kes_enerysystem.h"
+#include "kes_enerysystem_private.h"
 
 #include <cstdio>
-
-#include "kes_modbusrtu.h"
-#include "kes_osthread.h"
 
 namespace kes {
 
 namespace {
 
-const unsigned char BUS_UNIT = 0xFF;
 const unsigned char FUNCTION_COARSE_SEARCH = 0x03;
 const unsigned char FUNCTION_FINE_SEARCH = 0x04;
 const unsigned char FUNCTION_COARSE_REPLY = 0x05;
 const unsigned char FUNCTION_FINE_REPLY = 0x06;
 
-const int SHORT_REPLY_LENGTH = 11; // without the device type: a panel
-const int REPLY_LENGTH = 12;
+const unsigned int SHORT_REPLY_LENGTH = 11; // without the device type: a panel
+const unsigned int REPLY_LENGTH = 12;
 
 const unsigned short COARSE_KEYS = 100;
 const unsigned short FINE_KEYS_PER_COARSE = 100;
@@ -29,17 +25,6 @@ const unsigned short FINE_KEYS = COARSE_KEYS * FINE_KEYS_PER_COARSE;
 // After a garbled fine reply the tail of the other answers is read away.
 const unsigned int COLLISION_DRAIN_TIMEOUT_MS = 500;
 const unsigned int COLLISION_DRAIN_MAX_BYTES = 256;
-
-kesEError report(kesEError i_eCode, const kesString& i_sText, const char* i_szFunction, int i_iLine)
-{
-    return kesErrorLog(kesBuildErrorLocation(i_eCode, i_sText, __FILE__, i_szFunction, i_iLine));
-}
-
-unsigned int serial_at(const unsigned char* i_pBytes)
-{
-    return (static_cast<unsigned int>(i_pBytes[0]) << 24) | (static_cast<unsigned int>(i_pBytes[1]) << 16) |
-           (static_cast<unsigned int>(i_pBytes[2]) << 8) | i_pBytes[3];
-}
 
 // Whether the last search added a device that was not in the list yet. A
 // serial number seen before is a device that could not be muted: the copy
@@ -50,7 +35,7 @@ bool took_new_device(kesArray<kesEnergyDevice>* io_devices, size_t i_before, boo
         kesString text;
         text.SetFormat(128, "An answer to the %s key %u named no known device type", i_bFine ? "fine" : "coarse",
                        static_cast<unsigned int>(i_usKey));
-        report(kesErrorWarning, text, "FindAllDevices", __LINE__);
+        KES_LOG_IN(kesErrorWarning, text, "FindAllDevices");
         return false;
     }
     const kesEnergyDevice& found = io_devices->back();
@@ -61,7 +46,7 @@ bool took_new_device(kesArray<kesEnergyDevice>* io_devices, size_t i_before, boo
                            static_cast<unsigned long>(found.UniqueID), i_bFine ? "fine" : "coarse",
                            static_cast<unsigned int>(i_usKey));
             io_devices->pop_back();
-            report(kesErrorWarning, text, "FindAllDevices", __LINE__);
+            KES_LOG_IN(kesErrorWarning, text, "FindAllDevices");
             return false;
         }
     }
@@ -70,97 +55,95 @@ bool took_new_device(kesArray<kesEnergyDevice>* io_devices, size_t i_before, boo
 
 const char* const CHANNEL_LOST = "Communication lost during the search";
 
+kesString describe_search(kesEExchangeStep i_eStep, const kesExchange& i_exchange)
+{
+    kesString text;
+    if (i_eStep == kesStepSend)
+        text = "Can not send socket data";
+    else if (i_eStep == kesStepLength)
+        text.SetFormat(128, "Can not receive 11 bytes:(%i at module:%u)", i_exchange.received,
+                       static_cast<unsigned int>(i_exchange.subject));
+    return text;
+}
+
+// A garbled answer is a collision, told by the fine search alone; a reply of
+// another length is only a notice.
+const kesLadder SEARCH_LADDER = {
+    false,      {kesPauseNone, kesPauseNone, kesPauseFailure, kesPauseNone, kesPauseNone, kesPauseNone},
+    true,       0,
+    kesErrorOk, &describe_search};
+
+// The garbled answer and the tail of the other answers behind it.
+void report_collision(kesEnergySocket* io_pChannel, const kesExchange& i_exchange)
+{
+    kesString text("COLLISION [");
+    for (int i = 0; i < i_exchange.received; ++i)
+        text.AddFormat(8, "%.2X ", i_exchange.reply[i]);
+    text += "]";
+    unsigned int saved = io_pChannel->GetReceiveTimeOut();
+    io_pChannel->SetReceiveTimeOut(COLLISION_DRAIN_TIMEOUT_MS);
+    unsigned char extra = 0;
+    int got = 0;
+    for (unsigned int i = 0; i < COLLISION_DRAIN_MAX_BYTES && io_pChannel->Receive(&extra, 1, &got) == 1; ++i)
+        text.AddFormat(8, "[%.2X]", extra);
+    io_pChannel->SetReceiveTimeOut(saved);
+    KES_LOG_IN(kesErrorFailed, text, i_exchange.function);
+}
+
+// The short form, without the device type, is a panel's.
+kesEnergyDevice device_of(const unsigned char* i_pReply, unsigned int i_uiLength)
+{
+    kesEnergyDevice device;
+    const unsigned char* serial = i_pReply + (i_uiLength == REPLY_LENGTH ? 5 : 4);
+    device.Type = i_uiLength == REPLY_LENGTH ? static_cast<kesEEnergyDeviceType>(i_pReply[2]) : kesEnergyDevicePanel;
+    device.UniqueID = serial_at(serial);
+    device.Address = serial[4];
+    return device;
+}
+
 } // namespace
 
 int kesEnergySystem::search(kesEnergySocket* io_pChannel, bool i_bFine, unsigned short i_usSearchKey,
                             kesArray<kesEnergyDevice>* o_devices, int i_iRetries, bool i_bNotify)
 {
-    const char* function = i_bFine ? "read_all_device_with_10000" : "read_all_device_with_100";
-    unsigned char frame[6] = {BUS_UNIT,
-                              i_bFine ? FUNCTION_FINE_SEARCH : FUNCTION_COARSE_SEARCH,
+    unsigned char frame[6] = {BUS_UNIT, i_bFine ? FUNCTION_FINE_SEARCH : FUNCTION_COARSE_SEARCH,
                               static_cast<unsigned char>(i_usSearchKey >> 8),
-                              static_cast<unsigned char>(i_usSearchKey & 0xFF),
-                              0,
-                              0};
-    unsigned short crc = kesModbusRtuCrc(frame, 4);
-    frame[4] = static_cast<unsigned char>(crc & 0xFF);
-    frame[5] = static_cast<unsigned char>(crc >> 8);
-
+                              static_cast<unsigned char>(i_usSearchKey & 0xFF)};
+    put_crc(frame, sizeof(frame));
     unsigned char reply[REPLY_LENGTH];
-    int received = 0;
-    // Only a TCP gateway times out with -2: there a silent key is asked again.
-    for (int attempt = 0;;) {
-        if (io_pChannel->Send(frame, sizeof(frame)) != static_cast<int>(sizeof(frame))) {
-            report(kesErrorFailed, "Can not send socket data", function, __LINE__);
-            return SearchSilent;
-        }
-        received = 0;
-        if (io_pChannel->Receive(reply, sizeof(reply), &received) != -2)
-            break;
-        pause_after_failure();
-        if (attempt > i_iRetries)
-            break;
-        ++attempt;
-    }
-    pause_after_answer();
-
-    if (received <= 0)
-        return SearchSilent;
-    if (received != SHORT_REPLY_LENGTH && received != REPLY_LENGTH) {
-        kesString text;
-        text.SetFormat(128, "Can not receive 11 bytes:(%i at module:%u)", received,
-                       static_cast<unsigned int>(i_usSearchKey));
-        report(kesErrorOk, text, function, __LINE__);
-        pause_after_failure();
+    kesExchange exchange(frame, sizeof(frame), reply, sizeof(reply), i_usSearchKey,
+                         i_bFine ? "read_all_device_with_10000" : "read_all_device_with_100");
+    exchange.shortestReply = SHORT_REPLY_LENGTH;
+    exchange.retries = i_iRetries;
+    transfer(io_pChannel, SEARCH_LADDER, exchange);
+    switch (exchange.step) {
+    case kesStepAccepted:
+        break;
+    case kesStepLength:
         return SearchOtherLength;
-    }
-
-    crc = kesModbusRtuCrc(reply, static_cast<unsigned int>(received) - 2);
-    if (reply[received - 2] != (crc & 0xFF) || reply[received - 1] != (crc >> 8)) {
-        if (!i_bFine)
-            return SearchCollision;
-        kesString text("COLLISION [");
-        for (int i = 0; i < received; ++i)
-            text.AddFormat(8, "%.2X ", reply[i]);
-        text += "]";
-        unsigned int saved = io_pChannel->GetReceiveTimeOut();
-        io_pChannel->SetReceiveTimeOut(COLLISION_DRAIN_TIMEOUT_MS);
-        unsigned char extra = 0;
-        int got = 0;
-        for (unsigned int i = 0; i < COLLISION_DRAIN_MAX_BYTES && io_pChannel->Receive(&extra, 1, &got) == 1; ++i)
-            text.AddFormat(8, "[%.2X]", extra);
-        io_pChannel->SetReceiveTimeOut(saved);
-        report(kesErrorFailed, text, function, __LINE__);
+    case kesStepCrc:
+        if (i_bFine)
+            report_collision(io_pChannel, exchange);
         return SearchCollision;
+    default:
+        return SearchSilent;
     }
-
     if (reply[0] != BUS_UNIT || reply[1] != (i_bFine ? FUNCTION_FINE_REPLY : FUNCTION_COARSE_REPLY))
         return SearchSilent;
 
-    kesEnergyDevice device;
-    if (received == REPLY_LENGTH) {
-        device.Type = static_cast<kesEEnergyDeviceType>(reply[2]);
-        device.UniqueID = serial_at(reply + 5);
-        device.Address = reply[9];
-    } else {
-        device.Type = kesEnergyDevicePanel;
-        device.UniqueID = serial_at(reply + 4);
-        device.Address = reply[8];
-    }
+    const kesEnergyDevice device = device_of(reply, static_cast<unsigned int>(exchange.received));
     if (device.Type < kesEnergyDevicePanel || device.Type > kesEnergyDeviceStringThree)
-        return received;
-
+        return exchange.received;
     o_devices->AddBack(device);
     if (MODE == 2) {
         // A device that stays unmuted is caught by the caller when it answers
         // again.
-        for (unsigned int i = 0; i < EXECUTION_COUNT; ++i)
-            if (mute_device(io_pChannel, device.UniqueID) == kesErrorOk)
-                break;
+        auto mute = [&] { return mute_device(io_pChannel, device.UniqueID); };
+        attempt_up_to(mute);
     }
     if (i_bNotify)
         OnDeviceFound(&device);
-    return received;
+    return exchange.received;
 }
 
 int kesEnergySystem::read_all_device_with_100(kesEnergySocket* io_pChannel, unsigned short i_usSearchKey,
@@ -178,9 +161,9 @@ int kesEnergySystem::read_all_device_with_10000(kesEnergySocket* io_pChannel, un
 kesEError kesEnergySystem::check_find_arguments(kesArray<kesEnergyDevice>* o_devices, const char* i_szFunction)
 {
     if (!m_oSocket.IsOpen())
-        return report(kesErrorFailed, "Communication is closed! Call OpenCommunication(...)", i_szFunction, __LINE__);
+        return KES_LOG_IN(kesErrorFailed, CHANNEL_CLOSED, i_szFunction);
     if (!o_devices)
-        return report(kesErrorInvalidArgument, "o_devices == 0", i_szFunction, __LINE__);
+        return KES_LOG_IN(kesErrorInvalidArgument, "o_devices == 0", i_szFunction);
     o_devices->clear();
     return kesErrorOk;
 }
@@ -203,7 +186,7 @@ bool kesEnergySystem::search_key_until_silent(bool i_bFine, unsigned short i_usS
     kesString text;
     text.SetFormat(128, "The %s key %u still answers after %u devices: left", i_bFine ? "fine" : "coarse",
                    static_cast<unsigned int>(i_usSearchKey), MAX_ROUNDS_PER_KEY);
-    report(kesErrorWarning, text, "FindAllDevices", __LINE__);
+    KES_LOG_IN(kesErrorWarning, text, "FindAllDevices");
     *o_pLast = SearchSilent;
     return found;
 }
@@ -220,7 +203,7 @@ bool kesEnergySystem::search_fine_keys(unsigned short i_usCoarseKey, kesArray<ke
         if (last == SearchCollision && i_bReportCollisions) {
             kesString text("This should never happen! ");
             text.AddFormat(128, "i=[%i]j=[%i]s=[%i]", i_usCoarseKey, j, key);
-            report(kesErrorFailed, text, "FindAllDevices", __LINE__);
+            KES_LOG_IN(kesErrorFailed, text, "FindAllDevices");
         }
     }
     return found;
@@ -233,17 +216,17 @@ kesEError kesEnergySystem::FindAllDevices(kesArray<kesEnergyDevice>* o_devices)
         return result;
     if (MODE != 2) {
         if (EnableAllDeviceFind() != kesErrorOk)
-            report(kesErrorFailed, "Can not enable devices to answer to find request", __func__, __LINE__);
+            KES_LOG(kesErrorFailed, "Can not enable devices to answer to find request");
         return old_find_all_devices(o_devices, 3, 50);
     }
     result = EnableAllDeviceFind();
     if (result != kesErrorOk)
-        return report(result, "Can not enable devices to answer to find request", __func__, __LINE__);
+        return KES_LOG(result, "Can not enable devices to answer to find request");
 
     for (unsigned short i = 0; i < COARSE_KEYS; ++i) {
         // A gateway that went away would make every key silent.
         if (!m_oSocket.IsOpen())
-            return report(kesErrorFailed, CHANNEL_LOST, __func__, __LINE__);
+            return KES_LOG(kesErrorFailed, CHANNEL_LOST);
         // A reply of another length may hide several answers: after its fine
         // keys brought devices, the coarse key is asked again.
         for (unsigned int round = 0; round < MAX_ROUNDS_PER_KEY; ++round) {
@@ -285,7 +268,7 @@ kesEError kesEnergySystem::old_find_all_devices(kesArray<kesEnergyDevice>* o_dev
         return result;
     for (unsigned short i = 0; i < COARSE_KEYS; ++i) {
         if (!m_oSocket.IsOpen())
-            return report(kesErrorFailed, CHANNEL_LOST, __func__, __LINE__);
+            return KES_LOG(kesErrorFailed, CHANNEL_LOST);
         int first = read_all_device_with_100(&m_oSocket, i, o_devices, i_iRetries, true);
         if (first == SearchSilent)
             continue;
@@ -312,7 +295,7 @@ kesEError kesEnergySystem::find_all_devices_10000(kesArray<kesEnergyDevice>* o_d
     int count = i_iCount < FINE_KEYS ? i_iCount : FINE_KEYS;
     for (int key = 0; key < count; ++key) {
         if (!m_oSocket.IsOpen())
-            return report(kesErrorFailed, CHANNEL_LOST, __func__, __LINE__);
+            return KES_LOG(kesErrorFailed, CHANNEL_LOST);
         read_all_device_with_10000(&m_oSocket, static_cast<unsigned short>(key), o_devices, 1, true);
     }
     o_devices->Unique(nullptr, nullptr);
@@ -322,11 +305,11 @@ kesEError kesEnergySystem::find_all_devices_10000(kesArray<kesEnergyDevice>* o_d
 bool kesEnergySystem::FindDeviceBySerial(unsigned int i_uiSerial, kesEnergyDevice* io_pDevice)
 {
     if (!m_oSocket.IsOpen()) {
-        report(kesErrorFailed, "Communication is closed! Call OpenCommunication(...)", __func__, __LINE__);
+        KES_LOG(kesErrorFailed, CHANNEL_CLOSED);
         return false;
     }
     if (!io_pDevice) {
-        report(kesErrorInvalidArgument, "io_pDevice == 0", __func__, __LINE__);
+        KES_LOG(kesErrorInvalidArgument, "io_pDevice == 0");
         return false;
     }
     kesArray<kesEnergyDevice> found;

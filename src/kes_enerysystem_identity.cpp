@@ -1,9 +1,7 @@
 // Identity reads: model, serial text and test date of every device type, and
 // the data sheet of a panel. All are measurement-style exchanges; only the
 // offsets and the field sizes differ.
-#include "kes_enerysystem.h"
-
-#include "kes_modbusrtu.h"
+#include "kes_enerysystem_private.h"
 
 namespace kes {
 
@@ -11,30 +9,9 @@ namespace {
 
 enum kesEIdentityField { kesIdentityModel = 0, kesIdentitySerial = 1, kesIdentityTestDate = 2 };
 
-struct kesIdentityFieldShape {
-    unsigned short registers;
-    const char* failure;
-};
-
-const kesIdentityFieldShape IDENTITY_FIELDS[3] = {{5, "Can not get Model at address:"},
-                                                  {15, "Can not get Serial at address:"},
-                                                  {10, "Can not get Test date at address:"}};
-
-// Offsets from the bus address of model, serial text and test date, by type.
-// The first ones kept their texts right after two measurement registers; the
-// later ones after five. Ambient keeps its test date at 24.
-const unsigned char IDENTITY_OFFSETS[12][3] = {{0, 0, 0},    // no type 0
-                                               {2, 7, 22},   // Panel
-                                               {2, 7, 22},   // String
-                                               {5, 10, 25},  // Alarm
-                                               {2, 7, 24},   // Ambient
-                                               {5, 10, 25},  // PulseCounter
-                                               {5, 10, 25},  // StringTwo
-                                               {5, 10, 25},  // StringFour
-                                               {5, 10, 25},  // PulseCounterTwo
-                                               {5, 10, 25},  // PulseCounterFive
-                                               {5, 10, 25},  // StringOne
-                                               {5, 10, 25}}; // StringThree
+// The failure texts of model, serial text and test date.
+const char* const IDENTITY_FAILURES[kesEnergySystem::IDENTITY_FIELDS] = {
+    "Can not get Model at address:", "Can not get Serial at address:", "Can not get Test date at address:"};
 
 struct kesTextContext {
     kesString* output;
@@ -47,11 +24,6 @@ kesEError decode_text(const unsigned char* i_pData, unsigned int, void* io_pCont
     if (context->output)
         context->output->assign(reinterpret_cast<const char*>(i_pData), context->length);
     return kesErrorOk;
-}
-
-unsigned int register_at(const unsigned char* i_pData, unsigned int i_uiIndex)
-{
-    return (static_cast<unsigned int>(i_pData[2 * i_uiIndex]) << 8) | i_pData[2 * i_uiIndex + 1];
 }
 
 struct kesFlashContext {
@@ -83,7 +55,7 @@ kesEError kesEnergySystem::read_text(kesEnergySocket* io_pChannel, unsigned int 
                                      unsigned short i_usAddress, kesString* o_pData, unsigned char i_ucOffset,
                                      const char* i_szFunction)
 {
-    const unsigned short registers = IDENTITY_FIELDS[i_uiField].registers;
+    const unsigned short registers = IDENTITY_REGISTERS[i_uiField];
     kesModbusRtuReadHoldingRegistersFrame request;
     request.SetUnitID(static_cast<unsigned char>(i_eType));
     request.SetRegisters(static_cast<unsigned short>(i_usAddress + i_ucOffset), registers);
@@ -96,7 +68,7 @@ kesEError kesEnergySystem::read_response_model(kesEnergySocket* io_pChannel, kes
                                                unsigned short i_usAddress, kesString* o_pData, unsigned char i_ucOffset)
 {
     if (!o_pData)
-        return kesErrorLog(kesBuildErrorLocation(kesErrorInvalidArgument, "o_data == 0", __FILE__, __func__, __LINE__));
+        return KES_LOG(kesErrorInvalidArgument, "o_data == 0");
     return read_text(io_pChannel, kesIdentityModel, i_eType, i_usAddress, o_pData, i_ucOffset, __func__);
 }
 
@@ -128,7 +100,7 @@ kesEError kesEnergySystem::read_identity(unsigned int i_uiField, kesEEnergyDevic
             return read_response_test_date(&m_oSocket, i_eType, i_usAddress, o_pData, offset);
         }
     };
-    return execute(attempt, IDENTITY_FIELDS[i_uiField].failure, i_usAddress, i_szFunction);
+    return execute(attempt, IDENTITY_FAILURES[i_uiField], i_usAddress, i_szFunction);
 }
 
 #define KES_IDENTITY_READS(WORD, TYPE)                                                              \

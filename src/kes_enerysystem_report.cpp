@@ -1,5 +1,5 @@
 // Device report: everything the bus can tell about one device, as text.
-#include "kes_enerysystem.h"
+#include "kes_enerysystem_private.h"
 
 namespace kes {
 
@@ -110,140 +110,188 @@ void add_string_lines(float i_fVoltage, const float* i_pAmperes, unsigned int i_
     }
 }
 
+// What the reads of one device bring; what it does not answer stays zero.
+struct kesReportValues {
+    float voltage, temperature, amperes[4];
+    float flash[6]; // open voltage and ampere, max power, voltage, ampere, efficiency
+    unsigned int cells, panels;
+    unsigned char cycle, status;
+    unsigned short returnedPower;
+    kesPulseValues pulses[5];
+};
+
+// The outputs of the measurement read, in its order; those past the read's
+// own are not looked at.
+typedef void (*kesOutputs)(kesReportValues& io_values, void** o_ppOutputs);
+
+void volt_temp_outputs(kesReportValues& io_values, void** o_ppOutputs)
+{
+    o_ppOutputs[0] = &io_values.voltage;
+    o_ppOutputs[1] = &io_values.temperature;
+}
+
+void volt_ampere_outputs(kesReportValues& io_values, void** o_ppOutputs)
+{
+    o_ppOutputs[0] = &io_values.voltage;
+    for (unsigned int i = 0; i < 4; ++i)
+        o_ppOutputs[1 + i] = &io_values.amperes[i];
+}
+
+void pulse_outputs(kesReportValues& io_values, void** o_ppOutputs)
+{
+    for (unsigned int i = 0; i < 2; ++i) {
+        o_ppOutputs[2 * i] = &io_values.pulses[i].count;
+        o_ppOutputs[2 * i + 1] = &io_values.pulses[i].time;
+    }
+}
+
+void pulse_second_outputs(kesReportValues& io_values, void** o_ppOutputs)
+{
+    for (unsigned int i = 0; i < 5; ++i) {
+        o_ppOutputs[3 * i] = &io_values.pulses[i].count;
+        o_ppOutputs[3 * i + 1] = &io_values.pulses[i].time;
+        o_ppOutputs[3 * i + 2] = &io_values.pulses[i].second;
+    }
+}
+
+void read_flash(kesEnergySystem& io_system, unsigned short i_usAddress, kesReportValues& io_values)
+{
+    float* flash = io_values.flash;
+    io_system.ReadPanelFlash(i_usAddress, &flash[0], &flash[1], &flash[2], &flash[3], &flash[4], &flash[5],
+                             &io_values.cells, &io_values.panels);
+}
+
+void read_status(kesEnergySystem& io_system, unsigned short i_usAddress, kesReportValues& io_values)
+{
+    io_system.ReadAlarmStatus(i_usAddress, &io_values.cycle, &io_values.status, &io_values.returnedPower);
+}
+
+void add_panel_lines(const kesReportValues& i_values, unsigned int, kesString* io_pText)
+{
+    static const char* const FLASH_LINES[6] = {
+        "\tOpened Circuit Volt --------:%.2f V\n", "\tOpened Circuit Ampere ------:%.2f A\n",
+        "\tMax Power ------------------:%.2f W\n", "\tMax Volt -------------------:%.2f V\n",
+        "\tMax Ampere -----------------:%.2f A\n", "\tEfficiency -----------------:%.2f %%\n"};
+    io_pText->AddFormat(LINE_LIMIT, VOLTAGE_LINE, i_values.voltage);
+    io_pText->AddFormat(LINE_LIMIT, "\tTemperature ----------------:%.2f °C\n", i_values.temperature);
+    for (unsigned int i = 0; i < 6; ++i)
+        io_pText->AddFormat(LINE_LIMIT, FLASH_LINES[i], i_values.flash[i]);
+    io_pText->AddFormat(LINE_LIMIT, "\tNumber of Cells ------------:%lu\n", static_cast<unsigned long>(i_values.cells));
+    io_pText->AddFormat(LINE_LIMIT, "\tNumber of Panels -----------:%lu\n",
+                        static_cast<unsigned long>(i_values.panels));
+}
+
+// The current of a single string, or of an alarm device, under its own name.
+void add_current_lines(const char* i_szCurrent, const kesReportValues& i_values, kesString* io_pText)
+{
+    io_pText->AddFormat(LINE_LIMIT, VOLTAGE_LINE, i_values.voltage);
+    io_pText->AddFormat(LINE_LIMIT, i_szCurrent, i_values.amperes[0]);
+    io_pText->AddFormat(LINE_LIMIT, "\tInstantaneous Power --------:%.2f W\n", i_values.voltage * i_values.amperes[0]);
+}
+
+void add_string_report(const kesReportValues& i_values, unsigned int i_uiChannels, kesString* io_pText)
+{
+    if (i_uiChannels == 1)
+        add_current_lines("\tAmpere ---------------------:%.2f A\n", i_values, io_pText);
+    else
+        add_string_lines(i_values.voltage, i_values.amperes, i_uiChannels, io_pText);
+}
+
+void add_alarm_report(const kesReportValues& i_values, unsigned int, kesString* io_pText)
+{
+    kesString status = kesEnergySystem::AlarmStatusTypeToTypeName(static_cast<kesEEnergyAlarmStatus>(i_values.status));
+    kesString cycle =
+        kesEnergySystem::AlarmCycleStatusTypeToTypeName(static_cast<kesEEnergyAlarmCycleStatus>(i_values.cycle));
+    io_pText->AddFormat(LINE_LIMIT, "\tAlarm Status ---------------:%s\n", status.c_str());
+    io_pText->AddFormat(LINE_LIMIT, "\tAlarm Cycle Check ----------:%s\n", cycle.c_str());
+    io_pText->AddFormat(LINE_LIMIT, "\tAlarm Returned Power -------:%i\n", static_cast<int>(i_values.returnedPower));
+    add_current_lines("\tCurrent --------------------:%.2f A\n", i_values, io_pText);
+}
+
+void add_pulse_report(const kesReportValues& i_values, unsigned int i_uiChannels, kesString* io_pText)
+{
+    static const kesPulseChannelLines* const LINES[6] = {nullptr, PULSE_ONE, PULSE_TWO, nullptr, nullptr, PULSE_FIVE};
+    add_pulse_channels(LINES[i_uiChannels], i_values.pulses, i_uiChannels, io_pText);
+}
+
 #pragma GCC diagnostic pop
+
+// The report of one device type: its reads, in their order, and its lines.
+struct kesReportShape {
+    bool measurementFirst;
+    kesOutputs outputs; // null: no measurement read
+    void (*extra)(kesEnergySystem& io_system, unsigned short i_usAddress, kesReportValues& io_values);
+    void (*lines)(const kesReportValues& i_values, unsigned int i_uiChannels, kesString* io_pText);
+    unsigned int channels;
+};
+
+// By device type; Ambient gives the head alone.
+const kesReportShape REPORT_SHAPES[12] = {
+    {false, nullptr, nullptr, nullptr, 0},                             // no type 0
+    {false, &volt_temp_outputs, &read_flash, &add_panel_lines, 0},     // Panel
+    {false, &volt_ampere_outputs, nullptr, &add_string_report, 1},     // String
+    {false, &volt_ampere_outputs, &read_status, &add_alarm_report, 0}, // Alarm
+    {false, nullptr, nullptr, nullptr, 0},                             // Ambient
+    {false, &pulse_outputs, nullptr, &add_pulse_report, 1},            // PulseCounter
+    {true, &volt_ampere_outputs, nullptr, &add_string_report, 2},      // StringTwo
+    {false, &volt_ampere_outputs, nullptr, &add_string_report, 4},     // StringFour
+    {false, &pulse_outputs, nullptr, &add_pulse_report, 2},            // PulseCounterTwo
+    {false, &pulse_second_outputs, nullptr, &add_pulse_report, 5},     // PulseCounterFive
+    {false, &volt_ampere_outputs, nullptr, &add_string_report, 1},     // StringOne
+    {false, &volt_ampere_outputs, nullptr, &add_string_report, 3}};    // StringThree
+
+void add_head(const kesEnergyDevice& i_device, unsigned short i_usAddress, const kesString* i_pTexts,
+              kesString* io_pText)
+{
+    io_pText->AddFormat(LINE_LIMIT, "[%s][%i]\n", kesEnergySystem::DeviceTypeToTypeName(i_device.Type).c_str(),
+                        static_cast<int>(i_device.Address));
+    io_pText->AddFormat(LINE_LIMIT, "\tHardware Serial ------------:%lu\n",
+                        static_cast<unsigned long>(i_device.UniqueID));
+    io_pText->AddFormat(LINE_LIMIT, "\tModbus Address -------------:%i\n", static_cast<int>(i_usAddress));
+    // %s stops at the first zero byte of a field.
+    io_pText->AddFormat(LINE_LIMIT, "\tModel ----------------------:%s\n", i_pTexts[0].c_str());
+    io_pText->AddFormat(LINE_LIMIT, "\tSerial ---------------------:%s\n", i_pTexts[1].c_str());
+    io_pText->AddFormat(LINE_LIMIT, "\tTest Date ------------------:%s\n", i_pTexts[2].c_str());
+}
 
 } // namespace
 
 kesEError kesEnergySystem::GetDeviceInfo(const kesEnergyDevice* i_pDevice, kesString* o_strData)
 {
     if (!m_oSocket.IsOpen())
-        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "Communication is closed! Call OpenCommunication(...)",
-                                                 __FILE__, __func__, __LINE__));
+        return KES_LOG(kesErrorFailed, CHANNEL_CLOSED);
     if (!o_strData)
-        return kesErrorLog(
-            kesBuildErrorLocation(kesErrorInvalidArgument, "o_strData == 0", __FILE__, __func__, __LINE__));
+        return KES_LOG(kesErrorInvalidArgument, "o_strData == 0");
     if (!i_pDevice)
-        return kesErrorLog(
-            kesBuildErrorLocation(kesErrorInvalidArgument, "i_pDevice == 0", __FILE__, __func__, __LINE__));
+        return KES_LOG(kesErrorInvalidArgument, "i_pDevice == 0");
     const kesEEnergyDeviceType type = i_pDevice->Type;
     if (type < kesEnergyDevicePanel || type > kesEnergyDeviceStringThree)
         return kesErrorOk;
 
     const unsigned short address = static_cast<unsigned short>(i_pDevice->Address * 100u);
     const kesIdentityReads& identity = IDENTITY_READS[type];
-    kesString model, serial, testDate;
-    float voltage = 0, temperature = 0, amperes[4] = {0, 0, 0, 0};
-    float openVoltage = 0, openAmpere = 0, maxPower = 0, maxVoltage = 0, maxAmpere = 0, efficiency = 0;
-    unsigned int cells = 0, panels = 0;
-    unsigned char cycle = 0, status = 0;
-    unsigned short returnedPower = 0;
-    kesPulseValues pulses[5] = {};
+    const kesReportShape& shape = REPORT_SHAPES[type];
+    kesString texts[3];
+    kesReportValues values = {};
+    void* outputs[MAX_MEASUREMENT_OUTPUTS] = {};
+    if (shape.outputs)
+        shape.outputs(values, outputs);
 
     // A StringTwo is asked for its measurements first; every other type for
-    // its identity first. What a device does not answer stays zero or empty.
-    if (type == kesEnergyDeviceStringTwo)
-        ReadStringTwoVoltAmpere(address, &voltage, &amperes[0], &amperes[1]);
-    (this->*identity.model)(address, &model);
-    (this->*identity.serial)(address, &serial);
-    (this->*identity.testDate)(address, &testDate);
-    switch (type) {
-    case kesEnergyDevicePanel:
-        ReadPanelVoltTemp(address, &voltage, &temperature);
-        ReadPanelFlash(address, &openVoltage, &openAmpere, &maxPower, &maxVoltage, &maxAmpere, &efficiency, &cells,
-                       &panels);
-        break;
-    case kesEnergyDeviceString:
-        ReadStringVoltAmpere(address, &voltage, &amperes[0]);
-        break;
-    case kesEnergyDeviceStringOne:
-        ReadStringOneVoltAmpere(address, &voltage, &amperes[0]);
-        break;
-    case kesEnergyDeviceStringThree:
-        ReadStringThreeVoltAmpere(address, &voltage, &amperes[0], &amperes[1], &amperes[2]);
-        break;
-    case kesEnergyDeviceStringFour:
-        ReadStringFourVoltAmpere(address, &voltage, &amperes[0], &amperes[1], &amperes[2], &amperes[3]);
-        break;
-    case kesEnergyDeviceAlarm:
-        ReadAlarmVoltAmpere(address, &voltage, &amperes[0]);
-        ReadAlarmStatus(address, &cycle, &status, &returnedPower);
-        break;
-    case kesEnergyDevicePulseCounter:
-        ReadPulseCounterData(address, &pulses[0].count, &pulses[0].time);
-        break;
-    case kesEnergyDevicePulseCounterTwo:
-        ReadPulseCounterTwoData(address, &pulses[0].count, &pulses[0].time, &pulses[1].count, &pulses[1].time);
-        break;
-    case kesEnergyDevicePulseCounterFive:
-        ReadPulseCounterFiveData(address, &pulses[0].count, &pulses[0].time, &pulses[0].second, &pulses[1].count,
-                                 &pulses[1].time, &pulses[1].second, &pulses[2].count, &pulses[2].time,
-                                 &pulses[2].second, &pulses[3].count, &pulses[3].time, &pulses[3].second,
-                                 &pulses[4].count, &pulses[4].time, &pulses[4].second);
-        break;
-    default:
-        break;
-    }
+    // its identity first.
+    if (shape.measurementFirst)
+        ReadMeasurement(type, address, outputs);
+    (this->*identity.model)(address, &texts[0]);
+    (this->*identity.serial)(address, &texts[1]);
+    (this->*identity.testDate)(address, &texts[2]);
+    if (shape.outputs && !shape.measurementFirst)
+        ReadMeasurement(type, address, outputs);
+    if (shape.extra)
+        shape.extra(*this, address, values);
 
-    o_strData->AddFormat(LINE_LIMIT, "[%s][%i]\n", DeviceTypeToTypeName(type).c_str(),
-                         static_cast<int>(i_pDevice->Address));
-    o_strData->AddFormat(LINE_LIMIT, "\tHardware Serial ------------:%lu\n",
-                         static_cast<unsigned long>(i_pDevice->UniqueID));
-    o_strData->AddFormat(LINE_LIMIT, "\tModbus Address -------------:%i\n", static_cast<int>(address));
-    // %s stops at the first zero byte of a field.
-    o_strData->AddFormat(LINE_LIMIT, "\tModel ----------------------:%s\n", model.c_str());
-    o_strData->AddFormat(LINE_LIMIT, "\tSerial ---------------------:%s\n", serial.c_str());
-    o_strData->AddFormat(LINE_LIMIT, "\tTest Date ------------------:%s\n", testDate.c_str());
-
-    switch (type) {
-    case kesEnergyDevicePanel:
-        o_strData->AddFormat(LINE_LIMIT, VOLTAGE_LINE, voltage);
-        o_strData->AddFormat(LINE_LIMIT, "\tTemperature ----------------:%.2f °C\n", temperature);
-        o_strData->AddFormat(LINE_LIMIT, "\tOpened Circuit Volt --------:%.2f V\n", openVoltage);
-        o_strData->AddFormat(LINE_LIMIT, "\tOpened Circuit Ampere ------:%.2f A\n", openAmpere);
-        o_strData->AddFormat(LINE_LIMIT, "\tMax Power ------------------:%.2f W\n", maxPower);
-        o_strData->AddFormat(LINE_LIMIT, "\tMax Volt -------------------:%.2f V\n", maxVoltage);
-        o_strData->AddFormat(LINE_LIMIT, "\tMax Ampere -----------------:%.2f A\n", maxAmpere);
-        o_strData->AddFormat(LINE_LIMIT, "\tEfficiency -----------------:%.2f %%\n", efficiency);
-        o_strData->AddFormat(LINE_LIMIT, "\tNumber of Cells ------------:%lu\n", static_cast<unsigned long>(cells));
-        o_strData->AddFormat(LINE_LIMIT, "\tNumber of Panels -----------:%lu\n", static_cast<unsigned long>(panels));
-        break;
-    case kesEnergyDeviceString:
-    case kesEnergyDeviceStringOne:
-        o_strData->AddFormat(LINE_LIMIT, VOLTAGE_LINE, voltage);
-        o_strData->AddFormat(LINE_LIMIT, "\tAmpere ---------------------:%.2f A\n", amperes[0]);
-        o_strData->AddFormat(LINE_LIMIT, "\tInstantaneous Power --------:%.2f W\n", voltage * amperes[0]);
-        break;
-    case kesEnergyDeviceStringTwo:
-        add_string_lines(voltage, amperes, 2, o_strData);
-        break;
-    case kesEnergyDeviceStringThree:
-        add_string_lines(voltage, amperes, 3, o_strData);
-        break;
-    case kesEnergyDeviceStringFour:
-        add_string_lines(voltage, amperes, 4, o_strData);
-        break;
-    case kesEnergyDeviceAlarm:
-        o_strData->AddFormat(LINE_LIMIT, "\tAlarm Status ---------------:%s\n",
-                             AlarmStatusTypeToTypeName(static_cast<kesEEnergyAlarmStatus>(status)).c_str());
-        o_strData->AddFormat(LINE_LIMIT, "\tAlarm Cycle Check ----------:%s\n",
-                             AlarmCycleStatusTypeToTypeName(static_cast<kesEEnergyAlarmCycleStatus>(cycle)).c_str());
-        o_strData->AddFormat(LINE_LIMIT, "\tAlarm Returned Power -------:%i\n", static_cast<int>(returnedPower));
-        o_strData->AddFormat(LINE_LIMIT, VOLTAGE_LINE, voltage);
-        o_strData->AddFormat(LINE_LIMIT, "\tCurrent --------------------:%.2f A\n", amperes[0]);
-        o_strData->AddFormat(LINE_LIMIT, "\tInstantaneous Power --------:%.2f W\n", voltage * amperes[0]);
-        break;
-    case kesEnergyDevicePulseCounter:
-        add_pulse_channels(PULSE_ONE, pulses, 1, o_strData);
-        break;
-    case kesEnergyDevicePulseCounterTwo:
-        add_pulse_channels(PULSE_TWO, pulses, 2, o_strData);
-        break;
-    case kesEnergyDevicePulseCounterFive:
-        add_pulse_channels(PULSE_FIVE, pulses, 5, o_strData);
-        break;
-    default: // Ambient: the head alone
-        break;
-    }
+    add_head(*i_pDevice, address, texts, o_strData);
+    if (shape.lines)
+        shape.lines(values, shape.channels, o_strData);
     return kesErrorOk;
 }
 

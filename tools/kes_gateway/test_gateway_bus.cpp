@@ -1,16 +1,15 @@
 #include "test_gateway_bus.h"
 
+#include "../../src/kes_enerysystem.h"
+
 namespace kes_test {
 
 namespace {
 
 const uint8_t BUS_UNIT = 0xFF;
 
-// Offsets of model, serial text and test date by device type, and the field
-// lengths in registers; kept apart from the engine's own table.
-const uint8_t IDENTITY_OFFSETS[12][3] = {{0, 0, 0},   {2, 7, 22},  {2, 7, 22},  {5, 10, 25}, {2, 7, 24},  {5, 10, 25},
-                                         {5, 10, 25}, {5, 10, 25}, {5, 10, 25}, {5, 10, 25}, {5, 10, 25}, {5, 10, 25}};
-const uint8_t IDENTITY_REGISTERS[3] = {5, 15, 10};
+// A device keeps its identity texts where the engine reads them.
+using kes::kesEnergySystem;
 
 const uint8_t ALARM_TYPE = 3;
 const uint8_t ALARM_STATUS_OFFSET = 2;
@@ -98,15 +97,15 @@ bool TestBusGateway::SetIdentity(uint32_t i_serial, const std::string& i_model, 
             return false;
         type = device->type;
     }
-    const std::string* texts[3] = {&i_model, &i_serialText, &i_testDate};
-    for (int field = 0; field < 3; ++field) {
+    const std::string* texts[kesEnergySystem::IDENTITY_FIELDS] = {&i_model, &i_serialText, &i_testDate};
+    for (unsigned int field = 0; field < kesEnergySystem::IDENTITY_FIELDS; ++field) {
         std::string text = *texts[field];
-        text.resize(2u * IDENTITY_REGISTERS[field], '\0');
+        text.resize(2u * kesEnergySystem::IDENTITY_REGISTERS[field], '\0');
         std::vector<uint16_t> values;
         for (size_t i = 0; i < text.size(); i += 2)
             values.push_back(
                 static_cast<uint16_t>((static_cast<uint8_t>(text[i]) << 8) | static_cast<uint8_t>(text[i + 1])));
-        SetDeviceRegisters(i_serial, IDENTITY_OFFSETS[type][field], values);
+        SetDeviceRegisters(i_serial, kesEnergySystem::IDENTITY_OFFSETS[type][field], values);
     }
     return true;
 }
