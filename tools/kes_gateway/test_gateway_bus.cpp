@@ -1,6 +1,6 @@
 #include "test_gateway_bus.h"
 
-#include "../../src/kes_enerysystem.h"
+#include "kes_enerysystem.h"
 
 namespace kes_test {
 
