@@ -40,13 +40,6 @@ struct Figures {
 
 typedef std::chrono::steady_clock Clock;
 
-long status_kb(pid_t i_pid, const char* i_field)
-{
-    std::string status = kes_test::ReadFile("/proc/" + std::to_string(i_pid) + "/status");
-    size_t at = status.find(std::string(i_field) + ":");
-    return at == std::string::npos ? -1 : strtol(status.c_str() + at + strlen(i_field) + 1, nullptr, 10);
-}
-
 // User and system time of a process, in seconds.
 double cpu_seconds(pid_t i_pid)
 {
@@ -71,16 +64,6 @@ double cpu_seconds(pid_t i_pid)
     return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-uint16_t free_port()
-{
-    kes_test::TestGateway probe;
-    if (!probe.Start())
-        return 0;
-    uint16_t port = probe.GetPort();
-    probe.Stop();
-    return port;
-}
-
 unsigned long served(kes_test::ChildProcess& io_sim)
 {
     io_sim.Signal(SIGTERM);
@@ -102,7 +85,7 @@ bool measure(const std::string& i_conf, const std::vector<std::string>& i_argv, 
         fprintf(stderr, "the simulator did not start:\n%s\n", sim.Output().c_str());
         return false;
     }
-    kes_net_test::UdpReceiver receiver(16549); // takes the daemon's datagrams, if the port is free
+    kes_test::DatagramReceiver receiver(16549); // takes the daemon's datagrams, if the port is free
     kes_test::ChildProcess program;
     if (!program.Start(i_argv)) {
         fprintf(stderr, "can not start %s\n", i_argv[0].c_str());
@@ -123,14 +106,14 @@ bool measure(const std::string& i_conf, const std::vector<std::string>& i_argv, 
             fprintf(stderr, "%s ended early:\n%s\n", i_argv[0].c_str(), program.Output().c_str());
             return false;
         }
-        if (receiver.port)
+        if (receiver.Port())
             while (receiver.Receive(&datagram, 0)) {
             }
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     double cpuEnd = cpu_seconds(program.Pid());
     double wall = std::chrono::duration<double>(Clock::now() - start).count();
-    o_figures->peakMb = status_kb(program.Pid(), "VmHWM") / 1024.0;
+    o_figures->peakMb = kes_test::StatusKb(program.Pid(), "VmHWM") / 1024.0;
     o_figures->cpuShare = 100.0 * (cpuEnd - cpuStart) / (wall - settle);
     program.Signal(SIGTERM);
     program.Wait(5000);
@@ -152,7 +135,7 @@ int main(int argc, char** argv)
     std::vector<std::string> pollerArgs = {
         "/usr/bin/python3", std::string(KES_SOURCE_DIR) + "/bench/footprint_poller.py", std::to_string(seconds + 30)};
     for (unsigned int line = 1; line <= LINES; ++line) {
-        uint16_t port = free_port();
+        uint16_t port = kes_test::FreePort();
         conf += "<line id=\"" + std::to_string(line) + "\" adr=\"127.0.0.1:" + std::to_string(port) + "\">";
         std::string devices;
         for (unsigned int mid = 1; mid <= DEVICES; ++mid) {

@@ -17,13 +17,6 @@ namespace kes {
 namespace Energy {
 
 namespace {
-const char* const SOURCE = __FILE__;
-
-kesEError report(kesEError code, const kesString& message, const char* function, int line)
-{
-    return kesErrorLog(kesBuildErrorLocation(code, message, SOURCE, function, line));
-}
-
 kesString words(const char* first, const kesString& second, const char* third = "")
 {
     kesString text(first);
@@ -90,23 +83,43 @@ unsigned int next_divisor_of_hour(unsigned int minutes)
 }
 } // namespace
 
-// The month, year and begin files differ only in these constants.
+// The day, month, year and begin files differ only in these constants.
 struct kesEnergyHistoryLevel {
     const char* fileName;
+    const char* updateWords;
     const char* nullWords;
     const char* renameWords; // null: the file never rolls over
     const char* headerLetter;
     int (*headerNumber)(const kesTime::kesDateTime& now);
     bool (*rollover)(const kesTime::kesDateTime& now);
     kesString (*datedName)(const kesTime::kesDateTime& lastDate); // null: no dated copy
-    kesEnergyHistoryRules rules;
+    kesEnergyHistoryRules rules;                                  // unused by the day, which merges its rows
     const char* functionName;
 };
 
+// Where the file of a level stands this tick.
+struct kesEnergyHistoryPlace {
+    kesString path;
+    kesString dated; // empty: the level keeps no dated copy
+    bool wanted;     // the tick is at the level's boundary
+    bool exists;
+    bool rollover;
+};
+
+// The rows of one tick, by the way their parameters are stored.
+struct kesEnergyHistoryRows {
+    kesArray<kesString> energyUids, energyRows, valueUids, valueRows, pulseUids, pulseRows;
+};
+
 namespace {
+bool day_rollover(const kesTime::kesDateTime& now)
+{
+    return now.hour == 0 && now.minute == 0;
+}
+
 bool month_rollover(const kesTime::kesDateTime& now)
 {
-    return now.day == 1 && now.hour == 0 && now.minute == 0;
+    return now.day == 1 && day_rollover(now);
 }
 
 bool year_rollover(const kesTime::kesDateTime& now)
@@ -114,7 +127,19 @@ bool year_rollover(const kesTime::kesDateTime& now)
     return now.month == 1 && month_rollover(now);
 }
 
+const kesEnergyHistoryLevel DAY_LEVEL = {"d",
+                                         "Can not update day file ",
+                                         "io_strSourceDay == 0",
+                                         "Can not rename day to ",
+                                         "H|",
+                                         [](const kesTime::kesDateTime& now) { return now.hour; },
+                                         day_rollover,
+                                         day_name,
+                                         {},
+                                         "update_day_file"};
+
 const kesEnergyHistoryLevel MONTH_LEVEL = {"m",
+                                           "Can not update month file ",
                                            "io_strSourceMonth == 0",
                                            "Can not rename month to ",
                                            "D|",
@@ -125,6 +150,7 @@ const kesEnergyHistoryLevel MONTH_LEVEL = {"m",
                                            "update_month_file"};
 
 const kesEnergyHistoryLevel YEAR_LEVEL = {"y",
+                                          "Can not update year file ",
                                           "io_strSourceYear == 0",
                                           "Can not rename year to ",
                                           "M|",
@@ -135,6 +161,7 @@ const kesEnergyHistoryLevel YEAR_LEVEL = {"y",
                                           "update_year_file"};
 
 const kesEnergyHistoryLevel BEGIN_LEVEL = {"b",
+                                           "Can not update year file ",
                                            "io_strSourceYear == 0",
                                            0,
                                            "Y|",
@@ -143,6 +170,28 @@ const kesEnergyHistoryLevel BEGIN_LEVEL = {"b",
                                            0,
                                            {kesEnergyHistoryEnergySum, 2, kesEnergyHistoryPulseWholeRest},
                                            "update_begin_file"};
+
+kesString level_header(const kesEnergyHistoryLevel& level, const kesTime::kesDateTime& now)
+{
+    kesString header(level.headerLetter);
+    header.append(kesString::FromInt(level.headerNumber(now)));
+    header.push_back('\n');
+    return header;
+}
+
+// Writes the file of a level and, but at a rollover, its dated copy.
+kesEError write_level_file(const kesEnergyHistoryPlace& place, const kesString& text)
+{
+    kesEError written =
+        kesEnergyHistoryReplaceFile(place.path, text, !place.exists, place.rollover ? place.dated : kesString());
+    // The new period's date is not in last date yet; its copy begins at the next tick.
+    if (written != kesErrorOk || place.rollover || place.dated.empty())
+        return written;
+    // A rollover tick that found no file must not overwrite the old period's copy.
+    if (place.wanted && kesOsUtility::PathExist(place.dated.c_str()))
+        return kesErrorOk;
+    return kesEnergyHistoryReplaceFile(place.dated, text, false);
+}
 } // namespace
 
 kesEnergyHistorySystem::kesEnergyHistorySystem() : m_uiFlags(0), m_uiMinutes(MAX_MINUTES)
@@ -196,14 +245,14 @@ kesString kesEnergyHistorySystem::get_folder()
 kesEError kesEnergyHistorySystem::Init(const unsigned int& minutes)
 {
     if (Stop() != kesErrorOk)
-        return report(kesErrorFailed, "Can not stop system hystory", "Init", __LINE__);
+        return KES_LOG(kesErrorFailed, "Can not stop system hystory");
 
     m_uiMinutes = next_divisor_of_hour(minutes);
     if (m_uiMinutes != minutes) {
         kesString notice("History Time set to ");
         notice.append(kesString::FromULong(m_uiMinutes));
         notice.append(" minutes");
-        report(kesErrorOk, notice, "Init", __LINE__);
+        KES_LOG(kesErrorOk, notice);
     }
     SetCount(0);
     SetExpiredTime(m_uiMinutes * 60000);
@@ -226,16 +275,14 @@ kesEError kesEnergyHistorySystem::RegisterParameterDouble(unsigned int uid, cons
     {
         kesSOsMutex lock(&m_mutex);
         if (m_uiFlags & STATE_RUNNING)
-            return report(kesErrorFailed, "You must stop the system before to register a parameter",
-                          "RegisterParameterDouble", __LINE__);
+            return KES_LOG(kesErrorFailed, "You must stop the system before to register a parameter");
     }
     if (m_mapDouble.GetKeyValue(uid))
-        return report(kesErrorFailed, words("UID already exist ", kesString::FromULong(uid)), "RegisterParameterDouble",
-                      __LINE__);
+        return KES_LOG(kesErrorFailed, words("UID already exist ", kesString::FromULong(uid)));
 
     kesEnegyHistoryDouble* parameter = new (std::nothrow) kesEnegyHistoryDouble(fid, type);
     if (!parameter)
-        return report(kesErrorOutOfMemory, "Can not create parameter", "RegisterParameterDouble", __LINE__);
+        return KES_LOG(kesErrorOutOfMemory, "Can not create parameter");
     m_mapDouble[uid] = parameter;
 
     // Energy and pulse devices keep a total for every value, not only those of the files.
@@ -245,7 +292,7 @@ kesEError kesEnergyHistorySystem::RegisterParameterDouble(unsigned int uid, cons
     else if (totals == HistoryPulse && !m_mapPulse.GetKeyValue(uid)) {
         PulseCounterStorage* storage = new (std::nothrow) PulseCounterStorage();
         if (!storage)
-            return report(kesErrorOutOfMemory, "Can not create pulse storage", "RegisterParameterDouble", __LINE__);
+            return KES_LOG(kesErrorOutOfMemory, "Can not create pulse storage");
         m_mapPulse[uid] = storage;
     }
     return kesErrorOk;
@@ -257,16 +304,14 @@ kesEError kesEnergyHistorySystem::RegisterParameterInteger(unsigned int uid, con
     {
         kesSOsMutex lock(&m_mutex);
         if (m_uiFlags & STATE_RUNNING)
-            return report(kesErrorFailed, "You must stop the system before to register a parameter",
-                          "RegisterParameterInteger", __LINE__);
+            return KES_LOG(kesErrorFailed, "You must stop the system before to register a parameter");
     }
     if (m_mapInteger.GetKeyValue(uid))
-        return report(kesErrorFailed, words("UID already exist ", kesString::FromULong(uid)),
-                      "RegisterParameterInteger", __LINE__);
+        return KES_LOG(kesErrorFailed, words("UID already exist ", kesString::FromULong(uid)));
 
     kesEnegyHistoryInteger* parameter = new (std::nothrow) kesEnegyHistoryInteger(fid, type);
     if (!parameter)
-        return report(kesErrorOutOfMemory, "Can not create parameter", "RegisterParameterInteger", __LINE__);
+        return KES_LOG(kesErrorOutOfMemory, "Can not create parameter");
     m_mapInteger[uid] = parameter;
     return kesErrorOk;
 }
@@ -289,7 +334,7 @@ kesEError kesEnergyHistorySystem::Start()
     kesEnergyHistoryRemoveTemporaries(m_strFolder, is_history_name);
     const kesEError started = kesTimer::Start(0);
     if (started != kesErrorOk)
-        return report(kesErrorFailed, "Can not start timer", "Start", __LINE__);
+        return KES_LOG(kesErrorFailed, "Can not start timer");
 
     // A first run has no offsets yet: the failure is logged and the start goes on.
     load_offset_file();
@@ -315,7 +360,7 @@ kesEError kesEnergyHistorySystem::Stop()
     if (kesTimer::Stop() != kesErrorOk) {
         kesSOsMutex lock(&m_mutex);
         m_uiFlags |= STATE_RUNNING;
-        return report(kesErrorFailed, "Can not stop timer", "Stop", __LINE__);
+        return KES_LOG(kesErrorFailed, "Can not stop timer");
     }
     clear_history_map();
     return kesErrorOk;
@@ -339,7 +384,7 @@ void kesEnergyHistorySystem::clear_history_map()
 kesEError kesEnergyHistorySystem::compute_time(unsigned int* io_msTime)
 {
     if (!io_msTime)
-        return report(kesErrorInvalidArgument, "io_msTime == 0", "compute_time", __LINE__);
+        return KES_LOG(kesErrorInvalidArgument, "io_msTime == 0");
 
     const time_t now = static_cast<time_t>(get_clock_ms() / 1000ull);
     struct tm local;
@@ -380,7 +425,24 @@ void kesEnergyHistorySystem::SetValueAsInt(unsigned int uid, const int& value)
 
 void kesEnergyHistorySystem::OnTimer()
 {
-    kesArray<kesString> energyUids, energyRows, valueUids, valueRows, pulseUids, pulseRows;
+    kesEnergyHistoryRows rows;
+    collect_rows(&rows);
+    schedule_next_tick();
+
+    kesTime::kesDateTime now;
+    get_date(&now);
+    if (update_files(rows, now) != kesErrorOk)
+        return;
+    save_offset_file();
+
+    kesTime::kesDateTime lastDate;
+    get_date(&lastDate);
+    kesSOsMutex lock(&m_mutex);
+    m_lastDate = lastDate;
+}
+
+void kesEnergyHistorySystem::collect_rows(kesEnergyHistoryRows* o_rows)
+{
     const kesString noData = kesString(kesEnegyHistoryItem::EMPTY_CHAR);
 
     // The maps do not change while the system runs; the lock is held per parameter only.
@@ -402,43 +464,48 @@ void kesEnergyHistorySystem::OnTimer()
                 row.append(figures.noData ? noData : kesString::FromDouble(figure, 1));
             }
         }
-        if (storedAs == HistoryValue) {
-            valueUids.AddBack(uid);
-            valueRows.AddBack(row);
-        } else if (storedAs == HistoryEnergy) {
-            double last = 0.0;
-            if (!figures.noData) {
-                // Always the configured N, also for the shorter first interval.
-                last = m_uiMinutes / 60.0 * figures.average;
-                kesSOsMutex lock(&m_mutex);
-                m_mapEnergy[entry.first] += last;
-            } else {
-                kesSOsMutex lock(&m_mutex);
-                last = m_mapEnergy[entry.first];
-            }
+        kesArray<kesString>* uids = &o_rows->valueUids;
+        kesArray<kesString>* texts = &o_rows->valueRows;
+        if (storedAs != HistoryValue) {
+            const bool energy = storedAs == HistoryEnergy;
+            const double total = energy ? add_energy(entry.first, figures) : add_pulse(entry.first, figures);
             row.push_back('|');
-            row.append(kesString::FromDouble(last, 1));
-            energyUids.AddBack(uid);
-            energyRows.AddBack(row);
-        } else {
-            double figure = 0.0;
-            {
-                kesSOsMutex lock(&m_mutex);
-                PulseCounterStorage* storage = m_mapPulse.GetKeyValue(entry.first);
-                if (storage) {
-                    if (!figures.noData)
-                        storage->SetPower(figures.last);
-                    figure = storage->m_dTotal / 1000.0;
-                }
-            }
-            row.push_back('|');
-            row.append(kesString::FromDouble(figure, 1));
-            pulseUids.AddBack(uid);
-            pulseRows.AddBack(row);
+            row.append(kesString::FromDouble(total, 1));
+            uids = energy ? &o_rows->energyUids : &o_rows->pulseUids;
+            texts = energy ? &o_rows->energyRows : &o_rows->pulseRows;
         }
+        uids->AddBack(uid);
+        texts->AddBack(row);
     }
+}
 
-    // Measured from the start of this tick, so the next one lands on the boundary.
+// The energy of the interval, added to the day's total; without data the total itself.
+double kesEnergyHistorySystem::add_energy(unsigned int uid, const kesEnegyHistoryFigures& figures)
+{
+    kesSOsMutex lock(&m_mutex);
+    if (figures.noData)
+        return m_mapEnergy[uid];
+    // Always the configured N, also for the shorter first interval.
+    const double last = m_uiMinutes / 60.0 * figures.average;
+    m_mapEnergy[uid] += last;
+    return last;
+}
+
+// The counter's total in kWh, after the last power of the interval.
+double kesEnergyHistorySystem::add_pulse(unsigned int uid, const kesEnegyHistoryFigures& figures)
+{
+    kesSOsMutex lock(&m_mutex);
+    PulseCounterStorage* storage = m_mapPulse.GetKeyValue(uid);
+    if (!storage)
+        return 0.0;
+    if (!figures.noData)
+        storage->SetPower(figures.last);
+    return storage->m_dTotal / 1000.0;
+}
+
+// Measured from the start of this tick, so the next one lands on the boundary.
+void kesEnergyHistorySystem::schedule_next_tick()
+{
     unsigned int msTime = 0;
     compute_time(&msTime);
     {
@@ -447,34 +514,22 @@ void kesEnergyHistorySystem::OnTimer()
     }
     SetExpiredTime(msTime);
     SetResolutionTime(msTime);
+}
 
-    kesTime::kesDateTime now;
-    get_date(&now);
+// Each level is built from the text of the one below it.
+kesEError kesEnergyHistorySystem::update_files(const kesEnergyHistoryRows& rows, const kesTime::kesDateTime& now)
+{
     const kesString folder = get_folder();
-
-    kesString day, month, year, begin;
-    if (update_day_file(energyUids, energyRows, valueUids, valueRows, pulseUids, pulseRows, now, &day) != kesErrorOk) {
-        report(kesErrorFailed, words("Can not update day file ", folder, "d"), "OnTimer", __LINE__);
-        return;
+    kesString below;
+    for (const kesEnergyHistoryLevel* level : {&DAY_LEVEL, &MONTH_LEVEL, &YEAR_LEVEL, &BEGIN_LEVEL}) {
+        kesString text;
+        const kesEError updated = level == &DAY_LEVEL ? update_day_file(rows, now, &text)
+                                                      : update_level_file(*level, rows, now, below, &text);
+        if (updated != kesErrorOk)
+            return KES_LOG_IN(kesErrorFailed, words(level->updateWords, folder, level->fileName), "OnTimer");
+        below = text;
     }
-    if (update_month_file(energyUids, valueUids, pulseUids, now, day, &month) != kesErrorOk) {
-        report(kesErrorFailed, words("Can not update month file ", folder, "m"), "OnTimer", __LINE__);
-        return;
-    }
-    if (update_year_file(energyUids, valueUids, pulseUids, now, month, &year) != kesErrorOk) {
-        report(kesErrorFailed, words("Can not update year file ", folder, "y"), "OnTimer", __LINE__);
-        return;
-    }
-    if (update_begin_file(energyUids, valueUids, pulseUids, now, year, &begin) != kesErrorOk) {
-        report(kesErrorFailed, words("Can not update year file ", folder, "b"), "OnTimer", __LINE__);
-        return;
-    }
-    save_offset_file();
-
-    kesTime::kesDateTime lastDate;
-    get_date(&lastDate);
-    kesSOsMutex lock(&m_mutex);
-    m_lastDate = lastDate;
+    return kesErrorOk;
 }
 
 kesString kesEnergyHistorySystem::make_energy_row_final(const kesString& row)
@@ -496,14 +551,11 @@ bool kesEnergyHistorySystem::get_pulse_total(unsigned int uid, double* o_total)
     return true;
 }
 
-kesEError
-kesEnergyHistorySystem::update_day_file(const kesArray<kesString>& energyUids, const kesArray<kesString>& energyRows,
-                                        const kesArray<kesString>& /*valueUids*/, const kesArray<kesString>& valueRows,
-                                        const kesArray<kesString>& /*pulseUids*/, const kesArray<kesString>& pulseRows,
-                                        const kesTime::kesDateTime& now, kesString* io_strSourceDay)
+kesEError kesEnergyHistorySystem::open_level_file(const kesEnergyHistoryLevel& level, const kesTime::kesDateTime& now,
+                                                  kesEnergyHistoryPlace* o_place, kesString* io_strText)
 {
-    if (!io_strSourceDay)
-        return report(kesErrorInvalidArgument, "io_strSourceDay == 0", "update_day_file", __LINE__);
+    if (!io_strText)
+        return KES_LOG_IN(kesErrorInvalidArgument, level.nullWords, level.functionName);
 
     kesString folder;
     kesTime::kesDateTime lastDate;
@@ -512,114 +564,60 @@ kesEnergyHistorySystem::update_day_file(const kesArray<kesString>& energyUids, c
         folder = m_strFolder;
         lastDate = m_lastDate;
     }
-    const kesString path = words("", folder, "d");
-    const kesString dated = words("", folder, day_name(lastDate).c_str());
-    const bool midnight = now.hour == 0 && now.minute == 0;
+    o_place->path = words("", folder, level.fileName);
+    o_place->dated = level.datedName ? words("", folder, level.datedName(lastDate).c_str()) : kesString();
+    o_place->wanted = level.rollover && level.rollover(now);
     // Whatever stands there is read, so that anything but a regular file is
     // refused aloud rather than replaced.
-    const bool exists = kesOsUtility::PathExist(path.c_str());
-    // Without a day file there is nothing to roll over: the tick is an ordinary one.
-    const bool rollover = midnight && exists;
+    o_place->exists = kesOsUtility::PathExist(o_place->path.c_str());
+    // Without a file there is nothing to roll over: the tick is an ordinary one.
+    o_place->rollover = o_place->wanted && o_place->exists;
 
-    io_strSourceDay->Clear();
-    if (rollover) {
-        if (kesEnergyHistoryRollFile(path, dated) != kesErrorOk)
-            return report(kesErrorFailed, words("Can not rename day to ", dated), "update_day_file", __LINE__);
-    } else if (exists && kesEnergyHistoryReadFile(path, io_strSourceDay) != kesErrorOk)
+    io_strText->Clear();
+    if (o_place->rollover) {
+        if (kesEnergyHistoryRollFile(o_place->path, o_place->dated) != kesErrorOk)
+            return KES_LOG_IN(kesErrorFailed, words(level.renameWords, o_place->dated), level.functionName);
+    } else if (o_place->exists && kesEnergyHistoryReadFile(o_place->path, io_strText) != kesErrorOk)
         return kesErrorFailed;
+    return kesErrorOk;
+}
 
-    if (rollover)
-        for (const kesString& uid : energyUids) {
+kesEError kesEnergyHistorySystem::update_day_file(const kesEnergyHistoryRows& rows, const kesTime::kesDateTime& now,
+                                                  kesString* io_strSourceDay)
+{
+    kesEnergyHistoryPlace place;
+    const kesEError opened = open_level_file(DAY_LEVEL, now, &place, io_strSourceDay);
+    if (opened != kesErrorOk)
+        return opened;
+
+    if (place.rollover)
+        for (const kesString& uid : rows.energyUids) {
             kesSOsMutex lock(&m_mutex);
             m_mapEnergy[kesString::AsULong(uid, 10)] = 0.0;
         }
 
-    kesArray<kesString> rows;
-    for (const kesString& row : energyRows)
-        rows.AddBack(make_energy_row_final(row));
-    for (const kesString& row : valueRows)
-        rows.AddBack(row);
-    for (const kesString& row : pulseRows)
-        rows.AddBack(row);
-
-    kesString header("H|");
-    header.append(kesString::FromInt(now.hour));
-    header.push_back('\n');
-    kesEnergyHistoryMergeDay(io_strSourceDay, header, rows);
-
-    kesEError written = kesEnergyHistoryReplaceFile(path, *io_strSourceDay, !exists, rollover ? dated : kesString());
-    if (written != kesErrorOk)
-        return written;
-    // The new day's date is not in last date yet; its copy begins at the next tick.
-    if (rollover)
-        return kesErrorOk;
-    // A 00:00 tick without a day file must not overwrite yesterday's copy.
-    if (midnight && kesOsUtility::PathExist(dated.c_str()))
-        return kesErrorOk;
-    return kesEnergyHistoryReplaceFile(dated, *io_strSourceDay, false);
-}
-
-kesEError kesEnergyHistorySystem::update_month_file(const kesArray<kesString>& energyUids,
-                                                    const kesArray<kesString>& valueUids,
-                                                    const kesArray<kesString>& pulseUids,
-                                                    const kesTime::kesDateTime& now, const kesString& sourceDay,
-                                                    kesString* io_strSourceMonth)
-{
-    return update_level_file(MONTH_LEVEL, energyUids, valueUids, pulseUids, now, sourceDay, io_strSourceMonth);
-}
-
-kesEError kesEnergyHistorySystem::update_year_file(const kesArray<kesString>& energyUids,
-                                                   const kesArray<kesString>& valueUids,
-                                                   const kesArray<kesString>& pulseUids,
-                                                   const kesTime::kesDateTime& now, const kesString& sourceMonth,
-                                                   kesString* io_strSourceYear)
-{
-    return update_level_file(YEAR_LEVEL, energyUids, valueUids, pulseUids, now, sourceMonth, io_strSourceYear);
-}
-
-kesEError kesEnergyHistorySystem::update_begin_file(const kesArray<kesString>& energyUids,
-                                                    const kesArray<kesString>& valueUids,
-                                                    const kesArray<kesString>& pulseUids,
-                                                    const kesTime::kesDateTime& now, const kesString& sourceYear,
-                                                    kesString* io_strSourceBegin)
-{
-    return update_level_file(BEGIN_LEVEL, energyUids, valueUids, pulseUids, now, sourceYear, io_strSourceBegin);
+    kesArray<kesString> dayRows;
+    for (const kesString& row : rows.energyRows)
+        dayRows.AddBack(make_energy_row_final(row));
+    for (const kesString& row : rows.valueRows)
+        dayRows.AddBack(row);
+    for (const kesString& row : rows.pulseRows)
+        dayRows.AddBack(row);
+    kesEnergyHistoryMergeDay(io_strSourceDay, level_header(DAY_LEVEL, now), dayRows);
+    return write_level_file(place, *io_strSourceDay);
 }
 
 kesEError kesEnergyHistorySystem::update_level_file(const kesEnergyHistoryLevel& level,
-                                                    const kesArray<kesString>& energyUids,
-                                                    const kesArray<kesString>& valueUids,
-                                                    const kesArray<kesString>& pulseUids,
-                                                    const kesTime::kesDateTime& now, const kesString& source,
-                                                    kesString* io_strText)
+                                                    const kesEnergyHistoryRows& rows, const kesTime::kesDateTime& now,
+                                                    const kesString& source, kesString* io_strText)
 {
-    if (!io_strText)
-        return report(kesErrorInvalidArgument, level.nullWords, level.functionName, __LINE__);
-
-    kesString folder;
-    kesTime::kesDateTime lastDate;
-    {
-        kesSOsMutex lock(&m_mutex);
-        folder = m_strFolder;
-        lastDate = m_lastDate;
-    }
-    const kesString path = words("", folder, level.fileName);
-    const bool wanted = level.rollover && level.rollover(now);
-    const bool exists = kesOsUtility::PathExist(path.c_str());
-    const bool rollover = wanted && exists;
-    const kesString dated = level.datedName ? words("", folder, level.datedName(lastDate).c_str()) : kesString();
-
-    io_strText->Clear();
-    if (rollover) {
-        if (kesEnergyHistoryRollFile(path, dated) != kesErrorOk)
-            return report(kesErrorFailed, words(level.renameWords, dated), level.functionName, __LINE__);
-    } else if (exists && kesEnergyHistoryReadFile(path, io_strText) != kesErrorOk)
-        return kesErrorFailed;
+    kesEnergyHistoryPlace place;
+    const kesEError opened = open_level_file(level, now, &place, io_strText);
+    if (opened != kesErrorOk)
+        return opened;
 
     // The block of this period is rebuilt whole: what stood behind its header goes.
-    kesString header(level.headerLetter);
-    header.append(kesString::FromInt(level.headerNumber(now)));
-    header.push_back('\n');
+    const kesString header = level_header(level, now);
     const size_t at = io_strText->find(header);
     if (at != std::string::npos)
         io_strText->erase(at + header.size());
@@ -627,16 +625,9 @@ kesEError kesEnergyHistorySystem::update_level_file(const kesEnergyHistoryLevel&
         io_strText->append(header);
 
     const kesEnergyHistoryRowIndex index(source);
-    kesEnergyHistoryAppendRows(io_strText, index, level.rules, energyUids, valueUids, pulseUids,
+    kesEnergyHistoryAppendRows(io_strText, index, level.rules, rows.energyUids, rows.valueUids, rows.pulseUids,
                                [this](unsigned int uid, double* o_total) { return get_pulse_total(uid, o_total); });
-
-    kesEError written = kesEnergyHistoryReplaceFile(path, *io_strText, !exists, rollover ? dated : kesString());
-    if (written != kesErrorOk || rollover || !level.datedName)
-        return written;
-    // A rollover tick that found no file must not overwrite the old period's copy.
-    if (wanted && kesOsUtility::PathExist(dated.c_str()))
-        return kesErrorOk;
-    return kesEnergyHistoryReplaceFile(dated, *io_strText, false);
+    return write_level_file(place, *io_strText);
 }
 
 kesEError kesEnergyHistorySystem::save_offset_file()
@@ -666,11 +657,9 @@ kesEError kesEnergyHistorySystem::save_offset_file()
     }
 
     if (kesEnergyHistoryReplaceFile(words("", folder, OFFSET_ENERGY_DAY), energy, false) != kesErrorOk)
-        return report(kesErrorFailed, words("Can not update offset file ", folder, OFFSET_ENERGY_DAY),
-                      "save_offset_file", __LINE__);
+        return KES_LOG(kesErrorFailed, words("Can not update offset file ", folder, OFFSET_ENERGY_DAY));
     if (kesEnergyHistoryReplaceFile(words("", folder, OFFSET_PULSE), pulse, false) != kesErrorOk)
-        return report(kesErrorFailed, words("Can not update offset file ", folder, OFFSET_PULSE), "save_offset_file",
-                      __LINE__);
+        return KES_LOG(kesErrorFailed, words("Can not update offset file ", folder, OFFSET_PULSE));
     return kesErrorOk;
 }
 
@@ -682,8 +671,7 @@ kesEError kesEnergyHistorySystem::load_offset_file()
 
     kesString text;
     if (kesOsFile::GetFileTextSource(words("", m_strFolder, OFFSET_ENERGY_DAY), &text) != kesErrorOk)
-        return report(kesErrorFailed, words("Can not read offset file ", m_strFolder, OFFSET_ENERGY_DAY),
-                      "load_offset_file", __LINE__);
+        return KES_LOG(kesErrorFailed, words("Can not read offset file ", m_strFolder, OFFSET_ENERGY_DAY));
 
     kesArray<kesString> lines;
     text.GetSplit(&lines, "\n");
@@ -699,8 +687,7 @@ kesEError kesEnergyHistorySystem::load_offset_file()
         }
 
     if (kesOsFile::GetFileTextSource(words("", m_strFolder, OFFSET_PULSE), &text) != kesErrorOk)
-        return report(kesErrorFailed, words("Can not read offset file ", m_strFolder, OFFSET_PULSE), "load_offset_file",
-                      __LINE__);
+        return KES_LOG(kesErrorFailed, words("Can not read offset file ", m_strFolder, OFFSET_PULSE));
 
     lines.clear();
     text.GetSplit(&lines, "\n");
@@ -721,7 +708,7 @@ kesEError kesEnergyHistorySystem::UpdateAlarmStatusFile(const unsigned int& uid,
     const kesString path = words("", get_folder(), "a");
     kesOsFile file;
     if (file.Open(path, "a") != kesErrorOk)
-        return report(kesErrorFailed, words("Can not append file ", path), "UpdateAlarmStatusFile", __LINE__);
+        return KES_LOG(kesErrorFailed, words("Can not append file ", path));
 
     kesTime::kesDateTime now;
     get_date(&now);
@@ -732,7 +719,7 @@ kesEError kesEnergyHistorySystem::UpdateAlarmStatusFile(const unsigned int& uid,
     if (written != static_cast<int>(line.GetLength())) {
         kesString message = words("Can not write all data to file ", path);
         message.AddFormat(128, " request is %u but written are %i", line.GetLength(), written);
-        return report(kesErrorFailed, message, "UpdateAlarmStatusFile", __LINE__);
+        return KES_LOG(kesErrorFailed, message);
     }
     return kesErrorOk;
 }
@@ -742,7 +729,7 @@ kesEError kesEnergyHistorySystem::build_history_files()
     const kesString folder = get_folder();
     DIR* dir = opendir(folder.c_str());
     if (!dir)
-        return report(kesErrorFailed, words("Can not get folder ", folder), "build_history_files", __LINE__);
+        return KES_LOG(kesErrorFailed, words("Can not get folder ", folder));
     bool first = true;
     while (struct dirent* entry = readdir(dir)) {
         if (first)

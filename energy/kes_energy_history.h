@@ -13,6 +13,8 @@ namespace kes {
 namespace Energy {
 
 struct kesEnergyHistoryLevel;
+struct kesEnergyHistoryPlace;
+struct kesEnergyHistoryRows;
 
 class kesEnergyHistorySystem : public kesSingletonInherited<kesEnergyHistorySystem>, public kesTimer {
 public:
@@ -50,22 +52,19 @@ private:
 
     void clear_history_map();
 
-    kesEError update_day_file(const kesArray<kesString>& energyUids, const kesArray<kesString>& energyRows,
-                              const kesArray<kesString>& valueUids, const kesArray<kesString>& valueRows,
-                              const kesArray<kesString>& pulseUids, const kesArray<kesString>& pulseRows,
-                              const kesTime::kesDateTime& now, kesString* io_strSourceDay);
-    kesEError update_month_file(const kesArray<kesString>& energyUids, const kesArray<kesString>& valueUids,
-                                const kesArray<kesString>& pulseUids, const kesTime::kesDateTime& now,
-                                const kesString& sourceDay, kesString* io_strSourceMonth);
-    kesEError update_year_file(const kesArray<kesString>& energyUids, const kesArray<kesString>& valueUids,
-                               const kesArray<kesString>& pulseUids, const kesTime::kesDateTime& now,
-                               const kesString& sourceMonth, kesString* io_strSourceYear);
-    kesEError update_begin_file(const kesArray<kesString>& energyUids, const kesArray<kesString>& valueUids,
-                                const kesArray<kesString>& pulseUids, const kesTime::kesDateTime& now,
-                                const kesString& sourceYear, kesString* io_strSourceBegin);
-    // The month, year and begin updates are one pattern driven by their level.
-    kesEError update_level_file(const kesEnergyHistoryLevel& level, const kesArray<kesString>& energyUids,
-                                const kesArray<kesString>& valueUids, const kesArray<kesString>& pulseUids,
+    // The steps of a tick: the rows of the interval, the next tick's time, then the files.
+    void collect_rows(kesEnergyHistoryRows* o_rows);
+    double add_energy(unsigned int uid, const kesEnegyHistoryFigures& figures);
+    double add_pulse(unsigned int uid, const kesEnegyHistoryFigures& figures);
+    void schedule_next_tick();
+    kesEError update_files(const kesEnergyHistoryRows& rows, const kesTime::kesDateTime& now);
+
+    // Every level is read or rolled over and written alike; only the day builds its text otherwise.
+    kesEError open_level_file(const kesEnergyHistoryLevel& level, const kesTime::kesDateTime& now,
+                              kesEnergyHistoryPlace* o_place, kesString* io_strText);
+    kesEError update_day_file(const kesEnergyHistoryRows& rows, const kesTime::kesDateTime& now,
+                              kesString* io_strSourceDay);
+    kesEError update_level_file(const kesEnergyHistoryLevel& level, const kesEnergyHistoryRows& rows,
                                 const kesTime::kesDateTime& now, const kesString& source, kesString* io_strText);
     kesString make_energy_row_final(const kesString& row);
     bool get_pulse_total(unsigned int uid, double* o_total);

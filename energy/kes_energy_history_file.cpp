@@ -19,19 +19,6 @@ namespace Energy {
 namespace {
 const char* const TEMPORARY_SUFFIX = ".tmp";
 
-kesEError report(const kesString& i_message, const char* i_function, int i_line)
-{
-    return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, i_message, __FILE__, i_function, i_line));
-}
-
-kesString with_std_error(const kesString& i_message, int i_errno)
-{
-    kesString message(i_message);
-    message.append("\nStd Error ");
-    message.append(kesErrorStdToString(i_errno == 0 ? -1 : i_errno));
-    return message;
-}
-
 // The rename is only durable once the folder itself has reached the disk.
 void sync_folder(const kesString& i_path)
 {
@@ -72,7 +59,7 @@ kesEError replacement_target(const kesString& i_path, kesString* o_target, struc
     kesString message("File ");
     message.append(i_path);
     message.append(why.empty() ? kesString(" can not be replaced") : why);
-    return report(message, "replacement_target", __LINE__);
+    return KES_LOG(kesErrorFailed, message);
 }
 
 // Writes the whole text and flushes it to the disk; 0 or the errno of the failure.
@@ -89,6 +76,43 @@ int write_all(int i_fd, const kesString& i_text, size_t* o_written)
         done += static_cast<size_t>(n);
     }
     return fsync(i_fd) != 0 ? errno : 0;
+}
+
+kesString open_failure(const kesString& i_path, const kesString& i_temp, bool i_bNew)
+{
+    kesString message(i_bNew ? "Can not write file " : "Can not open file ");
+    message.append(i_path);
+    if (!i_bNew)
+        message.append(" for write");
+    message.append(" (temporary file ");
+    message.append(i_temp);
+    message.append(")");
+    return message;
+}
+
+// The owner first, since a change of owner clears the set-user-ID bit. A
+// daemon that is not root may not give a file away: the file then stays its
+// own, and such bits are not handed to it.
+void take_over_owner(int i_fd, const struct stat& i_old)
+{
+    const bool owned = fchown(i_fd, i_old.st_uid, i_old.st_gid) == 0;
+    fchmod(i_fd, i_old.st_mode & (owned ? 07777 : 0777));
+}
+
+// Why the written temporary file may not replace the old one; empty when it may.
+kesString write_failure(const kesString& i_path, const kesString& i_text, size_t i_written, int i_failure)
+{
+    kesString message;
+    if (i_written != i_text.size()) {
+        message = "Can not write all data to file ";
+        message.append(i_path);
+        message.AddFormat(128, " request is %u but written are %u", static_cast<unsigned int>(i_text.size()),
+                          static_cast<unsigned int>(i_written));
+    } else if (i_failure != 0) {
+        message = "Can not flush file ";
+        message.append(i_path);
+    }
+    return message;
 }
 } // namespace
 
@@ -109,48 +133,23 @@ kesEError kesEnergyHistoryReplaceFile(const kesString& i_path, const kesString& 
     // FIFO, link or folder stands at the temporary name.
     unlink(temp.c_str());
     const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd < 0) {
-        kesString message(i_bNew ? "Can not write file " : "Can not open file ");
-        message.append(i_path);
-        if (!i_bNew)
-            message.append(" for write");
-        message.append(" (temporary file ");
-        message.append(temp);
-        message.append(")");
-        return report(with_std_error(message, errno), "kesEnergyHistoryReplaceFile", __LINE__);
-    }
-    if (hasOld) {
-        // The owner first, since a change of owner clears the set-user-ID bit.
-        // A daemon that is not root may not give a file away: the file then
-        // stays its own, and such bits are not handed to it.
-        const bool owned = fchown(fd, old.st_uid, old.st_gid) == 0;
-        fchmod(fd, old.st_mode & (owned ? 07777 : 0777));
-    }
+    if (fd < 0)
+        return KES_LOG_STD(kesErrorFailed, open_failure(i_path, temp, i_bNew));
+    if (hasOld)
+        take_over_owner(fd, old);
     size_t written = 0;
     int failure = write_all(fd, i_text, &written);
     if (close(fd) != 0 && failure == 0)
         failure = errno;
 
-    if (written != i_text.size()) {
-        unlink(temp.c_str());
-        kesString message("Can not write all data to file ");
-        message.append(i_path);
-        message.AddFormat(128, " request is %u but written are %u", static_cast<unsigned int>(i_text.size()),
-                          static_cast<unsigned int>(written));
-        return report(with_std_error(message, failure), "kesEnergyHistoryReplaceFile", __LINE__);
-    }
-    if (failure != 0) {
-        unlink(temp.c_str());
-        kesString message("Can not flush file ");
-        message.append(i_path);
-        return report(with_std_error(message, failure), "kesEnergyHistoryReplaceFile", __LINE__);
-    }
-    if (std::rename(temp.c_str(), target.c_str()) != 0) {
+    kesString why = write_failure(i_path, i_text, written, failure);
+    if (why.empty() && std::rename(temp.c_str(), target.c_str()) != 0) {
         failure = errno;
+        why = kesString("Can not replace file ") + target;
+    }
+    if (!why.empty()) {
         unlink(temp.c_str());
-        kesString message("Can not replace file ");
-        message.append(target);
-        return report(with_std_error(message, failure), "kesEnergyHistoryReplaceFile", __LINE__);
+        return KES_LOG(kesErrorFailed, kesWithStdError(why, failure));
     }
     sync_folder(target);
     return kesErrorOk;
@@ -165,7 +164,7 @@ kesEError kesEnergyHistoryReadFile(const kesString& i_path, kesString* o_text)
     if (kesOsFile::GetFileTextSource(i_path, o_text) != kesErrorOk) {
         kesString message("Can not read file data ");
         message.append(i_path);
-        return report(message, "kesEnergyHistoryReadFile", __LINE__);
+        return KES_LOG(kesErrorFailed, message);
     }
     kesEnergyHistoryEndLines(o_text);
     return kesErrorOk;
@@ -182,10 +181,9 @@ kesEError kesEnergyHistoryRollFile(const kesString& i_path, const kesString& i_d
     }
     const kesString why = kesOsUtility::NonRegularFile(i_path.c_str());
     if (!why.empty())
-        return report(kesString("File ") + i_path + why, "kesEnergyHistoryRollFile", __LINE__);
+        return KES_LOG(kesErrorFailed, kesString("File ") + i_path + why);
     if (std::rename(i_path.c_str(), i_dated.c_str()) != 0)
-        return report(with_std_error(kesString("Can not rename ") + i_path + " to " + i_dated, errno),
-                      "kesEnergyHistoryRollFile", __LINE__);
+        return KES_LOG_STD(kesErrorFailed, kesString("Can not rename ") + i_path + " to " + i_dated);
     return kesErrorOk;
 }
 
@@ -208,8 +206,7 @@ void kesEnergyHistoryRemoveTemporaries(const kesString& i_folder, bool (*i_pIsRe
             const kesString temp = beside + TEMPORARY_SUFFIX;
             struct stat info;
             if (lstat(temp.c_str(), &info) == 0 && unlink(temp.c_str()) == 0)
-                kesErrorLog(kesBuildErrorLocation(kesErrorOk, kesString("Left-over temporary file removed: ") + temp,
-                                                  __FILE__, "kesEnergyHistoryRemoveTemporaries", __LINE__));
+                KES_LOG(kesErrorOk, kesString("Left-over temporary file removed: ") + temp);
         }
     }
     closedir(dir);

@@ -7,21 +7,14 @@
 
 #include "kes_energy_history_text.h"
 // The direct scan is the measure; it lives with the tests.
-#include "../tests/support/kes_history_reference.cpp"
+#include "kes_history_reference.cpp"
 
 using kes::kesArray;
 using kes::kesString;
+using kes_test::List;
 using namespace kes::Energy;
 
 namespace {
-
-kesArray<kesString> List(std::initializer_list<const char*> items)
-{
-    kesArray<kesString> list;
-    for (const char* item : items)
-        list.AddBack(item);
-    return list;
-}
 
 bool PulseTotal(unsigned int uid, double* total)
 {

@@ -15,8 +15,8 @@
 #include <ctime>
 #include <string>
 
-#include "kes_energy_history.h"
 #include "kes_error.h"
+#include "kes_history_fake.h"
 
 namespace {
 
@@ -29,27 +29,6 @@ using kes::kesEnergyDeviceStringTwo;
 const char* const FILES[] = {"d", "m", "y", "b", "offset_energy_day", "offset_pulse"};
 const size_t FILE_COUNT = sizeof(FILES) / sizeof(FILES[0]);
 const unsigned int MINUTES = 15;
-
-// The store on a clock of the harness. Its timer thread waits far longer than
-// one input lasts, and would not tick anyway: the harness runs the tick.
-class History : public kes::Energy::kesEnergyHistorySystem {
-public:
-    explicit History(unsigned long long i_ms) : m_ms(i_ms) {}
-    ~History() override
-    {
-        Stop();
-        kes::kesTimer::Stop();
-    }
-    void SetClock(unsigned long long i_ms) { m_ms = i_ms; }
-    void Tick() { kesEnergyHistorySystem::OnTimer(); }
-    void OnTimer() override {}
-
-protected:
-    unsigned long long get_clock_ms() const override { return m_ms; }
-
-private:
-    unsigned long long m_ms;
-};
 
 unsigned long long utc_ms(int i_year, int i_month, int i_day, int i_hour, int i_minute)
 {
@@ -149,7 +128,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     const std::string day = read_file(folder.path + "/d");
 
-    History history(start);
+    // Its timer thread waits far longer than one input lasts, and would not
+    // tick anyway: the harness runs the tick.
+    kes_test::FakeClockHistory history;
+    history.SetClock(start);
     history.Init(MINUTES);
     history.SetHistoryFolder(folder.path.c_str());
     history.RegisterParameterDouble(11, kesEnergyDevicePanel, 0);

@@ -17,11 +17,6 @@ const unsigned int RECV_LESS_TIMEOUT_PAUSE_MS = 30;
 // a peer that never stops talking must not hold a drain forever
 const unsigned int FLUSH_MAX_BYTES = 65536;
 
-kesEError report(kesEError i_code, const kesString& i_message, const char* i_function, int i_line)
-{
-    return kesErrorLog(kesBuildErrorLocation(i_code, i_message, __FILE__, i_function, i_line));
-}
-
 } // namespace
 
 kesEnergySocket::kesEnergySocket()
@@ -41,7 +36,7 @@ kesEnergySocket::~kesEnergySocket()
 kesEError kesEnergySocket::Open(const kesString& i_address, unsigned short i_port)
 {
     if (Close() != kesErrorOk)
-        report(kesErrorFailed, "Can not cloese connection", "Open", __LINE__);
+        KES_LOG(kesErrorFailed, "Can not cloese connection");
     delete m_pTcpSocket;
     m_pTcpSocket = nullptr;
     delete m_pSerialCom;
@@ -52,7 +47,7 @@ kesEError kesEnergySocket::Open(const kesString& i_address, unsigned short i_por
         m_bSerial = true;
         m_pSerialCom = new (std::nothrow) kesOsSerialCom(false);
         if (m_pSerialCom == nullptr)
-            return report(kesErrorFailed, "Can not open serial socket", "Open", __LINE__);
+            return KES_LOG(kesErrorFailed, "Can not open serial socket");
         kesEError result = m_pSerialCom->Open(i_address, kesOsSerialCom::Baud9600, kesOsSerialCom::DataBits8,
                                               kesOsSerialCom::ParityNone, kesOsSerialCom::StopBitsOne,
                                               kesOsSerialCom::FlowControlNone);
@@ -62,7 +57,7 @@ kesEError kesEnergySocket::Open(const kesString& i_address, unsigned short i_por
 
     m_pTcpSocket = new (std::nothrow) kesOsTcpSocket();
     if (m_pTcpSocket == nullptr)
-        return report(kesErrorFailed, "Can not open tcp socket", "Open", __LINE__);
+        return KES_LOG(kesErrorFailed, "Can not open tcp socket");
     return m_pTcpSocket->Open(i_address, i_port);
 }
 
@@ -82,11 +77,10 @@ bool kesEnergySocket::IsSerial() const
 
 bool kesEnergySocket::IsOpen() const
 {
+    // a serial line is open as long as its device is
     if (m_pTcpSocket != nullptr)
         return m_pTcpSocket->IsOpen();
-    if (m_pSerialCom != nullptr)
-        return m_pSerialCom->IsValid();
-    return false;
+    return IsValid();
 }
 
 bool kesEnergySocket::IsValid() const
@@ -122,7 +116,7 @@ void kesEnergySocket::close_after_failure(int i_result, const char* i_function)
 {
     // a lost connection closes the channel: the line above sees IsOpen false and reconnects
     if ((i_result == -1 || i_result == -3) && Close() != kesErrorOk)
-        report(kesErrorFailed, "Can not close the communication", i_function, __LINE__);
+        KES_LOG_IN(kesErrorFailed, "Can not close the communication", i_function);
 }
 
 int kesEnergySocket::Send(const void* i_pData, unsigned int i_size)
@@ -142,7 +136,7 @@ int kesEnergySocket::send_serial(const unsigned char* i_pData, unsigned int i_si
     if (i_size > ECHO_BUFFER_SIZE || (i_pData == nullptr && i_size != 0)) {
         kesString message;
         message.SetFormat(64, "Frame of %u bytes refused", i_size);
-        report(kesErrorInvalidArgument, message, "Send", __LINE__);
+        KES_LOG_IN(kesErrorInvalidArgument, message, "Send");
         return -1;
     }
     // whatever is left of an earlier exchange must not pass for this echo or reply
@@ -153,7 +147,7 @@ int kesEnergySocket::send_serial(const unsigned char* i_pData, unsigned int i_si
     if (sent != (int)i_size) {
         kesString message;
         message.SetFormat(64, "Can not send all data -> [%i] <- [%i]", (int)i_size, sent);
-        report(kesErrorFailed, message, "Send", __LINE__);
+        KES_LOG_IN(kesErrorFailed, message, "Send");
     }
 
     // missing echo bytes compare as zeros, not as the echo of an earlier frame
@@ -172,7 +166,7 @@ int kesEnergySocket::send_serial(const unsigned char* i_pData, unsigned int i_si
         line.SetFormat(64, "[0x%.2X][0x%.2X]\n", i_pData[i], m_aEcho[i]);
         columns.append(line);
     }
-    report(kesErrorFailed, kesString("Echo not equal\n") + columns, "Send", __LINE__);
+    KES_LOG_IN(kesErrorFailed, kesString("Echo not equal\n") + columns, "Send");
     return echoed;
 }
 
@@ -231,13 +225,13 @@ int kesEnergySocket::Discard(unsigned int i_milliseconds)
 int __SEND_PURGE_ECHO__(kesEnergySocket* io_pSocket, const void* i_pData, unsigned int i_size)
 {
     if (io_pSocket == nullptr)
-        return report(kesErrorInvalidArgument, "pSocket == 0", "__SEND_PURGE_ECHO__", __LINE__);
+        return KES_LOG(kesErrorInvalidArgument, "pSocket == 0");
     if (io_pSocket->Send(i_pData, i_size) != (int)i_size)
-        return report(kesErrorFailed, "Can not send data to the bus...\n", "__SEND_PURGE_ECHO__", __LINE__);
+        return KES_LOG(kesErrorFailed, "Can not send data to the bus...\n");
     std::vector<unsigned char> dropped(i_size);
     int result = io_pSocket->Receive(dropped.data(), i_size, nullptr);
     if (result == -2)
-        return report(kesErrorFailed, "Timeout response not received...\n", "__SEND_PURGE_ECHO__", __LINE__);
+        return KES_LOG(kesErrorFailed, "Timeout response not received...\n");
     return result;
 }
 
@@ -245,11 +239,10 @@ kesEError __RECV_LESS_BYTE__(kesEnergySocket* io_pSocket, unsigned char* o_pData
                              unsigned char* io_pFrame)
 {
     if (io_pSocket == nullptr || o_pData == nullptr || io_pFrame == nullptr || i_size < 4)
-        return report(kesErrorInvalidArgument, "pSocket, pData or pFrame == 0 or size < 4", "__RECV_LESS_BYTE__",
-                      __LINE__);
+        return KES_LOG(kesErrorInvalidArgument, "pSocket, pData or pFrame == 0 or size < 4");
     if (io_pSocket->Receive(o_pData, i_size - 4u, nullptr) == -2) {
         kesOsThread::SleepMs(RECV_LESS_TIMEOUT_PAUSE_MS);
-        return report(kesErrorFailed, "Timeout response not received...\n", "__RECV_LESS_BYTE__", __LINE__);
+        return KES_LOG(kesErrorFailed, "Timeout response not received...\n");
     }
     unsigned short crc = kesModbusRtuCrc(io_pFrame, i_size - 2u);
     io_pFrame[i_size - 2] = (unsigned char)(crc & 0xFF);
@@ -260,7 +253,7 @@ kesEError __RECV_LESS_BYTE__(kesEnergySocket* io_pSocket, unsigned char* o_pData
 kesEError __FLUSH_DATA_SOCKET__(kesEnergySocket* io_pSocket, unsigned int i_milliseconds)
 {
     if (io_pSocket == nullptr)
-        return report(kesErrorInvalidArgument, "pSocket == 0", "__FLUSH_DATA_SOCKET__", __LINE__);
+        return KES_LOG(kesErrorInvalidArgument, "pSocket == 0");
     // 0 would mean "no time-out" on TCP and wait for ever
     if (i_milliseconds == 0)
         i_milliseconds = 1;

@@ -215,4 +215,12 @@ kesString kesErrorStdToString(int error)
     return result;
 }
 
+kesString kesWithStdError(const kesString& message, int error)
+{
+    kesString text(message);
+    text += "\nStd Error ";
+    text += kesErrorStdToString(error);
+    return text;
+}
+
 } // namespace kes

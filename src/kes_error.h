@@ -50,6 +50,9 @@ kesError kesBuildErrorLocation(kesEError error, const kesString& message, const 
 kesEError kesErrorLog(const kesError& error);
 kesString kesErrorToString(const kesEError& error);
 kesString kesErrorStdToString(int error);
+// The message of a failed libc or system call: the text, then "\nStd Error " and the
+// text of the error number (-1: errno).
+kesString kesWithStdError(const kesString& message, int error);
 
 } // namespace kes
 
@@ -61,7 +64,6 @@ kesString kesErrorStdToString(int error);
     ::kes::kesErrorLog(::kes::kesBuildErrorLocation((code), (message), __FILE__, (function), __LINE__))
 
 // The same for a failed libc or system call: appends "\nStd Error " and errno's text.
-#define KES_LOG_STD(code, message) \
-    KES_LOG((code), ::kes::kesString(message) + "\nStd Error " + ::kes::kesErrorStdToString(-1))
+#define KES_LOG_STD(code, message) KES_LOG((code), ::kes::kesWithStdError((message), -1))
 
 #endif

@@ -46,11 +46,7 @@ const char* const EXCEPTION_TEXTS[] = {
 };
 const unsigned int EXCEPTION_TEXT_COUNT = sizeof(EXCEPTION_TEXTS) / sizeof(EXCEPTION_TEXTS[0]);
 
-void report_out_of_memory(const char* i_function, int i_line)
-{
-    kesErrorLog(kesBuildErrorLocation(kesErrorOutOfMemory, "Can not allocate kesModbusRtuFrame memory", __FILE__,
-                                      i_function, i_line));
-}
+const char* const OUT_OF_MEMORY = "Can not allocate kesModbusRtuFrame memory";
 
 } // namespace
 
@@ -80,7 +76,7 @@ kesModbusRtuFrame::kesModbusRtuFrame(unsigned char* i_pData, unsigned int i_size
     }
     m_pBuffer = new (std::nothrow) unsigned char[i_size];
     if (m_pBuffer == nullptr) {
-        report_out_of_memory("kesModbusRtuFrame", __LINE__);
+        KES_LOG(kesErrorOutOfMemory, OUT_OF_MEMORY);
         return;
     }
     memcpy(m_pBuffer, i_pData, i_size);
@@ -101,7 +97,7 @@ void kesModbusRtuFrame::init_buffer(unsigned int i_size)
     m_uSize = 0;
     m_pBuffer = new (std::nothrow) unsigned char[i_size]();
     if (m_pBuffer == nullptr) {
-        report_out_of_memory("init_buffer", __LINE__);
+        KES_LOG(kesErrorOutOfMemory, OUT_OF_MEMORY);
         return;
     }
     m_uSize = i_size;

@@ -57,22 +57,29 @@ bool kesOsEvent::term()
     return true;
 }
 
+bool kesOsEvent::lock_built(const char* function)
+{
+    if (!(m_uFlags & FLAG_MUTEX) || !(m_uFlags & FLAG_CONDITION))
+        return false;
+    const int result = pthread_mutex_lock(&m_hMutex);
+    if (result != 0) {
+        KES_LOG_IN(kesErrorFailed, kesWithStdError("pthread_mutex_lock error.", result), function);
+        return false;
+    }
+    return true;
+}
+
 bool kesOsEvent::Signal()
 {
     if (m_uFlags & FLAG_SIGNALED)
         return true;
-    if (!(m_uFlags & FLAG_MUTEX) || !(m_uFlags & FLAG_CONDITION))
+    if (!lock_built("Signal"))
         return false;
-    int result = pthread_mutex_lock(&m_hMutex);
-    if (result != 0) {
-        KES_LOG(kesErrorFailed, kesString("pthread_mutex_lock error.") + "\nStd Error " + kesErrorStdToString(result));
-        return false;
-    }
     m_uFlags |= FLAG_SIGNALED;
     // Every waiter sees a manual-reset event, so wake them all.
-    result = pthread_cond_broadcast(&m_hCondition);
+    const int result = pthread_cond_broadcast(&m_hCondition);
     if (result != 0) {
-        KES_LOG(kesErrorFailed, kesString("pthread_cond_signal error.") + "\nStd Error " + kesErrorStdToString(result));
+        KES_LOG(kesErrorFailed, kesWithStdError("pthread_cond_signal error.", result));
         if (pthread_mutex_unlock(&m_hMutex) != 0)
             KES_LOG(kesErrorFailed, "pthread_mutex_unlock error.");
         return false;
@@ -86,13 +93,9 @@ bool kesOsEvent::WaitSignal(unsigned int milliseconds)
 {
     if (m_uFlags & FLAG_SIGNALED)
         return true;
-    if (!(m_uFlags & FLAG_MUTEX) || !(m_uFlags & FLAG_CONDITION))
+    if (!lock_built("WaitSignal"))
         return false;
-    int result = pthread_mutex_lock(&m_hMutex);
-    if (result != 0) {
-        KES_LOG(kesErrorFailed, kesString("pthread_mutex_lock error.") + "\nStd Error " + kesErrorStdToString(result));
-        return false;
-    }
+    int result = 0;
     if (milliseconds == 0) {
         while (!(m_uFlags & FLAG_SIGNALED)) {
             result = pthread_cond_wait(&m_hCondition, &m_hMutex);

@@ -24,6 +24,8 @@ public:
 private:
     bool init();
     bool term();
+    // Takes the mutex of a fully built event, reporting a failure for the caller.
+    bool lock_built(const char* function);
 
     enum { FLAG_MUTEX = 1, FLAG_CONDITION = 2, FLAG_SIGNALED = 4 };
     std::atomic<unsigned int> m_uFlags; // read without the mutex on the fast paths

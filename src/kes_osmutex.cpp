@@ -2,13 +2,6 @@
 
 namespace kes {
 
-namespace {
-kesString with_std_tail(const char* message, int error)
-{
-    return kesString(message) + "\nStd Error " + kesErrorStdToString(error);
-}
-} // namespace
-
 kesOsMutex::kesOsMutex()
 {
     init(false);
@@ -24,32 +17,32 @@ void kesOsMutex::init(bool plain)
     int result;
     if (plain) {
         if ((result = pthread_mutex_init(&m_hMutex, nullptr)) != 0)
-            KES_LOG(kesErrorFailed, with_std_tail("pthread_mutex_init error.", result));
+            KES_LOG(kesErrorFailed, kesWithStdError("pthread_mutex_init error.", result));
         return;
     }
     pthread_mutexattr_t attributes;
     if ((result = pthread_mutexattr_init(&attributes)) != 0)
-        KES_LOG(kesErrorFailed, with_std_tail("pthread_mutexattr_init error.", result));
+        KES_LOG(kesErrorFailed, kesWithStdError("pthread_mutexattr_init error.", result));
     if ((result = pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE)) != 0)
-        KES_LOG(kesErrorFailed, with_std_tail("pthread_mutexattr_settype error.", result));
+        KES_LOG(kesErrorFailed, kesWithStdError("pthread_mutexattr_settype error.", result));
     if ((result = pthread_mutex_init(&m_hMutex, &attributes)) != 0)
-        KES_LOG(kesErrorFailed, with_std_tail("pthread_mutex_init error.", result));
+        KES_LOG(kesErrorFailed, kesWithStdError("pthread_mutex_init error.", result));
     if ((result = pthread_mutexattr_destroy(&attributes)) != 0)
-        KES_LOG(kesErrorFailed, with_std_tail("pthread_mutexattr_destroy error.", result));
+        KES_LOG(kesErrorFailed, kesWithStdError("pthread_mutexattr_destroy error.", result));
 }
 
 kesOsMutex::~kesOsMutex()
 {
     int result = pthread_mutex_destroy(&m_hMutex);
     if (result != 0)
-        KES_LOG(kesErrorFailed, with_std_tail("pthread_mutex_destroy error.", result));
+        KES_LOG(kesErrorFailed, kesWithStdError("pthread_mutex_destroy error.", result));
 }
 
 kesEError kesOsMutex::Lock()
 {
     int result = pthread_mutex_lock(&m_hMutex);
     if (result != 0)
-        return KES_LOG(kesErrorFailed, with_std_tail("pthread_mutex_lock error.", result));
+        return KES_LOG(kesErrorFailed, kesWithStdError("pthread_mutex_lock error.", result));
     return kesErrorOk;
 }
 
@@ -57,7 +50,7 @@ kesEError kesOsMutex::TryLock()
 {
     int result = pthread_mutex_trylock(&m_hMutex);
     if (result != 0)
-        return KES_LOG(kesErrorFailed, with_std_tail("pthread_mutex_trylock error.", result));
+        return KES_LOG(kesErrorFailed, kesWithStdError("pthread_mutex_trylock error.", result));
     return kesErrorOk;
 }
 
@@ -67,7 +60,7 @@ int kesOsMutex::UnLock()
     if (result != 0) {
         kesString message = "pthread_mutex_unlock error. ";
         message += kesString::FromInt(result);
-        KES_LOG(kesErrorFailed, with_std_tail(message.c_str(), result));
+        KES_LOG(kesErrorFailed, kesWithStdError(message, result));
     }
     return result;
 }

@@ -29,19 +29,6 @@ const baud_row BAUD_TABLE[] = {
     {B9600, 9600}, {B19200, 19200}, {B38400, 38400}, {B57600, 57600}, {B115200, 115200},
 };
 
-kesEError report(kesEError i_code, const kesString& i_message, const char* i_function, int i_line)
-{
-    return kesErrorLog(kesBuildErrorLocation(i_code, i_message, __FILE__, i_function, i_line));
-}
-
-kesString with_std_error(const kesString& i_message, int i_errno)
-{
-    kesString text(i_message);
-    text.append("\nStd Error ");
-    text.append(kesErrorStdToString(i_errno));
-    return text;
-}
-
 kesString at_device(const char* i_message, const kesString& i_device)
 {
     kesString text(i_message);
@@ -50,6 +37,49 @@ kesString at_device(const char* i_message, const kesString& i_device)
 }
 
 const char* const INVALID_HANDLE = "Invalid handle";
+
+// Sets the line up; the call that failed, with errno telling why, or null.
+const char* set_line(int i_handle, speed_t i_baudRate, unsigned int i_dataBits, unsigned int i_parity,
+                     unsigned int i_stopBits, unsigned int i_flowControl)
+{
+    termios settings;
+    memset(&settings, 0, sizeof(settings));
+    settings.c_cflag = i_dataBits | i_parity | i_stopBits | CLOCAL | CREAD;
+    if (i_flowControl == kesOsSerialCom::FlowControlHardware)
+        settings.c_cflag |= CRTSCTS;
+    settings.c_iflag = i_flowControl == kesOsSerialCom::FlowControlSoftware ? (IXON | IXOFF) : 0;
+    settings.c_cc[VMIN] = 1;
+    settings.c_cc[VTIME] = 0;
+    if (cfsetospeed(&settings, i_baudRate) == -1)
+        return "cfsetospeed(...) == -1 at ";
+    if (tcsetattr(i_handle, TCSANOW, &settings) == -1)
+        return "tcsetattr(...) == -1 at ";
+    return nullptr;
+}
+
+// Start bit and data bits, then parity and stop bits.
+unsigned char bits_per_byte(unsigned int i_dataBits, unsigned int i_parity, unsigned int i_stopBits)
+{
+    unsigned char bits = 0;
+    switch (i_dataBits & CSIZE) {
+    case CS5:
+        bits = 6;
+        break;
+    case CS6:
+        bits = 7;
+        break;
+    case CS7:
+        bits = 8;
+        break;
+    default:
+        bits = 9;
+        break;
+    }
+    if (i_parity != 0)
+        ++bits;
+    bits += (i_stopBits & CSTOPB) != 0 ? 2 : 1;
+    return bits;
+}
 
 } // namespace
 
@@ -68,7 +98,7 @@ kesOsSerialCom::~kesOsSerialCom()
         m_pThreadReconnect = nullptr;
     }
     if (Close() != kesErrorOk)
-        report(kesErrorFailed, at_device("Can not close com port ", m_sDevice), "~kesOsSerialCom", __LINE__);
+        KES_LOG(kesErrorFailed, at_device("Can not close com port ", m_sDevice));
 }
 
 kesEError kesOsSerialCom::Open(const kesString& i_device, const EBaudRate& i_baudRate, const EDataBits& i_dataBits,
@@ -76,7 +106,7 @@ kesEError kesOsSerialCom::Open(const kesString& i_device, const EBaudRate& i_bau
 {
     kesEError result = Close();
     if (result != kesErrorOk)
-        return report(result, "Can not close device", "Open", __LINE__);
+        return KES_LOG(result, "Can not close device");
 
     kesSOsMutex lock(&m_mMutex);
     // copies first: the arguments may be this object's own fields (reconnect)
@@ -89,60 +119,22 @@ kesEError kesOsSerialCom::Open(const kesString& i_device, const EBaudRate& i_bau
     m_eStopBits = i_stopBits;
     m_eFlowControl = i_flowControl;
 
+    const char* failed = "open(...) == -1 at ";
     int handle = open(device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    if (handle == -1) {
+    if (handle != -1) {
+        m_hCom = handle;
+        failed = set_line(m_hCom, baudRate, m_eDataBits, m_eParity, m_eStopBits, m_eFlowControl);
+    }
+    if (failed != nullptr) {
         int error = errno;
         on_reopen();
-        return report(kesErrorFailed, with_std_error(at_device("open(...) == -1 at ", device), error), "Open",
-                      __LINE__);
-    }
-    m_hCom = handle;
-
-    termios settings;
-    memset(&settings, 0, sizeof(settings));
-    settings.c_cflag = m_eDataBits | m_eParity | m_eStopBits | CLOCAL | CREAD;
-    if (m_eFlowControl == FlowControlHardware)
-        settings.c_cflag |= CRTSCTS;
-    settings.c_iflag = m_eFlowControl == FlowControlSoftware ? (IXON | IXOFF) : 0;
-    settings.c_cc[VMIN] = 1;
-    settings.c_cc[VTIME] = 0;
-
-    if (cfsetospeed(&settings, baudRate) == -1) {
-        int error = errno;
-        on_reopen();
-        return report(kesErrorFailed, with_std_error(at_device("cfsetospeed(...) == -1 at ", device), error), "Open",
-                      __LINE__);
-    }
-    if (tcsetattr(m_hCom, TCSANOW, &settings) == -1) {
-        int error = errno;
-        on_reopen();
-        return report(kesErrorFailed, with_std_error(at_device("tcsetattr(...) == -1 at ", device), error), "Open",
-                      __LINE__);
+        return KES_LOG(kesErrorFailed, kesWithStdError(at_device(failed, device), error));
     }
 
-    // start bit and data bits, then parity and stop bits
-    unsigned char bits = 0;
-    switch (m_eDataBits & CSIZE) {
-    case CS5:
-        bits = 6;
-        break;
-    case CS6:
-        bits = 7;
-        break;
-    case CS7:
-        bits = 8;
-        break;
-    default:
-        bits = 9;
-        break;
-    }
-    if (m_eParity != 0)
-        ++bits;
-    bits += (m_eStopBits & CSTOPB) != 0 ? 2 : 1;
-    m_uBitsPerByte = bits;
+    m_uBitsPerByte = bits_per_byte(m_eDataBits, m_eParity, m_eStopBits);
     for (const baud_row& row : BAUD_TABLE)
         if (row.code == (unsigned int)baudRate)
-            m_uMaxBytesPerSecond = row.bitsPerSecond / bits;
+            m_uMaxBytesPerSecond = row.bitsPerSecond / m_uBitsPerByte;
 
     OnConnectionOpen();
     return kesErrorOk;
@@ -158,10 +150,23 @@ kesEError kesOsSerialCom::Close()
     // Linux releases the descriptor even when close fails: it must not be closed again
     m_hCom = -1;
     if (result == -1)
-        return report(kesErrorFailed, with_std_error(at_device("close(m_hCom) == -1 at device ", m_sDevice), error),
-                      "Close", __LINE__);
+        return KES_LOG(kesErrorFailed, kesWithStdError(at_device("close(m_hCom) == -1 at device ", m_sDevice), error));
     OnConnectionClose();
     return kesErrorOk;
+}
+
+int kesOsSerialCom::handle_for(const char* i_function, unsigned int* o_pBytesPerSecond) const
+{
+    int handle = -1;
+    {
+        kesSOsMutex lock(&m_mMutex);
+        handle = m_hCom;
+        if (o_pBytesPerSecond != nullptr)
+            *o_pBytesPerSecond = m_uMaxBytesPerSecond;
+    }
+    if (handle == -1)
+        KES_LOG_IN(kesErrorFailed, INVALID_HANDLE, i_function);
+    return handle;
 }
 
 bool kesOsSerialCom::IsValid() const
@@ -172,20 +177,13 @@ bool kesOsSerialCom::IsValid() const
 
 int kesOsSerialCom::Send(const void* i_pData, const unsigned int& i_length)
 {
-    int handle = -1;
     unsigned int bytesPerSecond = 0;
-    {
-        kesSOsMutex lock(&m_mMutex);
-        handle = m_hCom;
-        bytesPerSecond = m_uMaxBytesPerSecond;
-    }
-    if (handle == -1) {
-        report(kesErrorFailed, INVALID_HANDLE, "Send", __LINE__);
+    const int handle = handle_for("Send", &bytesPerSecond);
+    if (handle == -1)
         return -1;
-    }
     ssize_t written = write(handle, i_pData, i_length);
     if (written == -1)
-        return failed_transfer("write(...) == -1", "Send", __LINE__);
+        return failed_transfer("write(...) == -1", "Send");
     // the caller reads the echo next, so it waits until the whole frame is on the line
     if (bytesPerSecond != 0)
         kesOsThread::SleepMicro((unsigned int)((long double)i_length / bytesPerSecond * 1000000.0L));
@@ -194,29 +192,23 @@ int kesOsSerialCom::Send(const void* i_pData, const unsigned int& i_length)
 
 int kesOsSerialCom::Receive(void* o_pData, const unsigned int& i_length)
 {
-    int handle = -1;
-    {
-        kesSOsMutex lock(&m_mMutex);
-        handle = m_hCom;
-    }
-    if (handle == -1) {
-        report(kesErrorFailed, INVALID_HANDLE, "Receive", __LINE__);
+    const int handle = handle_for("Receive");
+    if (handle == -1)
         return -1;
-    }
     ssize_t got = read(handle, o_pData, i_length);
     if (got == -1)
-        return failed_transfer("read(...) == -1", "Receive", __LINE__);
+        return failed_transfer("read(...) == -1", "Receive");
     return (int)got;
 }
 
 // Would-block is -2 without a record; a vanished adapter (EIO) is -3 and arms
 // the reconnection; anything else is -1.
-int kesOsSerialCom::failed_transfer(const char* i_call, const char* i_function, int i_line)
+int kesOsSerialCom::failed_transfer(const char* i_call, const char* i_function)
 {
     int error = errno;
     if (error == EAGAIN)
         return -2;
-    report(kesErrorFailed, with_std_error(i_call, error), i_function, i_line);
+    KES_LOG_IN(kesErrorFailed, kesWithStdError(i_call, error), i_function);
     if (error == EIO) {
         on_reopen();
         return -3;
@@ -228,7 +220,7 @@ int kesOsSerialCom::Receive(void* o_pData, const unsigned int& i_length, const u
                             const unsigned long& i_timeOut)
 {
     if (!IsValid()) {
-        report(kesErrorFailed, INVALID_HANDLE, "Receive", __LINE__);
+        KES_LOG(kesErrorFailed, INVALID_HANDLE);
         return -1;
     }
     if (i_length == 0)
@@ -254,17 +246,11 @@ int kesOsSerialCom::Receive(void* o_pData, const unsigned int& i_length, const u
 
 int kesOsSerialCom::Flush()
 {
-    int handle = -1;
-    {
-        kesSOsMutex lock(&m_mMutex);
-        handle = m_hCom;
-    }
-    if (handle == -1) {
-        report(kesErrorFailed, INVALID_HANDLE, "Flush", __LINE__);
+    const int handle = handle_for("Flush");
+    if (handle == -1)
         return -1;
-    }
     if (tcflush(handle, TCIOFLUSH) == -1) {
-        report(kesErrorFailed, with_std_error("Can not flush serial", errno), "Flush", __LINE__);
+        KES_LOG_STD(kesErrorFailed, "Can not flush serial");
         return -1;
     }
     return 0;
@@ -276,7 +262,7 @@ kesEError kesOsSerialCom::Flush(const unsigned int& i_pause, const unsigned long
         unsigned char byte = 0;
         int got = Receive(&byte, 1, i_pause, i_timeOut);
         if (got < 0)
-            return report(kesErrorFailed, "Communication error", "Flush", __LINE__);
+            return KES_LOG(kesErrorFailed, "Communication error");
         if (got == 0)
             break;
     }
@@ -285,38 +271,40 @@ kesEError kesOsSerialCom::Flush(const unsigned int& i_pause, const unsigned long
 
 bool kesOsSerialCom::IsReadyToReceive(unsigned int i_milliseconds) const
 {
-    int handle = -1;
-    {
-        kesSOsMutex lock(&m_mMutex);
-        handle = m_hCom;
-    }
-    if (handle == -1) {
-        report(kesErrorFailed, INVALID_HANDLE, "IsReadyToReceive", __LINE__);
+    const int handle = handle_for("IsReadyToReceive");
+    if (handle == -1)
         return false;
-    }
     // poll has no FD_SETSIZE limit on the descriptor, unlike select
     pollfd entry = {handle, POLLIN, 0};
     int timeout = i_milliseconds > 0x7FFFFFFF ? 0x7FFFFFFF : (int)i_milliseconds;
     int result = poll(&entry, 1, timeout);
     if (result == -1) {
-        report(kesErrorFailed, with_std_error("select(...) failed", errno), "IsReadyToReceive", __LINE__);
+        KES_LOG_STD(kesErrorFailed, "select(...) failed");
         return false;
     }
     // a hung-up line counts as readable, as select has it: the read then tells
     return result > 0;
 }
 
+kesEError kesOsSerialCom::modem_ioctl(unsigned long i_request, int* io_pLines, const char* i_function) const
+{
+    if (m_hCom == -1)
+        return KES_LOG_IN(kesErrorFailed, INVALID_HANDLE, i_function);
+    if (ioctl(m_hCom, i_request, io_pLines) == -1)
+        return KES_LOG_IN(kesErrorFailed, kesWithStdError(at_device("ioctl(...) == -1 at ", m_sDevice), -1),
+                          i_function);
+    return kesErrorOk;
+}
+
 kesEError kesOsSerialCom::get_modem_line(int i_line, unsigned char* o_pValue, const char* i_function) const
 {
     if (o_pValue == nullptr)
-        return report(kesErrorInvalidArgument, "o_pVal == 0", i_function, __LINE__);
+        return KES_LOG_IN(kesErrorInvalidArgument, "o_pVal == 0", i_function);
     kesSOsMutex lock(&m_mMutex);
-    if (m_hCom == -1)
-        return report(kesErrorFailed, INVALID_HANDLE, i_function, __LINE__);
     int lines = 0;
-    if (ioctl(m_hCom, TIOCMGET, &lines) == -1)
-        return report(kesErrorFailed, with_std_error(at_device("ioctl(...) == -1 at ", m_sDevice), errno), i_function,
-                      __LINE__);
+    kesEError result = modem_ioctl(TIOCMGET, &lines, i_function);
+    if (result != kesErrorOk)
+        return result;
     *o_pValue = (lines & i_line) != 0 ? 1 : 0;
     return kesErrorOk;
 }
@@ -324,17 +312,12 @@ kesEError kesOsSerialCom::get_modem_line(int i_line, unsigned char* o_pValue, co
 kesEError kesOsSerialCom::set_modem_line(int i_line, unsigned char i_value, const char* i_function)
 {
     kesSOsMutex lock(&m_mMutex);
-    if (m_hCom == -1)
-        return report(kesErrorFailed, INVALID_HANDLE, i_function, __LINE__);
     int lines = 0;
-    if (ioctl(m_hCom, TIOCMGET, &lines) == -1)
-        return report(kesErrorFailed, with_std_error(at_device("ioctl(...) == -1 at ", m_sDevice), errno), i_function,
-                      __LINE__);
+    kesEError result = modem_ioctl(TIOCMGET, &lines, i_function);
+    if (result != kesErrorOk)
+        return result;
     lines = i_value != 0 ? (lines | i_line) : (lines & ~i_line);
-    if (ioctl(m_hCom, TIOCMSET, &lines) == -1)
-        return report(kesErrorFailed, with_std_error(at_device("ioctl(...) == -1 at ", m_sDevice), errno), i_function,
-                      __LINE__);
-    return kesErrorOk;
+    return modem_ioctl(TIOCMSET, &lines, i_function);
 }
 
 kesEError kesOsSerialCom::SetRTS(unsigned char i_value)
@@ -390,7 +373,7 @@ void kesOsSerialCom::on_reopen()
     if (!m_bAutoReconnect || (m_uState & STATE_RECONNECTING) != 0)
         return;
     if (Close() != kesErrorOk)
-        report(kesErrorFailed, at_device("Can not close serial ", m_sDevice), "on_reopen", __LINE__);
+        KES_LOG(kesErrorFailed, at_device("Can not close serial ", m_sDevice));
     m_uState |= STATE_RECONNECTING;
 
     // an earlier thread has cleared the bit, so it is past its last use of the mutex
@@ -402,14 +385,14 @@ void kesOsSerialCom::on_reopen()
     m_pThreadReconnect = new (std::nothrow) kesOsThread(thread_reconnect, this, false);
     if (m_pThreadReconnect == nullptr) {
         m_uState &= ~STATE_RECONNECTING;
-        report(kesErrorInvalidPointer, "m_pThreadReconnect == 0", "on_reopen", __LINE__);
+        KES_LOG(kesErrorInvalidPointer, "m_pThreadReconnect == 0");
         return;
     }
     if (!m_pThreadReconnect->Start(RECONNECT_STACK_SIZE)) {
         delete m_pThreadReconnect;
         m_pThreadReconnect = nullptr;
         m_uState &= ~STATE_RECONNECTING;
-        report(kesErrorFailed, "Can not start reconnect thread", "on_reopen", __LINE__);
+        KES_LOG(kesErrorFailed, "Can not start reconnect thread");
     }
 }
 

@@ -75,8 +75,12 @@ private:
     enum EState : unsigned int { STATE_RECONNECTING = 1 };
 
     void on_reopen();
-    int failed_transfer(const char* i_call, const char* i_function, int i_line);
+    // The descriptor, read under the lock; -1, reported for i_function, without one.
+    int handle_for(const char* i_function, unsigned int* o_pBytesPerSecond = nullptr) const;
+    int failed_transfer(const char* i_call, const char* i_function);
     static void thread_reconnect(kesOsThread* i_pThread, void* i_pArgument);
+    // The caller holds the lock; failures are reported for i_function.
+    kesEError modem_ioctl(unsigned long i_request, int* io_pLines, const char* i_function) const;
     kesEError set_modem_line(int i_line, unsigned char i_value, const char* i_function);
     kesEError get_modem_line(int i_line, unsigned char* o_pValue, const char* i_function) const;
 

@@ -16,20 +16,6 @@ namespace kes {
 
 namespace {
 
-kesEError report(kesEError i_code, const kesString& i_message, const char* i_function, int i_line)
-{
-    return kesErrorLog(kesBuildErrorLocation(i_code, i_message, __FILE__, i_function, i_line));
-}
-
-// the message of a failed system call: text, then the error number and its text
-kesString with_std_error(const char* i_message, int i_errno)
-{
-    kesString text(i_message);
-    text.append("\nStd Error ");
-    text.append(kesErrorStdToString(i_errno));
-    return text;
-}
-
 const char* const SOCKET_IS_INVALID = "Socket is invalid.";
 const char* const SOCKET_IS_CLOSE = "Socket is close.";
 // a peer that never stops talking must not hold FlushReceive forever
@@ -81,20 +67,20 @@ bool kesOsResolveIPv4(const kesString& i_host, in_addr* o_address)
 kesOsTcpSocket::kesOsTcpSocket() : m_uFlags(0), m_hSocket(0), m_uConnectionTime(0), m_eType(kesOsSocketTypeTcp)
 {
     if (Reset() != kesErrorOk)
-        report(kesErrorNetwork, "Can not reset socket", "kesOsTcpSocket", __LINE__);
+        KES_LOG(kesErrorNetwork, "Can not reset socket");
 }
 
 kesOsTcpSocket::~kesOsTcpSocket()
 {
     if (Close() != kesErrorOk)
-        report(kesErrorNetwork, "Can not close socket", "~kesOsTcpSocket", __LINE__);
+        KES_LOG(kesErrorNetwork, "Can not close socket");
 }
 
 kesEError kesOsTcpSocket::Reset()
 {
     kesEError result = Close();
     if (result != kesErrorOk)
-        return report(kesErrorNetwork, "Can not close socket", "Reset", __LINE__);
+        return KES_LOG(kesErrorNetwork, "Can not close socket");
 
     int handle = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
     if (handle == 0) {
@@ -104,7 +90,7 @@ kesEError kesOsTcpSocket::Reset()
         handle = moved;
     }
     if (handle == -1)
-        return report(kesErrorNetwork, with_std_error("Can not create socket", errno), "Reset", __LINE__);
+        return KES_LOG_STD(kesErrorNetwork, "Can not create socket");
     m_hSocket = handle;
     m_uFlags = FLAG_SOCKET;
     return kesErrorOk;
@@ -115,7 +101,7 @@ kesEError kesOsTcpSocket::Open(const kesString& i_address, unsigned short i_port
     if ((m_uFlags & FLAG_CONNECTED) != 0 || m_uFlags == 0) {
         kesEError result = Reset();
         if (result != kesErrorOk)
-            return report(result, "Can not reset socket", "Open", __LINE__);
+            return KES_LOG(result, "Can not reset socket");
     }
 
     kesString host;
@@ -126,14 +112,14 @@ kesEError kesOsTcpSocket::Open(const kesString& i_address, unsigned short i_port
     destination.sin_family = AF_INET;
     destination.sin_port = htons(port);
     if (!kesOsResolveIPv4(host, &destination.sin_addr))
-        return report(kesErrorNetwork, "gethostbyname failed", "Open", __LINE__);
+        return KES_LOG(kesErrorNetwork, "gethostbyname failed");
 
     int error = connect_bounded(destination);
     if (error != 0) {
-        report(kesErrorNetwork, with_std_error("Can not connect socket", error), "Open", __LINE__);
+        KES_LOG(kesErrorNetwork, kesWithStdError("Can not connect socket", error));
         // a socket whose connection failed is not connected again: the next Open gets a fresh one
         if (Reset() != kesErrorOk)
-            report(kesErrorNetwork, "Can not reset socket", "Open", __LINE__);
+            KES_LOG(kesErrorNetwork, "Can not reset socket");
         return kesErrorNetwork;
     }
 
@@ -192,7 +178,7 @@ int kesOsTcpSocket::connect_bounded(const sockaddr_in& i_destination)
 int kesOsTcpSocket::ReceiveAvailable(void* o_pData, unsigned int i_length, unsigned int i_milliseconds)
 {
     if (!IsOpen()) {
-        report(kesErrorNetwork, SOCKET_IS_CLOSE, "ReceiveAvailable", __LINE__);
+        KES_LOG(kesErrorNetwork, SOCKET_IS_CLOSE);
         return -1;
     }
     if (i_length == 0 || (i_milliseconds > 0 && !IsReadyToReceive(i_milliseconds)))
@@ -203,14 +189,14 @@ int kesOsTcpSocket::ReceiveAvailable(void* o_pData, unsigned int i_length, unsig
             return (int)result;
         if (result == 0) {
             if (Close() != kesErrorOk)
-                report(kesErrorNetwork, "Can not close socket", "ReceiveAvailable", __LINE__);
+                KES_LOG(kesErrorNetwork, "Can not close socket");
             return -3;
         }
         if (errno == EINTR)
             continue;
         if (errno == EAGAIN || errno == EWOULDBLOCK)
             return 0;
-        report(kesErrorNetwork, with_std_error("recv error", errno), "ReceiveAvailable", __LINE__);
+        KES_LOG_STD(kesErrorNetwork, "recv error");
         return -1;
     }
 }
@@ -221,10 +207,10 @@ kesEError kesOsTcpSocket::Close()
         return kesErrorOk;
     kesEError result = kesErrorOk;
     if ((m_uFlags & FLAG_CONNECTED) != 0 && shutdown(m_hSocket, SHUT_RDWR) == -1 && errno != ENOTCONN)
-        result = report(kesErrorNetwork, with_std_error("shutdown(...) failed", errno), "Close", __LINE__);
+        result = KES_LOG_STD(kesErrorNetwork, "shutdown(...) failed");
     // Linux frees the descriptor even when close fails: never close it twice
     if (close(m_hSocket) == -1)
-        result = report(kesErrorNetwork, with_std_error("close(...) failed", errno), "Close", __LINE__);
+        result = KES_LOG_STD(kesErrorNetwork, "close(...) failed");
     m_uFlags = 0;
     m_hSocket = 0;
     m_uConnectionTime = 0;
@@ -248,32 +234,51 @@ bool kesOsTcpSocket::IsValid() const
 
 bool kesOsTcpSocket::HasNoError() const
 {
-    if (m_hSocket == 0) {
-        report(kesErrorNetwork, SOCKET_IS_INVALID, "HasNoError", __LINE__);
-        return false;
-    }
     int error = 0;
-    socklen_t size = sizeof(error);
-    if (getsockopt(m_hSocket, SOL_SOCKET, SO_ERROR, &error, &size) == -1) {
-        report(kesErrorNetwork, with_std_error("getsockopt(...) failed", errno), "HasNoError", __LINE__);
+    return get_option(SO_ERROR, &error, sizeof(error), "HasNoError") && error == 0;
+}
+
+bool kesOsTcpSocket::is_valid_for(const char* i_function) const
+{
+    if (m_hSocket != 0)
+        return true;
+    KES_LOG_IN(kesErrorNetwork, SOCKET_IS_INVALID, i_function);
+    return false;
+}
+
+bool kesOsTcpSocket::get_option(int i_option, void* o_pValue, socklen_t i_size, const char* i_function) const
+{
+    if (!is_valid_for(i_function))
+        return false;
+    if (getsockopt(m_hSocket, SOL_SOCKET, i_option, o_pValue, &i_size) == -1) {
+        KES_LOG_IN(kesErrorNetwork, kesWithStdError("getsockopt(...) failed", -1), i_function);
         return false;
     }
-    return error == 0;
+    return true;
+}
+
+bool kesOsTcpSocket::set_option(int i_option, const void* i_pValue, socklen_t i_size, const char* i_function)
+{
+    if (!is_valid_for(i_function))
+        return false;
+    if (setsockopt(m_hSocket, SOL_SOCKET, i_option, i_pValue, i_size) == -1) {
+        KES_LOG_IN(kesErrorNetwork, kesWithStdError("setsockopt(...) failed", -1), i_function);
+        return false;
+    }
+    return true;
 }
 
 kesString kesOsTcpSocket::get_address_text(bool i_peer, const char* i_function) const
 {
-    if (m_hSocket == 0) {
-        report(kesErrorNetwork, SOCKET_IS_INVALID, i_function, __LINE__);
+    if (!is_valid_for(i_function))
         return kesString();
-    }
     sockaddr_in address = {};
     socklen_t size = sizeof(address);
     sockaddr* generic = reinterpret_cast<sockaddr*>(&address);
     int result = i_peer ? getpeername(m_hSocket, generic, &size) : getsockname(m_hSocket, generic, &size);
     if (result == -1) {
-        report(kesErrorNetwork, with_std_error(i_peer ? "getpeername(...) failed" : "getsockname(...) failed", errno),
-               i_function, __LINE__);
+        KES_LOG_IN(kesErrorNetwork, kesWithStdError(i_peer ? "getpeername(...) failed" : "getsockname(...) failed", -1),
+                   i_function);
         return kesString();
     }
     // inet_ntop: the same dotted text as inet_ntoa, without its shared buffer
@@ -297,10 +302,8 @@ kesString kesOsTcpSocket::GetPeerName() const
 
 unsigned int kesOsTcpSocket::GetConnectionTime() const
 {
-    if (m_hSocket == 0) {
-        report(kesErrorNetwork, SOCKET_IS_INVALID, "GetConnectionTime", __LINE__);
+    if (!is_valid_for("GetConnectionTime"))
         return 0;
-    }
     if (m_uConnectionTime == 0)
         return 0;
     return kesTime::GetTime() / 1000 - m_uConnectionTime;
@@ -308,61 +311,29 @@ unsigned int kesOsTcpSocket::GetConnectionTime() const
 
 bool kesOsTcpSocket::SetKeepAlive(bool i_keepAlive)
 {
-    if (m_hSocket == 0) {
-        report(kesErrorNetwork, SOCKET_IS_INVALID, "SetKeepAlive", __LINE__);
-        return false;
-    }
     int value = i_keepAlive ? 1 : 0;
-    if (setsockopt(m_hSocket, SOL_SOCKET, SO_KEEPALIVE, &value, sizeof(value)) == -1) {
-        report(kesErrorNetwork, with_std_error("setsockopt(...) failed", errno), "SetKeepAlive", __LINE__);
-        return false;
-    }
-    return true;
+    return set_option(SO_KEEPALIVE, &value, sizeof(value), "SetKeepAlive");
 }
 
 bool kesOsTcpSocket::GetKeepAlive() const
 {
-    if (m_hSocket == 0) {
-        report(kesErrorNetwork, SOCKET_IS_INVALID, "GetKeepAlive", __LINE__);
-        return false;
-    }
     int value = 0;
-    socklen_t size = sizeof(value);
-    if (getsockopt(m_hSocket, SOL_SOCKET, SO_KEEPALIVE, &value, &size) == -1) {
-        report(kesErrorNetwork, with_std_error("getsockopt(...) failed", errno), "GetKeepAlive", __LINE__);
-        return false;
-    }
-    return value != 0;
+    return get_option(SO_KEEPALIVE, &value, sizeof(value), "GetKeepAlive") && value != 0;
 }
 
 bool kesOsTcpSocket::set_time_out(int i_option, unsigned int i_milliseconds, const char* i_function)
 {
-    if (m_hSocket == 0) {
-        report(kesErrorNetwork, SOCKET_IS_INVALID, i_function, __LINE__);
-        return false;
-    }
     timeval time = {};
     time.tv_sec = i_milliseconds / 1000;
     time.tv_usec = (i_milliseconds % 1000) * 1000;
-    if (setsockopt(m_hSocket, SOL_SOCKET, i_option, &time, sizeof(time)) == -1) {
-        report(kesErrorNetwork, with_std_error("setsockopt(...) failed", errno), i_function, __LINE__);
-        return false;
-    }
-    return true;
+    return set_option(i_option, &time, sizeof(time), i_function);
 }
 
 unsigned int kesOsTcpSocket::get_time_out(int i_option, const char* i_function) const
 {
-    if (m_hSocket == 0) {
-        report(kesErrorNetwork, SOCKET_IS_INVALID, i_function, __LINE__);
-        return 0;
-    }
     timeval time = {};
-    socklen_t size = sizeof(time);
-    if (getsockopt(m_hSocket, SOL_SOCKET, i_option, &time, &size) == -1) {
-        report(kesErrorNetwork, with_std_error("getsockopt(...) failed", errno), i_function, __LINE__);
+    if (!get_option(i_option, &time, sizeof(time), i_function))
         return 0;
-    }
     return (unsigned int)(time.tv_sec * 1000 + time.tv_usec / 1000);
 }
 
@@ -389,7 +360,7 @@ unsigned int kesOsTcpSocket::GetSendTimeOut() const
 bool kesOsTcpSocket::is_ready(short i_events, unsigned int i_milliseconds, const char* i_function) const
 {
     if (!IsOpen()) {
-        report(kesErrorNetwork, SOCKET_IS_CLOSE, i_function, __LINE__);
+        KES_LOG_IN(kesErrorNetwork, SOCKET_IS_CLOSE, i_function);
         return false;
     }
     // poll has no FD_SETSIZE limit on the descriptor, unlike select
@@ -397,7 +368,7 @@ bool kesOsTcpSocket::is_ready(short i_events, unsigned int i_milliseconds, const
     int timeout = i_milliseconds > 0x7FFFFFFF ? 0x7FFFFFFF : (int)i_milliseconds;
     int result = poll(&entry, 1, timeout);
     if (result == -1) {
-        report(kesErrorNetwork, with_std_error("select(...) failed", errno), i_function, __LINE__);
+        KES_LOG_IN(kesErrorNetwork, kesWithStdError("select(...) failed", -1), i_function);
         return false;
     }
     return result > 0;
@@ -421,7 +392,7 @@ kesEError kesOsTcpSocket::FlushReceive(unsigned int i_milliseconds, int* o_pCoun
         *o_pCount = 0;
     unsigned int saved = GetReceiveTimeOut();
     if (!SetReceiveTimeOut(i_milliseconds))
-        return report(kesErrorNetwork, "Can not set receive timeout", "FlushReceive", __LINE__);
+        return KES_LOG(kesErrorNetwork, "Can not set receive timeout");
 
     unsigned int last = kesTime::GetTime();
     for (unsigned int count = 0;
@@ -429,7 +400,7 @@ kesEError kesOsTcpSocket::FlushReceive(unsigned int i_milliseconds, int* o_pCoun
          ++count) {
         unsigned char dropped = 0;
         if (Receive(&dropped, 1, nullptr) < 1) {
-            report(kesErrorNetwork, "while receiving data", "FlushReceive", __LINE__);
+            KES_LOG(kesErrorNetwork, "while receiving data");
             break;
         }
         if (o_pCount != nullptr)
@@ -438,7 +409,7 @@ kesEError kesOsTcpSocket::FlushReceive(unsigned int i_milliseconds, int* o_pCoun
     }
     // a peer that closed meanwhile took the socket and its time-out with it
     if (IsValid() && !SetReceiveTimeOut(saved))
-        return report(kesErrorNetwork, "Can not set receive timeout", "FlushReceive", __LINE__);
+        return KES_LOG(kesErrorNetwork, "Can not set receive timeout");
     return kesErrorOk;
 }
 
@@ -450,7 +421,7 @@ int kesOsTcpSocket::transfer(bool i_send, unsigned char* io_pData, unsigned int 
     if (o_pDone != nullptr)
         *o_pDone = 0;
     if (!IsOpen()) {
-        report(kesErrorNetwork, SOCKET_IS_CLOSE, i_function, __LINE__);
+        KES_LOG_IN(kesErrorNetwork, SOCKET_IS_CLOSE, i_function);
         return -1;
     }
     unsigned int done = 0;
@@ -468,17 +439,17 @@ int kesOsTcpSocket::transfer(bool i_send, unsigned char* io_pData, unsigned int 
             if (i_length == 0)
                 return 0;
             if (Close() != kesErrorOk)
-                report(kesErrorNetwork, "Can not close socket", i_function, __LINE__);
+                KES_LOG_IN(kesErrorNetwork, "Can not close socket", i_function);
             return -3;
         }
         int error = errno;
         if (error == EINTR) {
-            report(kesErrorWarning, "Std EINTR error continue...", i_function, __LINE__);
+            KES_LOG_IN(kesErrorWarning, "Std EINTR error continue...", i_function);
             continue;
         }
         if (error == EAGAIN)
             return -2;
-        report(kesErrorNetwork, with_std_error(i_send ? "send error" : "recv error", error), i_function, __LINE__);
+        KES_LOG_IN(kesErrorNetwork, kesWithStdError(i_send ? "send error" : "recv error", error), i_function);
         return -1;
     } while (done < i_length);
     return (int)i_length;

@@ -5,6 +5,7 @@
 #include "kes_string.h"
 
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 namespace kes {
 
@@ -93,6 +94,10 @@ public:
 
 private:
     int transfer(bool i_send, unsigned char* io_pData, unsigned int i_length, int* o_pDone, const char* i_function);
+    // The validity check and the socket option calls, each reporting for i_function.
+    bool is_valid_for(const char* i_function) const;
+    bool get_option(int i_option, void* o_pValue, socklen_t i_size, const char* i_function) const;
+    bool set_option(int i_option, const void* i_pValue, socklen_t i_size, const char* i_function);
     bool set_time_out(int i_option, unsigned int i_milliseconds, const char* i_function);
     unsigned int get_time_out(int i_option, const char* i_function) const;
     int connect_bounded(const sockaddr_in& i_destination);

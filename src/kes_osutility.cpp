@@ -76,7 +76,7 @@ int OpenRegular(const char* path, int flags, kesString* o_why)
     struct stat info;
     if (!why.empty()) {
     } else if ((fd = open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666)) < 0 || fstat(fd, &info) != 0) {
-        why = kesString(" can not be opened\nStd Error ") + kesErrorStdToString(-1);
+        why = kesWithStdError(" can not be opened", -1);
     } else if (!S_ISREG(info.st_mode)) {
         why = kind_words(info.st_mode); // swapped in between the two looks
     } else {

@@ -18,12 +18,9 @@
 
 namespace {
 
-struct Datagram {
-    unsigned int iid;
-    std::string text;
-};
+using Datagram = kes_test::PublishedDatagram;
 
-std::vector<Datagram> receive_for(kes_net_test::UdpReceiver& receiver, unsigned int milliseconds)
+std::vector<Datagram> receive_for(kes_test::DatagramReceiver& receiver, unsigned int milliseconds)
 {
     std::vector<Datagram> got;
     auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
@@ -32,9 +29,8 @@ std::vector<Datagram> receive_for(kes_net_test::UdpReceiver& receiver, unsigned 
         if (!receiver.Receive(&datagram, 50))
             continue;
         Datagram d;
-        memcpy(&d.iid, datagram.data(), 4);
-        EXPECT_EQ(static_cast<unsigned char>(datagram[4]), datagram.size() - 5);
-        d.text = datagram.substr(5);
+        EXPECT_TRUE(kes_test::ParseDatagram(datagram, &d)) << datagram.size() << " bytes";
+        EXPECT_EQ(d.length, d.text.size());
         got.push_back(d);
     }
     return got;
@@ -50,8 +46,8 @@ TEST(DaemonEndToEnd, PublishesReadingsAndFailuresOnTheDatagramPort)
     gateway.SetRegisters(5, 500, {0x0001, 0xE240, 7});
     gateway.SetRegisters(5, 600, {0x0000, 0x0010, 0});
 
-    kes_net_test::UdpReceiver receiver(16549);
-    ASSERT_EQ(receiver.port, 16549) << "the datagram port is taken";
+    kes_test::DatagramReceiver receiver(16549);
+    ASSERT_EQ(receiver.Port(), 16549) << "the datagram port is taken";
     kes_test::TempDir dir;
     kes_test::WriteFile(
         dir.File("conf.xml"),
@@ -99,8 +95,8 @@ TEST(DaemonEndToEnd, ExactBytesOfOneDatagram)
     kes_test::TestGateway gateway;
     ASSERT_TRUE(gateway.Start());
     gateway.SetRegisters(2, 300, {2305, 150});
-    kes_net_test::UdpReceiver receiver(16549);
-    ASSERT_EQ(receiver.port, 16549);
+    kes_test::DatagramReceiver receiver(16549);
+    ASSERT_EQ(receiver.Port(), 16549);
     kes_test::TempDir dir;
     kes_test::WriteFile(dir.File("conf.xml"),
                         "<energy><line id=\"2\" adr=\"" + gateway.GetAddress() +
@@ -151,8 +147,8 @@ std::set<unsigned int> items_without_value(const std::string& i_conf, const std:
     for (size_t at = text.find("iid=\""); at != std::string::npos; at = text.find("iid=\"", at + 1))
         items.insert(static_cast<unsigned int>(strtoul(text.c_str() + at + 5, nullptr, 10)));
     EXPECT_EQ(items.size(), 49u); // 2 + 3 + 4 + 0 + 2 + 5 + 9 + 4 + 10 + 3 + 7 values
-    kes_net_test::UdpReceiver receiver(16549);
-    EXPECT_EQ(receiver.port, 16549) << "the datagram port is taken";
+    kes_test::DatagramReceiver receiver(16549);
+    EXPECT_EQ(receiver.Port(), 16549) << "the datagram port is taken";
     kes_test::ChildProcess daemon;
     EXPECT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", i_conf, "-dir", i_dir}));
     for (const Datagram& d : receive_for(receiver, 4000))

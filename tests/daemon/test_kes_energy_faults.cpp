@@ -60,24 +60,6 @@ int open_descriptors(pid_t i_pid)
     return count;
 }
 
-// A field of /proc/PID/status in kB (VmRSS, VmHWM), -1 when it can not be read.
-long status_kb(pid_t i_pid, const char* i_field)
-{
-    std::string status = kes_test::ReadFile("/proc/" + std::to_string(i_pid) + "/status");
-    size_t at = status.find(std::string(i_field) + ":");
-    return at == std::string::npos ? -1 : strtol(status.c_str() + at + strlen(i_field) + 1, nullptr, 10);
-}
-
-bool catches_sigterm(pid_t i_pid)
-{
-    std::string status = kes_test::ReadFile("/proc/" + std::to_string(i_pid) + "/status");
-    size_t at = status.find("SigCgt:");
-    if (at == std::string::npos)
-        return false;
-    unsigned long long mask = strtoull(status.c_str() + at + 7, nullptr, 16);
-    return (mask >> (SIGTERM - 1)) & 1;
-}
-
 // The peers of a test live in the test process; a child that inherited a
 // listener would keep a "stopped" gateway accepting connections.
 void keep_descriptors_from_children()
@@ -93,35 +75,20 @@ void keep_descriptors_from_children()
     closedir(dir);
 }
 
-// A port of 127.0.0.1 that was free a moment ago.
-uint16_t free_port()
-{
-    kes_test::TestGateway probe;
-    if (!probe.Start())
-        return 0;
-    uint16_t port = probe.GetPort();
-    probe.Stop();
-    return port;
-}
-
-struct Datagram {
-    double at; // seconds since the start of the test
-    unsigned int iid;
-    std::string text;
-};
+// at: seconds since the start of the test
+using Datagram = kes_test::PublishedDatagram;
 
 // Takes every datagram waiting on the port, for at most i_ms.
-void collect(kes_net_test::UdpReceiver& io_receiver, Clock::time_point i_start, int i_ms, std::vector<Datagram>* io_got)
+void collect(kes_test::DatagramReceiver& io_receiver, Clock::time_point i_start, int i_ms,
+             std::vector<Datagram>* io_got)
 {
     std::string datagram;
     auto end = Clock::now() + std::chrono::milliseconds(i_ms);
     while (Clock::now() < end && io_receiver.Receive(&datagram, 10)) {
-        if (datagram.size() < 5)
-            continue;
         Datagram d;
+        if (!kes_test::ParseDatagram(datagram, &d))
+            continue;
         d.at = since(i_start);
-        memcpy(&d.iid, datagram.data(), 4);
-        d.text = datagram.substr(5);
         io_got->push_back(d);
     }
 }
@@ -163,13 +130,13 @@ double to_next_minute()
 // right on the minute, when the history store writes its files.
 TEST(DaemonFaults, RidesThroughDropsAndFaultsAndStopsInTheTick)
 {
-    kes_net_test::UdpReceiver receiver(16549);
-    ASSERT_EQ(receiver.port, 16549) << "the datagram port is taken";
+    kes_test::DatagramReceiver receiver(16549);
+    ASSERT_EQ(receiver.Port(), 16549) << "the datagram port is taken";
     kes_test::TempDir dir;
     ASSERT_EQ(mkdir(dir.File("dev").c_str(), 0755), 0);
     ASSERT_EQ(mkdir(dir.File("data").c_str(), 0755), 0);
-    uint16_t port = free_port();
-    uint16_t davis = free_port();
+    uint16_t port = kes_test::FreePort();
+    uint16_t davis = kes_test::FreePort();
     ASSERT_TRUE(port && davis && port != davis);
     std::string serial = dir.File("dev/ttyUSB0");
     kes_test::WriteFile(dir.File("conf.xml"), soak_configuration(port, serial, davis));
@@ -230,7 +197,7 @@ TEST(DaemonFaults, RidesThroughDropsAndFaultsAndStopsInTheTick)
         if (since(start) >= nextSample) {
             ASSERT_EQ(daemon.Wait(0), -1) << "the daemon ended\n" << daemon.Output();
             descriptors.push_back(open_descriptors(daemon.Pid()));
-            resident.push_back(status_kb(daemon.Pid(), "VmRSS"));
+            resident.push_back(kes_test::StatusKb(daemon.Pid(), "VmRSS"));
             nextSample += 1;
         }
     }
@@ -293,7 +260,8 @@ TEST(DaemonFaults, SigtermDuringConfigurationEndsInOrder)
     std::string conf = "<energy>";
     for (unsigned int line = 1; line <= 4; ++line) {
         // a port that refuses, so that the start does not wait for a gateway
-        conf += "<line id=\"" + std::to_string(line) + "\" adr=\"127.0.0.1:" + std::to_string(free_port()) + "\">";
+        conf +=
+            "<line id=\"" + std::to_string(line) + "\" adr=\"127.0.0.1:" + std::to_string(kes_test::FreePort()) + "\">";
         for (unsigned int mid = 1; mid <= 50; ++mid)
             for (unsigned int fid = 0; fid < 3; ++fid)
                 conf += value(2, mid, line * 100000 + mid * 10 + fid, fid);
@@ -307,10 +275,7 @@ TEST(DaemonFaults, SigtermDuringConfigurationEndsInOrder)
         kes_test::ChildProcess daemon;
         ASSERT_TRUE(
             daemon.Start({kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir", dir.Path() + "/"}));
-        auto end = Clock::now() + std::chrono::seconds(3);
-        while (!catches_sigterm(daemon.Pid()) && Clock::now() < end)
-            std::this_thread::sleep_for(std::chrono::microseconds(100));
-        ASSERT_TRUE(catches_sigterm(daemon.Pid())) << daemon.Output();
+        ASSERT_TRUE(kes_test::CatchesSigterm(daemon.Pid(), 3000)) << daemon.Output();
         std::this_thread::sleep_for(std::chrono::microseconds(delay));
         daemon.Signal(SIGTERM);
         EXPECT_EQ(daemon.Wait(5000), 0) << "delay " << delay << " us\n" << daemon.Output();
@@ -353,15 +318,15 @@ struct Blackhole {
 // when a line reconnects: the daemon ends in order within 2 s.
 TEST(DaemonFaults, SigtermDuringReconnectionEndsInOrder)
 {
-    kes_net_test::UdpReceiver receiver(16549);
-    ASSERT_EQ(receiver.port, 16549) << "the datagram port is taken";
+    kes_test::DatagramReceiver receiver(16549);
+    ASSERT_EQ(receiver.Port(), 16549) << "the datagram port is taken";
     enum Phase { Refused, SerialAway, Unanswered, StartUnanswered };
     const Phase phases[] = {Refused, SerialAway, Unanswered, StartUnanswered};
     for (Phase phase : phases) {
         SCOPED_TRACE("phase " + std::to_string(phase));
         kes_test::TempDir dir;
         ASSERT_EQ(mkdir(dir.File("dev").c_str(), 0755), 0);
-        uint16_t port = free_port();
+        uint16_t port = kes_test::FreePort();
         std::string address = phase == SerialAway ? dir.File("dev/ttyUSB0") : "127.0.0.1:" + std::to_string(port);
         std::string lines = "<line id=\"1\" adr=\"" + address + "\">" + value(2, 3, 1301, 0) + "</line>";
         if (phase == StartUnanswered)
@@ -375,9 +340,7 @@ TEST(DaemonFaults, SigtermDuringReconnectionEndsInOrder)
             blackhole.reset(new Blackhole(port));
             ASSERT_TRUE(daemon.Start(
                 {kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir", dir.Path() + "/"}));
-            auto end = Clock::now() + std::chrono::seconds(3);
-            while (!catches_sigterm(daemon.Pid()) && Clock::now() < end)
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            kes_test::CatchesSigterm(daemon.Pid(), 3000);
             // into the first connection attempt
             std::this_thread::sleep_for(std::chrono::milliseconds(500));
         } else {

@@ -212,8 +212,8 @@ TEST_P(Routing, PublishesEveryFieldOfTheRowAndNothingBeyond)
     xml += "</line></energy>";
     kes_test::WriteFile(dir.File("conf.xml"), xml);
 
-    kes_net_test::UdpReceiver receiver;
-    kesEnergy::MiraPort = receiver.port;
+    kes_test::DatagramReceiver receiver;
+    kesEnergy::MiraPort = receiver.Port();
     kes_test::ErrorCapture log;
     kesEnergy energy;
     ASSERT_EQ(energy.Configure(dir.File("conf.xml").c_str()), kes::kesErrorOk) << log.Dump();
@@ -256,8 +256,8 @@ TEST(RoutingKeys, OtherLinesAndUnknownCodesPublishNothing)
     kes_test::TempDir dir;
     kes_test::WriteFile(dir.File("conf.xml"),
                         "<energy><line id=\"2\" adr=\"a:1\">" + value(2, 3, 1, 0) + "</line></energy>");
-    kes_net_test::UdpReceiver receiver;
-    kesEnergy::MiraPort = receiver.port;
+    kes_test::DatagramReceiver receiver;
+    kesEnergy::MiraPort = receiver.Port();
     kes_test::ErrorCapture log;
     kesEnergy energy;
     ASSERT_EQ(energy.Configure(dir.File("conf.xml").c_str()), kes::kesErrorOk);

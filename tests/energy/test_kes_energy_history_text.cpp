@@ -9,17 +9,10 @@
 
 using kes::kesArray;
 using kes::kesString;
+using kes_test::List;
 using namespace kes::Energy;
 
 namespace {
-
-kesArray<kesString> List(std::initializer_list<const char*> items)
-{
-    kesArray<kesString> list;
-    for (const char* item : items)
-        list.AddBack(item);
-    return list;
-}
 
 const kesEnergyHistoryRules MONTH_RULES = {kesEnergyHistoryEnergyLastTotal, 1, kesEnergyHistoryPulseLastPiece};
 const kesEnergyHistoryRules YEAR_RULES = {kesEnergyHistoryEnergySum, 3, kesEnergyHistoryPulseWholeRest};

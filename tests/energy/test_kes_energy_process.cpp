@@ -102,19 +102,6 @@ TEST(DaemonLog, RecordsGoToTheLogFileToo)
     EXPECT_EQ(log.find("\x1b["), std::string::npos);
 }
 
-// Whether the process has a handler for SIGTERM yet, polled for at most two seconds.
-bool CatchesSigterm(pid_t pid)
-{
-    for (int i = 0; i < 2000; ++i) {
-        std::string status = kes_test::ReadFile("/proc/" + std::to_string(pid) + "/status");
-        size_t at = status.find("SigCgt:");
-        if (at != std::string::npos && (std::stoull(status.substr(at + 7), nullptr, 16) & (1ull << (SIGTERM - 1))))
-            return true;
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return false;
-}
-
 TEST(DaemonSigterm, StopsTheWaitingDaemonWithinASecond)
 {
     TempDir dir;
@@ -126,7 +113,7 @@ TEST(DaemonSigterm, StopsTheWaitingDaemonWithinASecond)
         if (delayMs)
             std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
         else
-            ASSERT_TRUE(CatchesSigterm(child.Pid()));
+            ASSERT_TRUE(kes_test::CatchesSigterm(child.Pid(), 2000));
         auto sent = std::chrono::steady_clock::now();
         child.Signal(SIGTERM);
         EXPECT_EQ(child.Wait(3000), 0) << child.Output();

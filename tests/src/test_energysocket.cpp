@@ -227,12 +227,7 @@ TEST(EnergySocket, OpeningAgainDropsTheFirstConnection)
 {
     std::atomic<bool> firstSawEnd{false};
     LoopbackServer server;
-    server.Serve(
-        [&](int fd, int index) {
-            if (index == 0)
-                firstSawEnd = kes_test::ReadFor(fd, 1, 3000).empty();
-        },
-        2);
+    server.ServeNotingFirstEnd(&firstSawEnd, 2);
     kesEnergySocket channel;
     ASSERT_EQ(kesErrorOk, channel.Open(server.Address().c_str(), 0));
     ASSERT_EQ(kesErrorOk, channel.Open(server.Address().c_str(), 0));

@@ -198,12 +198,7 @@ TEST(OsTcpSocket, CloseTwiceAndReopen)
 {
     std::atomic<bool> firstSawEnd{false};
     LoopbackServer server;
-    server.Serve(
-        [&](int fd, int index) {
-            if (index == 0)
-                firstSawEnd = kes_test::ReadFor(fd, 1, 3000).empty();
-        },
-        3);
+    server.ServeNotingFirstEnd(&firstSawEnd, 3);
     ErrorCapture errors;
     kesOsTcpSocket socket;
     ASSERT_EQ(kesErrorOk, socket.Open(server.Address().c_str(), 0));

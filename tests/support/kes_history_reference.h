@@ -3,7 +3,17 @@
 
 #include "kes_energy_history_text.h"
 
+#include <initializer_list>
+
 namespace kes_test {
+
+inline kes::kesArray<kes::kesString> List(std::initializer_list<const char*> items)
+{
+    kes::kesArray<kes::kesString> list;
+    for (const char* item : items)
+        list.AddBack(item);
+    return list;
+}
 
 // The history text updates done the direct way: a search of the whole source
 // per UID, an insertion into the middle of the text per row. Quadratic, and

@@ -151,6 +151,16 @@ void LoopbackServer::Serve(Script i_script, int i_connections, int i_acceptTimeo
     });
 }
 
+void LoopbackServer::ServeNotingFirstEnd(std::atomic<bool>* o_firstSawEnd, int i_connections)
+{
+    Serve(
+        [o_firstSawEnd](int fd, int index) {
+            if (index == 0)
+                *o_firstSawEnd = ReadFor(fd, 1, 3000).empty();
+        },
+        i_connections);
+}
+
 void LoopbackServer::Join()
 {
     if (m_thread.joinable())

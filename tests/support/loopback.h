@@ -52,6 +52,9 @@ public:
     // "127.0.0.1:<port>"
     std::string Address() const;
     void Serve(Script i_script, int i_connections = 1, int i_acceptTimeoutMs = 5000);
+    // Serve() with scripts that only wait, the first one noting whether the
+    // client ended its connection (a second Open drops the first).
+    void ServeNotingFirstEnd(std::atomic<bool>* o_firstSawEnd, int i_connections);
     // waits for the scripts to end
     void Join();
     // connections accepted so far

@@ -13,12 +13,14 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <future>
 #include <sstream>
 #include <thread>
 
 #include "error_capture.h"
+#include "test_gateway.h"
 
 namespace kes_test {
 
@@ -217,6 +219,37 @@ bool RefusesIntruder(const std::string& path, const Intruder& intruder, const st
     EXPECT_EQ(0, lstat(path.c_str(), &after));
     EXPECT_EQ(before.st_mode, after.st_mode);
     return true;
+}
+
+uint16_t FreePort()
+{
+    TestGateway probe;
+    if (!probe.Start())
+        return 0;
+    uint16_t port = probe.GetPort();
+    probe.Stop();
+    return port;
+}
+
+long StatusKb(pid_t pid, const char* field)
+{
+    std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
+    size_t at = status.find(std::string(field) + ":");
+    return at == std::string::npos ? -1 : strtol(status.c_str() + at + strlen(field) + 1, nullptr, 10);
+}
+
+bool CatchesSigterm(pid_t pid, unsigned int timeoutMs)
+{
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
+        size_t at = status.find("SigCgt:");
+        if (at != std::string::npos && ((strtoull(status.c_str() + at + 7, nullptr, 16) >> (SIGTERM - 1)) & 1))
+            return true;
+        if (std::chrono::steady_clock::now() >= end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
 }
 
 std::string ReadFile(const std::string& path)

@@ -3,6 +3,8 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+
 #include <functional>
 #include <ostream>
 #include <string>
@@ -68,6 +70,13 @@ bool EndsWithin(unsigned int ms, const std::string& path, const std::function<vo
 // name the path in a record with the intruder's words, and leave the intruder
 // as it was. False, without running the call, when the intruder can not be made.
 bool RefusesIntruder(const std::string& path, const Intruder& intruder, const std::function<void()>& call);
+
+// A port of 127.0.0.1 that was free a moment ago; 0 when none could be had.
+uint16_t FreePort();
+// A field of /proc/PID/status in kB (VmRSS, VmHWM), -1 when it can not be read.
+long StatusKb(pid_t pid, const char* field);
+// Whether the process has a handler for SIGTERM, polled for at most timeoutMs.
+bool CatchesSigterm(pid_t pid, unsigned int timeoutMs);
 
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& text);

@@ -24,16 +24,6 @@ using kes_test::Bytes;
 
 namespace {
 
-uint16_t free_port()
-{
-    kes_test::TestGateway probe;
-    if (!probe.Start())
-        return 0;
-    uint16_t port = probe.GetPort();
-    probe.Stop();
-    return port;
-}
-
 int connect_to(uint16_t i_port)
 {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -77,7 +67,7 @@ std::string configuration(uint16_t i_port, const std::string& i_serial)
 
 struct Sim {
     kes_test::TempDir dir;
-    uint16_t port = free_port();
+    uint16_t port = kes_test::FreePort();
     std::string serial = dir.File("dev/ttyUSB0");
     kes_test::ChildProcess process;
 

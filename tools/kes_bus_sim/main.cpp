@@ -207,11 +207,7 @@ int listen_mode(const SimConfig& i_config, double i_seconds)
     return 0;
 }
 
-} // namespace
-
-int main(int argc, char** argv)
-{
-    setvbuf(stdout, nullptr, _IOLBF, 0);
+struct Options {
     std::string confPath;
     bool listen = false;
     double seconds = 0;
@@ -221,46 +217,67 @@ int main(int argc, char** argv)
     double seed = 1;
     std::vector<SimFault> faults;
     std::vector<Drop> drops;
+};
+
+// One option with its value; 0 when it is good, otherwise the exit status.
+int parse_option(const std::string& i_word, const std::string& i_value, Options* io_options)
+{
+    std::string error;
+    if (i_word == "-conf") {
+        io_options->confPath = i_value;
+    } else if (i_word == "-fault") {
+        SimFault fault;
+        if (!ParseFault(i_value, &fault, &error))
+            return usage_error(error);
+        io_options->faults.push_back(fault);
+    } else if (i_word == "-drop") {
+        Drop drop;
+        if (!parse_drop(i_value, &drop))
+            return usage_error("bad drop \"" + i_value + "\": LINE:EVERY:FOR[:TIMES] with EVERY > FOR > 0");
+        io_options->drops.push_back(drop);
+    } else if (i_word == "-time" || i_word == "-hour" || i_word == "-speed" || i_word == "-weather" ||
+               i_word == "-seed") {
+        double* target = i_word == "-time"      ? &io_options->seconds
+                         : i_word == "-hour"    ? &io_options->hour
+                         : i_word == "-speed"   ? &io_options->speed
+                         : i_word == "-weather" ? &io_options->weatherMs
+                                                : &io_options->seed;
+        if (!parse_seconds(i_value, target) || (i_word == "-hour" && io_options->hour > 24) ||
+            (i_word == "-speed" && io_options->speed <= 0) || (i_word == "-weather" && io_options->weatherMs < 10))
+            return usage_error("Option " + i_word + " takes a number in its range: \"" + i_value + "\"");
+    } else {
+        return usage_error("Unknown option " + i_word);
+    }
+    return 0;
+}
+
+// False when the program ends here, with *o_status.
+bool parse_options(int argc, char** argv, Options* o_options, int* o_status)
+{
     for (int i = 1; i < argc; ++i) {
         std::string word = argv[i];
         if (word == "-h" || word == "-help" || word == "--help") {
             fputs(HELP, stdout);
-            return 0;
+            *o_status = 0;
+            return false;
         }
         if (word == "-listen") {
-            listen = true;
+            o_options->listen = true;
             continue;
         }
-        if (i + 1 >= argc)
-            return usage_error("Option " + word + " needs a value");
-        std::string value = argv[++i];
-        std::string error;
-        if (word == "-conf") {
-            confPath = value;
-        } else if (word == "-fault") {
-            SimFault fault;
-            if (!ParseFault(value, &fault, &error))
-                return usage_error(error);
-            faults.push_back(fault);
-        } else if (word == "-drop") {
-            Drop drop;
-            if (!parse_drop(value, &drop))
-                return usage_error("bad drop \"" + value + "\": LINE:EVERY:FOR[:TIMES] with EVERY > FOR > 0");
-            drops.push_back(drop);
-        } else if (word == "-time" || word == "-hour" || word == "-speed" || word == "-weather" || word == "-seed") {
-            double* target = word == "-time"      ? &seconds
-                             : word == "-hour"    ? &hour
-                             : word == "-speed"   ? &speed
-                             : word == "-weather" ? &weatherMs
-                                                  : &seed;
-            if (!parse_seconds(value, target) || (word == "-hour" && hour > 24) || (word == "-speed" && speed <= 0) ||
-                (word == "-weather" && weatherMs < 10))
-                return usage_error("Option " + word + " takes a number in its range: \"" + value + "\"");
-        } else {
-            return usage_error("Unknown option " + word);
+        if (i + 1 >= argc) {
+            *o_status = usage_error("Option " + word + " needs a value");
+            return false;
         }
+        *o_status = parse_option(word, argv[++i], o_options);
+        if (*o_status != 0)
+            return false;
     }
+    return true;
+}
 
+void catch_signals()
+{
     struct sigaction action;
     memset(&action, 0, sizeof(action));
     action.sa_handler = on_signal;
@@ -271,99 +288,135 @@ int main(int argc, char** argv)
         sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     signal(SIGPIPE, SIG_IGN);
+}
+
+// The line served on its port or pseudo-terminal; null, told on stderr, when it can not be.
+std::unique_ptr<Served> serve_line(const SimLine& i_line, SimClock& io_clock, const Options& i_options)
+{
+    std::unique_ptr<Served> s(new Served());
+    s->bus.reset(new SimBus(i_line, io_clock, i_options.faults, static_cast<unsigned int>(i_options.seed)));
+    if (i_line.serial) {
+        s->serial.reset(new SimSerialPort(*s->bus));
+    } else {
+        s->port = PortOf(i_line.address);
+        if (s->port == 0) {
+            fprintf(stderr, "kes_bus_sim: line %u: no port in \"%s\"\n", i_line.id, i_line.address.c_str());
+            return nullptr;
+        }
+        std::string host = i_line.address.substr(0, i_line.address.rfind(':'));
+        if (host != "127.0.0.1" && host != "localhost")
+            printf("kes_bus_sim: line %u: served on 127.0.0.1 instead of %s\n", i_line.id, host.c_str());
+    }
+    for (const Drop& drop : i_options.drops)
+        if (drop.line == i_line.id)
+            s->drop = &drop;
+    std::string error;
+    if (!s->Up(&error)) {
+        fprintf(stderr, "kes_bus_sim: line %u: %s\n", i_line.id, error.c_str());
+        return nullptr;
+    }
+    if (s->drop)
+        s->nextChange = s->drop->every - s->drop->length;
+    printf("kes_bus_sim: line %u on %s%s, %zu devices\n", i_line.id,
+           s->serial ? i_line.address.c_str() : ("127.0.0.1:" + std::to_string(s->port)).c_str(),
+           s->serial ? " (pseudo-terminal)" : "", i_line.devices.size());
+    return s;
+}
+
+// 0, or 2 when the station's port can not be served.
+int serve_weather(const SimConfig& i_config, SimClock& io_clock, const Options& i_options,
+                  std::unique_ptr<SimWeather>* o_weather)
+{
+    std::string error;
+    o_weather->reset(new SimWeather(io_clock, static_cast<unsigned int>(i_options.weatherMs)));
+    if (!(*o_weather)->Start(PortOf(i_config.davis), &error)) {
+        fprintf(stderr, "kes_bus_sim: %s\n", error.c_str());
+        return 2;
+    }
+    printf("kes_bus_sim: weather station on 127.0.0.1:%u\n", PortOf(i_config.davis));
+    return 0;
+}
+
+// Takes the line down or brings it back when its drop schedule says so.
+void follow_drop(Served& io_served, double i_now)
+{
+    Served* s = &io_served;
+    if (!s->drop || i_now < s->nextChange || (s->up && s->drop->times && s->drops >= s->drop->times))
+        return;
+    if (s->up) {
+        s->Down();
+        ++s->drops;
+        s->nextChange = i_now + s->drop->length;
+        printf("kes_bus_sim: line %u dropped (%u)\n", s->bus->Line().id, s->drops);
+        return;
+    }
+    std::string error;
+    // a port still in TIME_WAIT or a busy link: try again shortly
+    if (!s->Up(&error)) {
+        s->nextChange = i_now + 0.1;
+        return;
+    }
+    s->nextChange = i_now + s->drop->every - s->drop->length;
+    printf("kes_bus_sim: line %u back (%u)\n", s->bus->Line().id, s->drops);
+}
+
+void run(std::vector<std::unique_ptr<Served>>& io_served, double i_seconds)
+{
+    printf("kes_bus_sim: ready\n");
+    auto start = std::chrono::steady_clock::now();
+    while (!g_stop) {
+        double now = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        if (i_seconds > 0 && now >= i_seconds)
+            break;
+        for (auto& s : io_served)
+            follow_drop(*s, now);
+        wait_or_stop(0.02);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    Options options;
+    int status = 0;
+    if (!parse_options(argc, argv, &options, &status))
+        return status;
+    catch_signals();
 
     SimConfig config;
-    if (!confPath.empty()) {
+    if (!options.confPath.empty()) {
         std::string error;
-        if (!config.Load(confPath, &error)) {
+        if (!config.Load(options.confPath, &error)) {
             fprintf(stderr, "kes_bus_sim: %s\n", error.c_str());
             return 2;
         }
     }
-    if (listen)
-        return listen_mode(config, seconds);
-    if (confPath.empty())
+    if (options.listen)
+        return listen_mode(config, options.seconds);
+    if (options.confPath.empty())
         return usage_error("-conf FILE is required");
 
-    SimClock clock(hour, speed);
+    SimClock clock(options.hour, options.speed);
     std::vector<std::unique_ptr<Served>> served;
-    int status = 0;
     for (const SimLine& line : config.lines) {
-        std::unique_ptr<Served> s(new Served());
-        s->bus.reset(new SimBus(line, clock, faults, static_cast<unsigned int>(seed)));
-        if (line.serial) {
-            s->serial.reset(new SimSerialPort(*s->bus));
-        } else {
-            s->port = PortOf(line.address);
-            if (s->port == 0) {
-                fprintf(stderr, "kes_bus_sim: line %u: no port in \"%s\"\n", line.id, line.address.c_str());
-                status = 2;
-                break;
-            }
-            std::string host = line.address.substr(0, line.address.rfind(':'));
-            if (host != "127.0.0.1" && host != "localhost")
-                printf("kes_bus_sim: line %u: served on 127.0.0.1 instead of %s\n", line.id, host.c_str());
-        }
-        for (const Drop& drop : drops)
-            if (drop.line == line.id)
-                s->drop = &drop;
-        std::string error;
-        if (!s->Up(&error)) {
-            fprintf(stderr, "kes_bus_sim: line %u: %s\n", line.id, error.c_str());
+        std::unique_ptr<Served> s = serve_line(line, clock, options);
+        if (!s) {
             status = 2;
             break;
         }
-        if (s->drop)
-            s->nextChange = s->drop->every - s->drop->length;
-        printf("kes_bus_sim: line %u on %s%s, %zu devices\n", line.id,
-               s->serial ? line.address.c_str() : ("127.0.0.1:" + std::to_string(s->port)).c_str(),
-               s->serial ? " (pseudo-terminal)" : "", line.devices.size());
         served.push_back(std::move(s));
     }
     std::unique_ptr<SimWeather> weather;
-    if (status == 0 && !config.davis.empty()) {
-        std::string error;
-        weather.reset(new SimWeather(clock, static_cast<unsigned int>(weatherMs)));
-        if (!weather->Start(PortOf(config.davis), &error)) {
-            fprintf(stderr, "kes_bus_sim: %s\n", error.c_str());
-            status = 2;
-        } else {
-            printf("kes_bus_sim: weather station on 127.0.0.1:%u\n", PortOf(config.davis));
-        }
-    }
-    for (const SimFault& fault : faults)
+    if (status == 0 && !config.davis.empty())
+        status = serve_weather(config, clock, options, &weather);
+    for (const SimFault& fault : options.faults)
         printf("kes_bus_sim: fault %s on line %u, %s%s, %u%%\n", FaultName(fault.kind), fault.line,
                fault.mid ? "mid " : "every device", fault.mid ? std::to_string(fault.mid).c_str() : "", fault.percent);
 
-    if (status == 0) {
-        printf("kes_bus_sim: ready\n");
-        auto start = std::chrono::steady_clock::now();
-        while (!g_stop) {
-            double now = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-            if (seconds > 0 && now >= seconds)
-                break;
-            for (auto& s : served) {
-                if (!s->drop || now < s->nextChange || (s->up && s->drop->times && s->drops >= s->drop->times))
-                    continue;
-                if (s->up) {
-                    s->Down();
-                    ++s->drops;
-                    s->nextChange = now + s->drop->length;
-                    printf("kes_bus_sim: line %u dropped (%u)\n", s->bus->Line().id, s->drops);
-                } else {
-                    std::string error;
-                    // a port still in TIME_WAIT or a busy link: try again shortly
-                    if (!s->Up(&error)) {
-                        s->nextChange = now + 0.1;
-                        continue;
-                    }
-                    s->nextChange = now + s->drop->every - s->drop->length;
-                    printf("kes_bus_sim: line %u back (%u)\n", s->bus->Line().id, s->drops);
-                }
-            }
-            wait_or_stop(0.02);
-        }
-    }
+    if (status == 0)
+        run(served, options.seconds);
     for (auto& s : served)
         printf("kes_bus_sim: line %u served %lu requests\n", s->bus->Line().id, s->bus->Requests());
     if (weather)
