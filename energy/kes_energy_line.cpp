@@ -35,8 +35,7 @@ void kesEnergyLine::SetAddress(const kesString& i_sAddress, unsigned short i_usP
 {
     kesSOsMutex lock(&m_oMutex);
     if (m_uiStatus & StatusRunning) {
-        kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "You must stop the line before to reset the address",
-                                          __FILE__, __func__, __LINE__));
+        KES_LOG(kesErrorFailed, "You must stop the line before to reset the address");
         return;
     }
     m_sAddress = i_sAddress;
@@ -53,13 +52,12 @@ kesEError kesEnergyLine::AddDevice(int i_iType, unsigned short i_usAddress)
 {
     kesSOsMutex lock(&m_oMutex);
     if (m_uiStatus & StatusRunning)
-        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "You must stop the line before to add others devices",
-                                                 __FILE__, __func__, __LINE__));
+        return KES_LOG(kesErrorFailed, "You must stop the line before to add others devices");
     int list = list_of_type(i_iType);
     if (list < 0) {
         kesString text("Invalid Device Type ");
         text += kesString::FromInt(i_iType);
-        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, text, __FILE__, __func__, __LINE__));
+        return KES_LOG(kesErrorFailed, text);
     }
     m_aDevices[list].AddBack(i_usAddress);
     return kesErrorOk;
@@ -90,14 +88,13 @@ kesEError kesEnergyLine::Start(unsigned int i_uiReceiveTimeOut, unsigned int i_u
         m_uiFailurePause = i_uiFailurePause;
         if (m_oSystem.OpenCommunication(m_sAddress, m_usPort, m_uiReceiveTimeOut, m_uiAnswerPause, m_uiFailurePause) !=
             kesErrorOk)
-            return kesErrorLog(
-                kesBuildErrorLocation(kesErrorFailed, line_text("Can not start line "), __FILE__, __func__, __LINE__));
+            return KES_LOG(kesErrorFailed, line_text("Can not start line "));
     }
     make_devices_unique();
     if (start_threads() != kesErrorOk) {
         kesString text("Can not start all threads line ");
         text += kesString::FromULong(m_usUniqueID);
-        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, text, __FILE__, __func__, __LINE__));
+        return KES_LOG(kesErrorFailed, text);
     }
     return kesErrorOk;
 }
@@ -128,12 +125,10 @@ kesEError kesEnergyLine::Reset()
         kesOsThread::SleepMs(RECONNECT_SLICE);
     }
     if (m_oSystem.CloseCommunication() != kesErrorOk)
-        return kesErrorLog(
-            kesBuildErrorLocation(kesErrorFailed, line_text("Can not close line "), __FILE__, __func__, __LINE__));
+        return KES_LOG(kesErrorFailed, line_text("Can not close line "));
     if (m_oSystem.OpenCommunication(m_sAddress, m_usPort, m_uiReceiveTimeOut, m_uiAnswerPause, m_uiFailurePause) !=
         kesErrorOk)
-        return kesErrorLog(
-            kesBuildErrorLocation(kesErrorFailed, line_text("Can not start line "), __FILE__, __func__, __LINE__));
+        return KES_LOG(kesErrorFailed, line_text("Can not start line "));
     return kesErrorOk;
 }
 
@@ -150,12 +145,11 @@ kesEError kesEnergyLine::start_threads()
     term_threads();
     m_pThread = new (std::nothrow) kesOsThread(&kesEnergyLine::thread_proc, this, false);
     if (!m_pThread)
-        return kesErrorLog(
-            kesBuildErrorLocation(kesErrorOutOfMemory, "Can no create thread", __FILE__, __func__, __LINE__));
+        return KES_LOG(kesErrorOutOfMemory, "Can no create thread");
     if (!m_pThread->Start(THREAD_STACK)) {
         delete m_pThread;
         m_pThread = nullptr;
-        return kesErrorLog(kesBuildErrorLocation(kesErrorFailed, "Can no start thread", __FILE__, __func__, __LINE__));
+        return KES_LOG(kesErrorFailed, "Can no start thread");
     }
     kesSOsMutex lock(&m_oMutex);
     m_uiStatus |= StatusRunning;
@@ -249,8 +243,7 @@ void kesEnergyLine::thread_proc(kesOsThread* io_pThread, void* io_pLine)
             return;
         if (line->Reset() != kesErrorOk) {
             // Reset has slept before it failed: this is no busy loop.
-            kesErrorLog(
-                kesBuildErrorLocation(kesErrorFailed, "Can no reset communication", __FILE__, __func__, __LINE__));
+            KES_LOG(kesErrorFailed, "Can no reset communication");
             continue;
         }
         bool lost = false;

@@ -271,8 +271,7 @@ void kesModbusRtuFrame::SetRegisters(unsigned short i_start, unsigned short i_co
 void kesModbusRtuFrame::SetData(const unsigned char* i_pData, unsigned char i_size)
 {
     if (i_pData == nullptr || i_size == 0) {
-        kesErrorLog(
-            kesBuildErrorLocation(kesErrorInvalidArgument, "pData or size == 0", __FILE__, "SetData", __LINE__));
+        KES_LOG_IN(kesErrorInvalidArgument, "pData or size == 0", "SetData");
         return;
     }
     unsigned char header[FRAME_HEADER_SIZE] = {0};
