@@ -18,6 +18,9 @@ struct kesBusContext {
     const std::vector<std::string>* arguments;
     kesBusTool* tool;
     std::string* error;
+    // The arguments as the command's row reads them, in order.
+    kesEEnergyDeviceType type;
+    unsigned long numbers[4];
 };
 
 kesEBusOutcome bad(kesBusContext& io_context, const std::string& i_text)
@@ -132,20 +135,11 @@ kesEError read_values(kesBusTool& io_tool, kesEEnergyDeviceType i_type, unsigned
 
 kesEBusOutcome command_read(kesBusContext& io_context)
 {
-    kesEEnergyDeviceType type;
-    unsigned long mid = 0;
-    kesEBusOutcome outcome = kesBusOk;
-    if (!type_argument(io_context, 0, &type, &outcome) ||
-        !argument(io_context, 1, "MID", 0, MAX_MODULE_NUMBER, &mid, &outcome))
-        return outcome;
-    if (type == kesEnergyDeviceAmbient)
-        return bad(io_context, "An Ambient device has no measurement to read; try info");
-    if ((outcome = open(io_context)) != kesBusOk)
-        return outcome;
     std::vector<kesReadValue> values;
-    if (read_values(*io_context.tool, type, static_cast<unsigned short>(mid * 100), &values) != kesErrorOk)
+    const unsigned long mid = io_context.numbers[1];
+    if (read_values(*io_context.tool, io_context.type, static_cast<unsigned short>(mid * 100), &values) != kesErrorOk)
         return failed("Read failed");
-    printf("[%s][%lu]\n", kesEnergySystem::DeviceTypeToTypeName(type).c_str(), mid);
+    printf("[%s][%lu]\n", kesEnergySystem::DeviceTypeToTypeName(io_context.type).c_str(), mid);
     for (const kesReadValue& value : values) {
         if (value.unit && strcmp(value.unit, "ms") != 0)
             printf("%s %.2f %s\n", value.label.c_str(), value.value, value.unit);
@@ -157,19 +151,20 @@ kesEBusOutcome command_read(kesBusContext& io_context)
     return kesBusOk;
 }
 
+kesEBusOutcome refuse_ambient(kesBusContext& io_context)
+{
+    if (io_context.type == kesEnergyDeviceAmbient)
+        return bad(io_context, "An Ambient device has no measurement to read; try info");
+    return kesBusOk;
+}
+
 // ---------------------------------------------------------------- info
 
 kesEBusOutcome command_info(kesBusContext& io_context)
 {
     kesEnergyDevice device;
-    unsigned long mid = 0;
-    kesEBusOutcome outcome = kesBusOk;
-    if (!type_argument(io_context, 0, &device.Type, &outcome) ||
-        !argument(io_context, 1, "MID", 0, MAX_MODULE_NUMBER, &mid, &outcome))
-        return outcome;
-    device.Address = static_cast<unsigned char>(mid);
-    if ((outcome = open(io_context)) != kesBusOk)
-        return outcome;
+    device.Type = io_context.type;
+    device.Address = static_cast<unsigned char>(io_context.numbers[1]);
     kesString text;
     if (io_context.tool->GetDeviceInfo(&device, &text) != kesErrorOk)
         return failed("Report failed");
@@ -200,9 +195,6 @@ kesEBusOutcome print_devices(kesBusContext& io_context, const kesArray<kesEnergy
 
 kesEBusOutcome scan(kesBusContext& io_context, int i_iFineCount, bool i_bMute)
 {
-    kesEBusOutcome outcome = open(io_context);
-    if (outcome != kesBusOk)
-        return outcome;
     fprintf(stderr, "Searching the bus at %s...\n", io_context.options->address.c_str());
     kesArray<kesEnergyDevice> devices;
     // The search mutes each device it finds only in the muting mode.
@@ -230,21 +222,12 @@ kesEBusOutcome command_scan_nomute(kesBusContext& io_context)
 
 kesEBusOutcome command_scan_fine(kesBusContext& io_context)
 {
-    unsigned long count = FINE_KEYS;
-    kesEBusOutcome outcome = kesBusOk;
-    if (!io_context.arguments->empty() && !argument(io_context, 0, "COUNT", 1, FINE_KEYS, &count, &outcome))
-        return outcome;
-    return scan(io_context, static_cast<int>(count), true);
+    return scan(io_context, static_cast<int>(io_context.numbers[0]), true);
 }
 
 kesEBusOutcome command_find(kesBusContext& io_context)
 {
-    unsigned long serial = 0;
-    kesEBusOutcome outcome = kesBusOk;
-    if (!argument(io_context, 0, "SERIAL", 0, 0xFFFFFFFFul, &serial, &outcome))
-        return outcome;
-    if ((outcome = open(io_context)) != kesBusOk)
-        return outcome;
+    const unsigned long serial = io_context.numbers[0];
     kesEnergyDevice device;
     if (!io_context.tool->FindDeviceBySerial(static_cast<unsigned int>(serial), &device)) {
         fprintf(stderr, "No device answers for serial %lu\n", serial);
@@ -258,9 +241,6 @@ kesEBusOutcome command_find(kesBusContext& io_context)
 
 kesEBusOutcome command_enable(kesBusContext& io_context)
 {
-    kesEBusOutcome outcome = open(io_context);
-    if (outcome != kesBusOk)
-        return outcome;
     if (io_context.tool->EnableAllDeviceFind() != kesErrorOk)
         return failed("Enable failed");
     printf("All devices answer searches\n");
@@ -269,12 +249,7 @@ kesEBusOutcome command_enable(kesBusContext& io_context)
 
 kesEBusOutcome command_mute(kesBusContext& io_context)
 {
-    unsigned long serial = 0;
-    kesEBusOutcome outcome = kesBusOk;
-    if (!argument(io_context, 0, "SERIAL", 0, 0xFFFFFFFFul, &serial, &outcome))
-        return outcome;
-    if ((outcome = open(io_context)) != kesBusOk)
-        return outcome;
+    const unsigned long serial = io_context.numbers[0];
     if (io_context.tool->MuteDeviceBySerial(static_cast<unsigned int>(serial)) != kesErrorOk)
         return failed("Mute failed");
     printf("Device %lu muted\n", serial);
@@ -283,13 +258,7 @@ kesEBusOutcome command_mute(kesBusContext& io_context)
 
 kesEBusOutcome command_set_address(kesBusContext& io_context)
 {
-    unsigned long serial = 0, mid = 0;
-    kesEBusOutcome outcome = kesBusOk;
-    if (!argument(io_context, 0, "SERIAL", 0, 0xFFFFFFFFul, &serial, &outcome) ||
-        !argument(io_context, 1, "MID", 1, 100, &mid, &outcome))
-        return outcome;
-    if ((outcome = open(io_context)) != kesBusOk)
-        return outcome;
+    const unsigned long serial = io_context.numbers[0], mid = io_context.numbers[1];
     if (io_context.tool->SetDeviceAddress(static_cast<unsigned int>(serial), static_cast<unsigned char>(mid)) !=
         kesErrorOk)
         return failed("Set address failed");
@@ -299,12 +268,7 @@ kesEBusOutcome command_set_address(kesBusContext& io_context)
 
 kesEBusOutcome command_number(kesBusContext& io_context)
 {
-    unsigned long offset = 0;
-    kesEBusOutcome outcome = kesBusOk;
-    if (!argument(io_context, 0, "OFFSET", 0, MAX_MODULE_NUMBER, &offset, &outcome))
-        return outcome;
-    if ((outcome = open(io_context)) != kesBusOk)
-        return outcome;
+    const unsigned long offset = io_context.numbers[0];
     fprintf(stderr, "Searching the bus at %s...\n", io_context.options->address.c_str());
     kesArray<kesEnergyDevice> devices;
     if (io_context.tool->FindAllDevices(&devices) != kesErrorOk)
@@ -336,15 +300,8 @@ void print_alarm(unsigned char i_ucCycle, unsigned char i_ucStatus, unsigned sho
 
 kesEBusOutcome command_alarm(kesBusContext& io_context)
 {
-    unsigned long mid = 0, tuning[3] = {0, 0, 0};
-    kesEBusOutcome outcome = kesBusOk;
-    if (!argument(io_context, 0, "MID", 0, MAX_MODULE_NUMBER, &mid, &outcome) ||
-        !argument(io_context, 1, "T1", 0, 65535, &tuning[0], &outcome) ||
-        !argument(io_context, 2, "T2", 0, 65535, &tuning[1], &outcome) ||
-        !argument(io_context, 3, "T3", 0, 65535, &tuning[2], &outcome))
-        return outcome;
-    if ((outcome = open(io_context)) != kesBusOk)
-        return outcome;
+    const unsigned long mid = io_context.numbers[0];
+    const unsigned long* tuning = io_context.numbers + 1;
     unsigned char cycle = kesEnergyAlarmCycleInProgress, status = 0;
     unsigned short power = 0;
     if (io_context.tool->ControlAlarmDevice(
@@ -360,12 +317,7 @@ kesEBusOutcome command_alarm(kesBusContext& io_context)
 
 kesEBusOutcome command_alarm_status(kesBusContext& io_context)
 {
-    unsigned long mid = 0;
-    kesEBusOutcome outcome = kesBusOk;
-    if (!argument(io_context, 0, "MID", 0, MAX_MODULE_NUMBER, &mid, &outcome))
-        return outcome;
-    if ((outcome = open(io_context)) != kesBusOk)
-        return outcome;
+    const unsigned long mid = io_context.numbers[0];
     unsigned char cycle = 0, status = 0;
     unsigned short power = 0;
     if (io_context.tool->ReadAlarmStatus(static_cast<unsigned short>(mid * 100), &cycle, &status, &power) != kesErrorOk)
@@ -374,28 +326,62 @@ kesEBusOutcome command_alarm_status(kesBusContext& io_context)
     return kesBusOk;
 }
 
+// One argument of a command: a device type (name null), or a number.
+struct kesBusArgument {
+    const char* name;
+    unsigned long min;
+    unsigned long max; // also what an argument left out stands for
+};
+
+const kesBusArgument TYPE = {nullptr, 0, 0};
+const kesBusArgument MID = {"MID", 0, MAX_MODULE_NUMBER};
+const kesBusArgument SERIAL = {"SERIAL", 0, 0xFFFFFFFFul};
+const kesBusArgument TUNING[3] = {{"T1", 0, 65535}, {"T2", 0, 65535}, {"T3", 0, 65535}};
+
 struct kesBusCommand {
     const char* name;
     unsigned int minArguments;
     unsigned int maxArguments;
     kesEBusOutcome (*run)(kesBusContext&);
     bool finds; // takes -conf
+    kesBusArgument arguments[4];
+    // a refusal the arguments alone decide, before the bus is opened
+    kesEBusOutcome (*refuse)(kesBusContext&);
 };
 
 const kesBusCommand COMMANDS[] = {
-    {"read", 2, 2, &command_read, false},
-    {"info", 2, 2, &command_info, false},
-    {"scan", 0, 0, &command_scan, true},
-    {"scan-nomute", 0, 0, &command_scan_nomute, true},
-    {"scan-fine", 0, 1, &command_scan_fine, true},
-    {"find", 1, 1, &command_find, false},
-    {"enable", 0, 0, &command_enable, false},
-    {"mute", 1, 1, &command_mute, false},
-    {"set-address", 2, 2, &command_set_address, false},
-    {"number", 1, 1, &command_number, true},
-    {"alarm", 4, 4, &command_alarm, false},
-    {"alarm-status", 1, 1, &command_alarm_status, false},
+    {"read", 2, 2, &command_read, false, {TYPE, MID}, &refuse_ambient},
+    {"info", 2, 2, &command_info, false, {TYPE, MID}, nullptr},
+    {"scan", 0, 0, &command_scan, true, {}, nullptr},
+    {"scan-nomute", 0, 0, &command_scan_nomute, true, {}, nullptr},
+    {"scan-fine", 0, 1, &command_scan_fine, true, {{"COUNT", 1, FINE_KEYS}}, nullptr},
+    {"find", 1, 1, &command_find, false, {SERIAL}, nullptr},
+    {"enable", 0, 0, &command_enable, false, {}, nullptr},
+    {"mute", 1, 1, &command_mute, false, {SERIAL}, nullptr},
+    {"set-address", 2, 2, &command_set_address, false, {SERIAL, {"MID", 1, 100}}, nullptr},
+    {"number", 1, 1, &command_number, true, {{"OFFSET", 0, MAX_MODULE_NUMBER}}, nullptr},
+    {"alarm", 4, 4, &command_alarm, false, {MID, TUNING[0], TUNING[1], TUNING[2]}, nullptr},
+    {"alarm-status", 1, 1, &command_alarm_status, false, {MID}, nullptr},
 };
+
+// Reads the arguments as the row names them, then opens the bus: a bad
+// argument is told before anything goes on the line.
+kesEBusOutcome prepare(const kesBusCommand& i_command, kesBusContext& io_context)
+{
+    kesEBusOutcome outcome = kesBusOk;
+    for (size_t i = 0; i < i_command.maxArguments; ++i) {
+        const kesBusArgument& spec = i_command.arguments[i];
+        io_context.numbers[i] = spec.max;
+        if (i >= io_context.arguments->size())
+            continue;
+        if (!spec.name ? !type_argument(io_context, i, &io_context.type, &outcome)
+                       : !argument(io_context, i, spec.name, spec.min, spec.max, &io_context.numbers[i], &outcome))
+            return outcome;
+    }
+    if (i_command.refuse && (outcome = i_command.refuse(io_context)) != kesBusOk)
+        return outcome;
+    return open(io_context);
+}
 
 } // namespace
 
@@ -433,8 +419,9 @@ kesEBusOutcome kesBusRun(const kesBusOptions& i_options, const std::vector<std::
             return kesBusBadArguments;
         }
         kesBusTool tool(stderr);
-        kesBusContext context = {&i_options, &arguments, &tool, o_error};
-        return command.run(context);
+        kesBusContext context = {&i_options, &arguments, &tool, o_error, kesEnergyDevicePanel, {0, 0, 0, 0}};
+        const kesEBusOutcome outcome = prepare(command, context);
+        return outcome == kesBusOk ? command.run(context) : outcome;
     }
     *o_error = "Unknown command \"" + i_command[0] + "\"";
     return kesBusBadArguments;
