@@ -8,12 +8,6 @@ namespace kes {
 
 namespace {
 
-const unsigned char FUNCTION_SET_ADDRESS = 0x07;
-const unsigned char FUNCTION_SET_ADDRESS_REPLY = 0x08;
-const unsigned char FUNCTION_MUTE = 0x0C;
-const unsigned char FUNCTION_MUTE_REPLY = 0x0D;
-const unsigned char FUNCTION_ENABLE_SEARCH = 0x0E;
-
 const unsigned int ENABLE_SETTLE_MS = 15;
 // A device writes its new number to memory before it answers.
 const unsigned int SET_ADDRESS_TIMEOUT_MS = 1000;
@@ -95,14 +89,14 @@ kesEError kesEnergySystem::enable_alldevices(kesEnergySocket* io_pChannel)
 
 kesEError kesEnergySystem::mute_device(kesEnergySocket* io_pChannel, unsigned int i_uiSerial)
 {
-    unsigned char frame[8] = {BUS_UNIT, FUNCTION_MUTE};
+    unsigned char frame[8] = {BUS_UNIT, MUTE.request};
     put_serial(frame + 2, i_uiSerial);
     put_crc(frame, sizeof(frame));
     unsigned char reply[REPLY_LENGTH];
     kesExchange exchange(frame, sizeof(frame), reply, sizeof(reply), i_uiSerial, __func__);
     if (kesEError failed = transfer(io_pChannel, MUTE_LADDER, exchange))
         return failed;
-    if (reply[0] == BUS_UNIT && reply[1] == FUNCTION_MUTE_REPLY)
+    if (reply[0] == BUS_UNIT && reply[1] == MUTE.reply)
         return kesErrorOk;
     return KES_LOG(kesErrorFailed, "Mute failed");
 }
@@ -110,7 +104,7 @@ kesEError kesEnergySystem::mute_device(kesEnergySocket* io_pChannel, unsigned in
 kesEError kesEnergySystem::set_address_by_serial(kesEnergySocket* io_pChannel, unsigned int i_uiSerial,
                                                  unsigned char i_ucAddress)
 {
-    unsigned char frame[9] = {BUS_UNIT, FUNCTION_SET_ADDRESS};
+    unsigned char frame[9] = {BUS_UNIT, SET_ADDRESS.request};
     put_serial(frame + 2, i_uiSerial);
     frame[6] = i_ucAddress;
     put_crc(frame, sizeof(frame));
@@ -119,7 +113,7 @@ kesEError kesEnergySystem::set_address_by_serial(kesEnergySocket* io_pChannel, u
     if (kesEError failed = transfer(io_pChannel, SET_ADDRESS_LADDER, exchange))
         return failed;
     // A refusal is left for the caller to retry and report.
-    return reply[1] == FUNCTION_SET_ADDRESS_REPLY ? kesErrorOk : kesErrorWarning;
+    return reply[1] == SET_ADDRESS.reply ? kesErrorOk : kesErrorWarning;
 }
 
 kesEError kesEnergySystem::EnableAllDeviceFind()

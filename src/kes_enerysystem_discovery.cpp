@@ -10,11 +10,6 @@ namespace kes {
 
 namespace {
 
-const unsigned char FUNCTION_COARSE_SEARCH = 0x03;
-const unsigned char FUNCTION_FINE_SEARCH = 0x04;
-const unsigned char FUNCTION_COARSE_REPLY = 0x05;
-const unsigned char FUNCTION_FINE_REPLY = 0x06;
-
 const unsigned int SHORT_REPLY_LENGTH = 11; // without the device type: a panel
 const unsigned int REPLY_LENGTH = 12;
 
@@ -106,7 +101,7 @@ kesEnergyDevice device_of(const unsigned char* i_pReply, unsigned int i_uiLength
 int kesEnergySystem::search(kesEnergySocket* io_pChannel, bool i_bFine, unsigned short i_usSearchKey,
                             kesArray<kesEnergyDevice>* o_devices, int i_iRetries, bool i_bNotify)
 {
-    unsigned char frame[6] = {BUS_UNIT, i_bFine ? FUNCTION_FINE_SEARCH : FUNCTION_COARSE_SEARCH,
+    unsigned char frame[6] = {BUS_UNIT, i_bFine ? FINE_SEARCH.request : COARSE_SEARCH.request,
                               static_cast<unsigned char>(i_usSearchKey >> 8),
                               static_cast<unsigned char>(i_usSearchKey & 0xFF)};
     put_crc(frame, sizeof(frame));
@@ -128,7 +123,7 @@ int kesEnergySystem::search(kesEnergySocket* io_pChannel, bool i_bFine, unsigned
     default:
         return SearchSilent;
     }
-    if (reply[0] != BUS_UNIT || reply[1] != (i_bFine ? FUNCTION_FINE_REPLY : FUNCTION_COARSE_REPLY))
+    if (reply[0] != BUS_UNIT || reply[1] != (i_bFine ? FINE_SEARCH.reply : COARSE_SEARCH.reply))
         return SearchSilent;
 
     const kesEnergyDevice device = device_of(reply, static_cast<unsigned int>(exchange.received));

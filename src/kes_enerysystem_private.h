@@ -11,6 +11,16 @@ namespace kes {
 // The unit every device hears: the bus's own frames go to it.
 const unsigned char BUS_UNIT = 0xFF;
 
+// The bus's own frames, all sent to BUS_UNIT: the function code of each
+// request and of its reply. Enabling the search has no reply.
+struct kesBusFunction {
+    unsigned char request;
+    unsigned char reply;
+};
+constexpr kesBusFunction COARSE_SEARCH = {0x03, 0x05}, FINE_SEARCH = {0x04, 0x06};
+constexpr kesBusFunction SET_ADDRESS = {0x07, 0x08}, MUTE = {0x0C, 0x0D};
+const unsigned char FUNCTION_ENABLE_SEARCH = 0x0E;
+
 inline unsigned int register_at(const unsigned char* i_pData, unsigned int i_uiIndex)
 {
     return (static_cast<unsigned int>(i_pData[2 * i_uiIndex]) << 8) | i_pData[2 * i_uiIndex + 1];
