@@ -95,14 +95,9 @@ kesEError kesEnergyDavisMeteo::start_threads()
 {
     term_threads();
 
-    m_pThread = new (std::nothrow) kesOsThread(thread_proc, this, false);
-    if (m_pThread == nullptr)
-        return KES_LOG(kesErrorOutOfMemory, "Can no create thread");
-    if (!m_pThread->Start(THREAD_STACK_SIZE)) {
-        delete m_pThread;
-        m_pThread = nullptr;
-        return KES_LOG(kesErrorFailed, "Can no start thread");
-    }
+    m_pThread = kesOsThread::Launch(thread_proc, this, THREAD_STACK_SIZE, __func__);
+    if (!m_pThread)
+        return kesErrorFailed;
 
     kesSOsMutex lock(&m_oMutex);
     m_uFlags |= FLAG_RUNNING;

@@ -143,14 +143,9 @@ void kesEnergyLine::clear_all_devices()
 kesEError kesEnergyLine::start_threads()
 {
     term_threads();
-    m_pThread = new (std::nothrow) kesOsThread(&kesEnergyLine::thread_proc, this, false);
+    m_pThread = kesOsThread::Launch(&kesEnergyLine::thread_proc, this, THREAD_STACK, __func__);
     if (!m_pThread)
-        return KES_LOG(kesErrorOutOfMemory, "Can no create thread");
-    if (!m_pThread->Start(THREAD_STACK)) {
-        delete m_pThread;
-        m_pThread = nullptr;
-        return KES_LOG(kesErrorFailed, "Can no start thread");
-    }
+        return kesErrorFailed;
     kesSOsMutex lock(&m_oMutex);
     m_uiStatus |= StatusRunning;
     return kesErrorOk;

@@ -1,6 +1,9 @@
 #include "kes_osthread.h"
 
+#include <new>
 #include <unistd.h>
+
+#include "kes_error.h"
 
 namespace kes {
 
@@ -121,6 +124,21 @@ void kesOsThread::Stop()
 bool kesOsThread::WaitContinue(unsigned int milliseconds)
 {
     return !m_eStop.WaitSignal(milliseconds);
+}
+
+kesOsThread* kesOsThread::Launch(Procedure procedure, void* argument, unsigned int stackSize, const char* i_szFunction)
+{
+    kesOsThread* thread = new (std::nothrow) kesOsThread(procedure, argument, false);
+    if (!thread) {
+        KES_LOG_IN(kesErrorOutOfMemory, "Can no create thread", i_szFunction);
+        return nullptr;
+    }
+    if (!thread->Start(stackSize)) {
+        delete thread;
+        KES_LOG_IN(kesErrorFailed, "Can no start thread", i_szFunction);
+        return nullptr;
+    }
+    return thread;
 }
 
 void kesOsThread::SleepMs(unsigned int milliseconds)

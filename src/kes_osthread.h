@@ -29,6 +29,10 @@ public:
     bool IsProcedureRunning();
     bool IsAutoRelease();
 
+    // A new thread, started, or null after a failure it has reported in the
+    // name of i_szFunction.
+    static kesOsThread* Launch(Procedure procedure, void* argument, unsigned int stackSize, const char* i_szFunction);
+
     static void SleepMs(unsigned int milliseconds);
     static void SleepMicro(unsigned int microseconds);
 
