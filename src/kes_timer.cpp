@@ -33,28 +33,10 @@ void kesTimer::SetCount(const unsigned int& count)
     m_uCount = count;
 }
 
-unsigned int kesTimer::GetResolutionTime()
+unsigned int kesTimer::locked(const unsigned int& field)
 {
     kesSOsMutex lock(&m_mMutex);
-    return m_uResolutionTime;
-}
-
-unsigned int kesTimer::GetExpiredTime()
-{
-    kesSOsMutex lock(&m_mMutex);
-    return m_uExpiredTime;
-}
-
-unsigned int kesTimer::GetCount()
-{
-    kesSOsMutex lock(&m_mMutex);
-    return m_uCount;
-}
-
-unsigned int kesTimer::GetCounter()
-{
-    kesSOsMutex lock(&m_mMutex);
-    return m_uCounter;
+    return field;
 }
 
 unsigned int kesTimer::get_loop_time()

@@ -22,10 +22,10 @@ public:
     void SetResolutionTime(const unsigned int& milliseconds);
     void SetExpiredTime(const unsigned int& milliseconds);
     void SetCount(const unsigned int& count);
-    unsigned int GetResolutionTime();
-    unsigned int GetExpiredTime();
-    unsigned int GetCount();
-    unsigned int GetCounter();
+    unsigned int GetResolutionTime() { return locked(m_uResolutionTime); }
+    unsigned int GetExpiredTime() { return locked(m_uExpiredTime); }
+    unsigned int GetCount() { return locked(m_uCount); }
+    unsigned int GetCounter() { return locked(m_uCounter); }
 
     kesEError Start(const unsigned int& stackSize);
     kesEError Stop();
@@ -36,6 +36,8 @@ protected:
 
 private:
     static void thread_proc(kesOsThread* thread, void* argument);
+    // A field as it stands, read under the lock: the loop thread writes them.
+    unsigned int locked(const unsigned int& field);
     void run(kesOsThread* thread);
     void term();
 
