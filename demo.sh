@@ -20,34 +20,7 @@ cmake --build build -j2 --target kes_energy kes_bus_sim kes_chart
 run=./run/demo
 rm -rf "$run"
 mkdir -p "$run/data" ./run/dev
-cat > "$run/conf.xml" <<'XML'
-<energy v="1">
-  <!-- a TCP gateway: two string modules, a panel, an alarm module, a meter -->
-  <line id="1" adr="127.0.0.1:20502">
-    <string type="2" mid="3" iid="1301" fid="0"/>
-    <string type="2" mid="3" iid="1302" fid="1"/>
-    <string type="2" mid="3" iid="1303" fid="2"/>
-    <string type="6" mid="4" iid="1401" fid="0"/>
-    <string type="6" mid="4" iid="1403" fid="2"/>
-    <string type="6" mid="4" iid="1405" fid="4"/>
-    <panel type="1" mid="5" iid="1501" fid="0"/>
-    <panel type="1" mid="5" iid="1502" fid="1"/>
-    <alarm type="3" mid="6" iid="1601" fid="0"/>
-    <alarm type="3" mid="6" iid="1604" fid="3"/>
-    <meter type="8" mid="7" iid="1701" fid="0"/>
-    <meter type="8" mid="7" iid="1702" fid="1"/>
-  </line>
-  <!-- a USB serial adapter: a four-string module and a pulse counter -->
-  <line id="2" adr="./run/dev/ttyUSB0">
-    <string type="7" mid="1" iid="2101" fid="0"/>
-    <string type="7" mid="1" iid="2103" fid="2"/>
-    <string type="7" mid="1" iid="2109" fid="8"/>
-    <meter type="5" mid="2" iid="2201" fid="0"/>
-    <meter type="5" mid="2" iid="2202" fid="1"/>
-  </line>
-  <davis adr="127.0.0.1:20222"/>
-</energy>
-XML
+cp ./scripts/demo_conf.xml "$run/conf.xml"
 
 sim_pid=""
 daemon_pid=""

@@ -105,6 +105,24 @@ inline void Abort(int i_fd)
     close(i_fd);
 }
 
+// Lets the code under test connect through i_connect (true once it has), takes
+// the connection and serves the input on it. Returns the peer's end, for Abort.
+template <typename CONNECT>
+int ConnectAndServe(const Listener& i_listener, CONNECT i_connect, const uint8_t* i_data, size_t i_size)
+{
+    // The fuzzer's alarm signal can cut a connect short: that is no finding.
+    int tries = 0;
+    while (!i_connect()) {
+        if (++tries == 3)
+            abort();
+        i_listener.DropPending();
+    }
+    const int peer = i_listener.Accept();
+    if (peer < 0 || !Serve(peer, i_data, i_size))
+        abort();
+    return peer;
+}
+
 inline void Listener::DropPending() const
 {
     for (;;) {

@@ -25,21 +25,11 @@ using kes::kesEnergyDevicePulseCounter;
 using kes::kesEnergyDevicePulseCounterTwo;
 using kes::kesEnergyDeviceString;
 using kes::kesEnergyDeviceStringTwo;
+using kes_test::LocalMs;
 
 const char* const FILES[] = {"d", "m", "y", "b", "offset_energy_day", "offset_pulse"};
 const size_t FILE_COUNT = sizeof(FILES) / sizeof(FILES[0]);
 const unsigned int MINUTES = 15;
-
-unsigned long long utc_ms(int i_year, int i_month, int i_day, int i_hour, int i_minute)
-{
-    struct tm date = {};
-    date.tm_year = i_year - 1900;
-    date.tm_mon = i_month - 1;
-    date.tm_mday = i_day;
-    date.tm_hour = i_hour;
-    date.tm_min = i_minute;
-    return static_cast<unsigned long long>(timegm(&date)) * 1000ull;
-}
 
 int remove_entry(const char* i_path, const struct stat*, int, struct FTW*)
 {
@@ -99,7 +89,8 @@ std::string read_file(const std::string& i_path)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static Folder folder;
-    // Dates and hours as the files show them, whatever the machine's zone.
+    // Dates and hours as the files show them, whatever the machine's zone:
+    // from here on local time is UTC.
     static const int utc = (setenv("TZ", "UTC0", 1), tzset(), 0);
     (void)utc;
     // KES_FUZZ_LOG=1 shows the records of one input, to see how far it got.
@@ -109,8 +100,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
 
     // Ticks at a boundary, one interval after the one before.
-    static const unsigned long long MOMENTS[] = {utc_ms(2026, 3, 14, 10, 15), utc_ms(2026, 3, 15, 0, 0),
-                                                 utc_ms(2026, 4, 1, 0, 0), utc_ms(2027, 1, 1, 0, 0)};
+    static const unsigned long long MOMENTS[] = {LocalMs(2026, 3, 14, 10, 15), LocalMs(2026, 3, 15, 0, 0),
+                                                 LocalMs(2026, 4, 1, 0, 0), LocalMs(2027, 1, 1, 0, 0)};
     const unsigned long long tick = MOMENTS[data[0] % 4];
     const unsigned long long start = tick - MINUTES * 60000ull;
     ++data;

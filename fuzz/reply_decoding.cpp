@@ -211,16 +211,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         size = MAX_STREAM;
 
     Engine engine;
-    // The fuzzer's alarm signal can cut a connect short: that is no finding.
-    int tries = 0;
-    while (engine.OpenCommunication("127.0.0.1", listener.Port(), 50, 0, 0) != kes::kesErrorOk) {
-        if (++tries == 3)
-            abort();
-        listener.DropPending();
-    }
-    const int peer = listener.Accept();
-    if (peer < 0 || !kes_fuzz::Serve(peer, data, size))
-        abort();
+    const int peer = kes_fuzz::ConnectAndServe(
+        listener, [&] { return engine.OpenCommunication("127.0.0.1", listener.Port(), 50, 0, 0) == kes::kesErrorOk; },
+        data, size);
     operation(engine);
     kes_fuzz::Abort(peer);
     engine.CloseCommunication();

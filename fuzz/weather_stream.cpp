@@ -62,16 +62,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     CheckedMeteo meteo;
     meteo.SetAddress("127.0.0.1", listener.Port());
     meteo.SetHistoryFolder(folder.path.c_str());
-    // The fuzzer's alarm signal can cut a connect short: that is no finding.
-    int tries = 0;
-    while (meteo.Start() != kes::kesErrorOk) {
-        if (++tries == 3)
-            abort();
-        listener.DropPending();
-    }
-    const int peer = listener.Accept();
-    if (peer < 0 || !kes_fuzz::Serve(peer, data, size))
-        abort();
+    const int peer = kes_fuzz::ConnectAndServe(
+        listener, [&] { return meteo.Start() == kes::kesErrorOk; }, data, size);
     // The reader closes its end once it has read the end of the stream: by
     // then every byte has been through the cutter. A reader that never gets
     // there is a hang, which the fuzzer's own time-out reports first.

@@ -381,34 +381,39 @@ TEST_F(HistorySystem, PulseMeterResetRunningAndAcrossARestart)
 
 TEST_F(HistorySystem, OffsetFilesAreReadAsWritten)
 {
+    // the texts of "offset_energy_day" and "offset_pulse"; nullptr for no file
+    struct Offsets {
+        const char* energy;
+        const char* pulse;
+    };
     const struct {
         const char* name;
-        const char* energyFile;
-        const char* pulseFile;
-        const char* energyAfter;
-        const char* pulseAfter;
+        Offsets before;
+        Offsets after;
         bool failureLogged;
     } cases[] = {
-        {"same day, the empty last piece brings UID 0", "14\n101|12.50\n", "301|7000.00\n999|5\n",
-         "14\n0|0.00\n101|12.50\n", "301|0.00\n", false},
-        {"another day", "13\n101|12.50\n", "301|7000\n", "14\n101|0.00\n", "301|0.00\n", false},
-        {"one field and bad lines", "14\n101\n7|1|2\nabc|5", "", "14\n0|5.00\n101|0.00\n", "301|0.00\n", false},
-        {"empty file", "", "", "14\n101|0.00\n", "301|0.00\n", false},
-        {"no files", nullptr, nullptr, "14\n101|0.00\n", "301|0.00\n", true},
+        {"same day, the empty last piece brings UID 0",
+         {"14\n101|12.50\n", "301|7000.00\n999|5\n"},
+         {"14\n0|0.00\n101|12.50\n", "301|0.00\n"},
+         false},
+        {"another day", {"13\n101|12.50\n", "301|7000\n"}, {"14\n101|0.00\n", "301|0.00\n"}, false},
+        {"one field and bad lines", {"14\n101\n7|1|2\nabc|5", ""}, {"14\n0|5.00\n101|0.00\n", "301|0.00\n"}, false},
+        {"empty file", {"", ""}, {"14\n101|0.00\n", "301|0.00\n"}, false},
+        {"no files", {nullptr, nullptr}, {"14\n101|0.00\n", "301|0.00\n"}, true},
     };
     for (const auto& c : cases) {
         m_log.Clear();
         unlink(m_dir.File("offset_energy_day").c_str());
         unlink(m_dir.File("offset_pulse").c_str());
-        if (c.energyFile)
-            kes_test::WriteFile(m_dir.File("offset_energy_day"), c.energyFile);
-        if (c.pulseFile)
-            kes_test::WriteFile(m_dir.File("offset_pulse"), c.pulseFile);
+        if (c.before.energy)
+            kes_test::WriteFile(m_dir.File("offset_energy_day"), c.before.energy);
+        if (c.before.pulse)
+            kes_test::WriteFile(m_dir.File("offset_pulse"), c.before.pulse);
         auto history = Started(5, LocalMs(2015, 3, 14, 10, 0));
         history->SetClock(LocalMs(2015, 3, 14, 10, 5));
         history->Tick();
-        EXPECT_EQ(c.energyAfter, Read("offset_energy_day")) << c.name;
-        EXPECT_EQ(c.pulseAfter, Read("offset_pulse")) << c.name;
+        EXPECT_EQ(c.after.energy, Read("offset_energy_day")) << c.name;
+        EXPECT_EQ(c.after.pulse, Read("offset_pulse")) << c.name;
         EXPECT_EQ(c.failureLogged, Logged("Can not read offset file")) << c.name;
     }
 }

@@ -35,6 +35,15 @@ std::mutex g_mutex;
 std::condition_variable g_arrived;
 std::vector<Seen> g_seen;
 
+// The address and one measured value of a reading of type DATA.
+template <typename DATA, typename VALUE>
+void take(Seen* o_seen, const void* i_data, VALUE DATA::*i_value)
+{
+    const DATA* data = static_cast<const DATA*>(i_data);
+    o_seen->address = data->address;
+    o_seen->value = data->*i_value;
+}
+
 void on_event(const kesEvent& i_event)
 {
     Seen seen = {i_event.source, i_event.code, 0, 0, 0, 0};
@@ -44,26 +53,21 @@ void on_event(const kesEvent& i_event)
         seen.address = seen.key >> 16;
         break;
     case kesEnergyDevicePanel:
-        seen.address = static_cast<const kesEnergyPanelData*>(i_event.data)->address;
-        seen.value = static_cast<const kesEnergyPanelData*>(i_event.data)->voltage;
+        take(&seen, i_event.data, &kesEnergyPanelData::voltage);
         break;
     case kesEnergyDeviceString:
     case kesEnergyDeviceStringOne:
-        seen.address = static_cast<const kesEnergyStringData*>(i_event.data)->address;
-        seen.value = static_cast<const kesEnergyStringData*>(i_event.data)->ampere;
+        take(&seen, i_event.data, &kesEnergyStringData::ampere);
         break;
     case kesEnergyDeviceStringTwo:
-        seen.address = static_cast<const kesEnergyStringTwoData*>(i_event.data)->address;
-        seen.value = static_cast<const kesEnergyStringTwoData*>(i_event.data)->ampere2;
+        take(&seen, i_event.data, &kesEnergyStringTwoData::ampere2);
         break;
     case kesEnergyDeviceAlarm:
-        seen.address = static_cast<const kesEnergyAlarmData*>(i_event.data)->address;
-        seen.value = static_cast<const kesEnergyAlarmData*>(i_event.data)->voltage;
+        take(&seen, i_event.data, &kesEnergyAlarmData::voltage);
         seen.status = static_cast<const kesEnergyAlarmData*>(i_event.data)->status;
         break;
     case kesEnergyDevicePulseCounter:
-        seen.address = static_cast<const kesEnergyPulseCounterData*>(i_event.data)->address;
-        seen.value = static_cast<const kesEnergyPulseCounterData*>(i_event.data)->count;
+        take(&seen, i_event.data, &kesEnergyPulseCounterData::count);
         break;
     default:
         seen.address = *static_cast<const unsigned short*>(i_event.data);

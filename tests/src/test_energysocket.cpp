@@ -36,6 +36,22 @@ Bytes same(const Bytes& i_request)
     return i_request;
 }
 
+// One Receive into a buffer the size of REPLY: what it returns, the count it
+// gives beside that, and the buffer.
+struct Received {
+    int result;
+    int count;
+    Bytes bytes;
+};
+
+Received receive(kesEnergySocket& io_channel)
+{
+    unsigned char reply[9] = {0};
+    int count = -1;
+    const int result = io_channel.Receive(reply, sizeof(reply), &count);
+    return {result, count, Bytes(reply, reply + sizeof(reply))};
+}
+
 } // namespace
 
 TEST(EnergySocket, AddressPicksTheChannel)
@@ -132,11 +148,10 @@ TEST(EnergySocket, SerialEchoShapes)
         }
         peer.Join();
         if (c.sendResult == 8) {
-            unsigned char reply[9] = {0};
-            int received = -1;
-            EXPECT_EQ(9, channel.Receive(reply, sizeof(reply), &received)) << c.name;
-            EXPECT_EQ(9, received);
-            EXPECT_EQ(REPLY, Bytes(reply, reply + 9)) << c.name;
+            const Received got = receive(channel);
+            EXPECT_EQ(9, got.result) << c.name;
+            EXPECT_EQ(9, got.count);
+            EXPECT_EQ(REPLY, got.bytes) << c.name;
         }
         EXPECT_TRUE(channel.IsOpen()) << c.name;
     }
@@ -152,10 +167,9 @@ TEST(EnergySocket, ShortReplyOnBothChannels)
         ASSERT_EQ(kesErrorOk, channel.Open(pty.LinkPath().c_str(), 0));
         channel.SetReceiveTimeOut(80);
         kes_test::WriteAll(pty.Master(), five);
-        unsigned char reply[9] = {0};
-        int received = -1;
-        EXPECT_EQ(5, channel.Receive(reply, sizeof(reply), &received));
-        EXPECT_EQ(5, received);
+        const Received got = receive(channel);
+        EXPECT_EQ(5, got.result);
+        EXPECT_EQ(5, got.count);
         EXPECT_TRUE(channel.IsOpen());
     }
     // TCP: a time-out, with the count beside it
@@ -169,10 +183,9 @@ TEST(EnergySocket, ShortReplyOnBothChannels)
         kesEnergySocket channel;
         ASSERT_EQ(kesErrorOk, channel.Open(server.Address().c_str(), 0));
         channel.SetReceiveTimeOut(80);
-        unsigned char reply[9] = {0};
-        int received = -1;
-        EXPECT_EQ(-2, channel.Receive(reply, sizeof(reply), &received));
-        EXPECT_EQ(5, received);
+        const Received got = receive(channel);
+        EXPECT_EQ(-2, got.result);
+        EXPECT_EQ(5, got.count);
         EXPECT_TRUE(channel.IsOpen());
         done.Open();
     }
@@ -211,9 +224,7 @@ TEST(EnergySocket, LostGatewayClosesTheChannelAndItReopens)
     kesEnergySocket channel;
     ASSERT_EQ(kesErrorOk, channel.Open(server.Address().c_str(), 0));
     channel.SetReceiveTimeOut(2000);
-    unsigned char reply[9] = {0};
-    int received = -1;
-    EXPECT_EQ(-3, channel.Receive(reply, sizeof(reply), &received));
+    EXPECT_EQ(-3, receive(channel).result);
     EXPECT_FALSE(channel.IsOpen());
     EXPECT_TRUE(channel.IsValid() == false);
     ErrorCapture errors;

@@ -78,6 +78,11 @@ protected:
         kesEnergySystem::MODE = m_savedMode;
     }
     void Open() { ASSERT_EQ(kesErrorOk, m_system.OpenCommunication(m_gateway.GetAddress().c_str(), 0, 50, 5, 30)); }
+    void OpenForSearch()
+    {
+        Open();
+        m_system.ShortenReceiveTimeOut();
+    }
     std::string LastRequest() const
     {
         std::vector<Bytes> requests = m_gateway.GetRequests();
@@ -101,66 +106,30 @@ TEST_F(BusTest, FramesOnTheWire)
         std::string expected; // without CRC when crc is true
         bool crc;
     };
+    // where the calls put what they read: only the requests count here
+    kesArray<kesEnergyDevice> devices;
+    kesEnergyDevice device;
+    kesString text;
     const Row rows[] = {
         {"enable search", [](BusSystem& s) { s.EnableAllDeviceFind(); }, "FF 0E 4F 4B 25 F4", false},
         {"mute", [](BusSystem& s) { s.MuteDeviceBySerial(16909060); }, "FF 0C 01 02 03 04 A5 1A", false},
         {"set address", [](BusSystem& s) { s.SetDeviceAddress(16909060, 5); }, "FF 07 01 02 03 04 05 1B 03", false},
-        {"coarse search",
-         [](BusSystem& s) {
-             kesArray<kesEnergyDevice> d;
-             s.Coarse(7, &d);
-         },
-         "FF 03 00 07 81 F2", false},
-        {"fine search",
-         [](BusSystem& s) {
-             kesArray<kesEnergyDevice> d;
-             s.Fine(1015, &d);
-         },
-         "FF 04 03 F7 30 87", false},
-        {"find by serial",
-         [](BusSystem& s) {
-             kesEnergyDevice d;
-             s.FindDeviceBySerial(0x00012345, &d);
-         },
-         "FF 04 23 45", true},
-        {"panel model",
-         [](BusSystem& s) {
-             kesString t;
-             s.ReadPanelModel(300, &t);
-         },
-         "01 03 01 2E 00 05", true},
-        {"string four serial",
-         [](BusSystem& s) {
-             kesString t;
-             s.ReadStringFourSerial(300, &t);
-         },
-         "07 03 01 36 00 0F", true},
-        {"ambient test date at 24",
-         [](BusSystem& s) {
-             kesString t;
-             s.ReadAmbientTestDate(300, &t);
-         },
-         "04 03 01 44 00 0A", true},
-        {"alarm test date at 25",
-         [](BusSystem& s) {
-             kesString t;
-             s.ReadAlarmTestDate(300, &t);
-         },
-         "03 03 01 45 00 0A", true},
-        {"string test date at 22",
-         [](BusSystem& s) {
-             kesString t;
-             s.ReadStringTestDate(300, &t);
-         },
-         "02 03 01 42 00 0A", true},
+        {"coarse search", [&](BusSystem& s) { s.Coarse(7, &devices); }, "FF 03 00 07 81 F2", false},
+        {"fine search", [&](BusSystem& s) { s.Fine(1015, &devices); }, "FF 04 03 F7 30 87", false},
+        {"find by serial", [&](BusSystem& s) { s.FindDeviceBySerial(0x00012345, &device); }, "FF 04 23 45", true},
+        {"panel model", [&](BusSystem& s) { s.ReadPanelModel(300, &text); }, "01 03 01 2E 00 05", true},
+        {"string four serial", [&](BusSystem& s) { s.ReadStringFourSerial(300, &text); }, "07 03 01 36 00 0F", true},
+        {"ambient test date at 24", [&](BusSystem& s) { s.ReadAmbientTestDate(300, &text); }, "04 03 01 44 00 0A",
+         true},
+        {"alarm test date at 25", [&](BusSystem& s) { s.ReadAlarmTestDate(300, &text); }, "03 03 01 45 00 0A", true},
+        {"string test date at 22", [&](BusSystem& s) { s.ReadStringTestDate(300, &text); }, "02 03 01 42 00 0A", true},
         {"panel flash", [](BusSystem& s) { s.ReadPanelFlash(300, 0, 0, 0, 0, 0, 0, 0, 0); }, "01 03 01 4C 00 09", true},
         {"alarm status", [](BusSystem& s) { s.ReadAlarmStatus(300, 0, 0, 0); }, "03 03 01 2E 00 02", true},
         {"alarm tuning, 17 bytes", [](BusSystem& s) { s.SetupAlarmTuning(300, 0x0102, 0x0304, 0x0506); },
          "03 10 01 2C 00 04 08 00 01 01 02 03 04 05 06", true},
     };
     m_gateway.AddDevice(kesEnergyDevicePanel, 16909060, 1);
-    Open();
-    m_system.ShortenReceiveTimeOut();
+    OpenForSearch();
     for (const Row& row : rows) {
         m_gateway.ClearRequests();
         row.call(m_system);
@@ -350,6 +319,7 @@ TEST_F(BusTest, ControlAlarmDeviceStatusFailureIsReportedTwice)
 
 TEST_F(BusTest, MuteReplies)
 {
+    Open();
     struct Row {
         const char* name;
         Bytes raw;
@@ -363,7 +333,6 @@ TEST_F(BusTest, MuteReplies)
         {"bad check sum", Hex("FF 0D 00 00 00 01 00 00"), false, kesErrorFailed, "Check sum invalid"},
         {"short", Hex("FF 0D 00"), false, kesErrorFailed, "Timeout"},
     };
-    Open();
     for (const Row& row : rows) {
         m_log.Clear();
         m_gateway.PushFault(TestGateway::MakeFault(TestGateway::FaultRaw, row.crc ? 1 : 0, row.raw));
@@ -509,8 +478,7 @@ TEST_F(BusTest, SearchExchangeResults)
     };
     for (unsigned int serial = 1001; serial <= 1005; ++serial)
         m_gateway.AddDevice(kesEnergyDeviceString, serial, 50); // acknowledge the mutes
-    Open();
-    m_system.ShortenReceiveTimeOut();
+    OpenForSearch();
     for (const Row& row : rows) {
         m_log.Clear();
         m_system.found.clear();
@@ -537,8 +505,7 @@ TEST_F(BusTest, SearchExchangeResults)
 
 TEST_F(BusTest, SilentKeyIsAskedAgainThroughAGateway)
 {
-    Open();
-    m_system.ShortenReceiveTimeOut();
+    OpenForSearch();
     const int retries[] = {0, 2};
     for (int r : retries) {
         m_gateway.ClearRequests();
@@ -565,8 +532,7 @@ TEST_F(BusTest, FindDeviceBySerial)
 
 TEST_F(BusTest, EmptyBusGivesAnEmptyList)
 {
-    Open();
-    m_system.ShortenReceiveTimeOut();
+    OpenForSearch();
     kesArray<kesEnergyDevice> devices;
     devices.AddBack(make_device(kesEnergyDevicePanel, 1, 1));
     EXPECT_EQ(kesErrorOk, m_system.FindAllDevices(&devices));
@@ -578,16 +544,16 @@ TEST_F(BusTest, EmptyBusGivesAnEmptyList)
 
 TEST_F(BusTest, CollidingDevicesAreEachFoundOnceThenNumbered)
 {
-    // 16909060 and 20000160 share the coarse key 60.
+    // 16909060 and 20000160 share the coarse key 60. In the order of finding:
+    // key 60 by its fine keys 160 and 9060, then 78.
+    const std::vector<unsigned int> serials = {20000160, 16909060, 12345678};
     m_gateway.AddDevice(kesEnergyDeviceStringFour, 16909060, 9);
     m_gateway.AddDevice(kesEnergyDevicePanel, 20000160, 9);
     m_gateway.AddDevice(kesEnergyDeviceAlarm, 12345678, 9);
-    Open();
-    m_system.ShortenReceiveTimeOut();
+    OpenForSearch();
     kesArray<kesEnergyDevice> devices;
     ASSERT_EQ(kesErrorOk, m_system.FindAllDevices(&devices));
-    // in the order of finding: key 60 by its fine keys 160 and 9060, then 78
-    EXPECT_EQ((std::vector<unsigned int>{20000160, 16909060, 12345678}), serials_of(devices));
+    EXPECT_EQ(serials, serials_of(devices));
     EXPECT_EQ(kesEnergyDevicePanel, devices[0].Type);
     EXPECT_EQ(kesEnergyDeviceStringFour, devices[1].Type);
     EXPECT_EQ(kesEnergyDeviceAlarm, devices[2].Type);
@@ -595,7 +561,6 @@ TEST_F(BusTest, CollidingDevicesAreEachFoundOnceThenNumbered)
     EXPECT_EQ(0u, m_log.Count()) << m_log.Dump();
 
     ASSERT_EQ(kesErrorOk, m_system.SetDevicesAddresses(5, &devices));
-    const unsigned int serials[] = {20000160, 16909060, 12345678};
     for (unsigned int i = 0; i < 3; ++i) {
         TestBusGateway::Device device;
         m_gateway.GetDevice(serials[i], &device);
@@ -612,8 +577,7 @@ TEST_F(BusTest, DevicesThatKeepAnsweringCannotHoldTheSearch)
     m_gateway.SetSearchType(222, 12);
     m_gateway.AddDevice(kesEnergyDeviceString, 333, 3); // old short answers
     m_gateway.SetShortForm(333);
-    Open();
-    m_system.ShortenReceiveTimeOut();
+    OpenForSearch();
     kesArray<kesEnergyDevice> devices;
     ASSERT_EQ(kesErrorOk, m_system.FindAllDevices(&devices));
     EXPECT_EQ((std::vector<unsigned int>{111, 333}), serials_of(devices));
@@ -628,8 +592,7 @@ TEST_F(BusTest, SearchWithoutMuteSortsAndMerges)
     m_gateway.AddDevice(kesEnergyDeviceString, 5003, 1);
     m_gateway.AddDevice(kesEnergyDeviceString, 1203, 2); // collides with 5003 on 3
     m_gateway.AddDevice(kesEnergyDeviceString, 9, 3);
-    Open();
-    m_system.ShortenReceiveTimeOut();
+    OpenForSearch();
     kesArray<kesEnergyDevice> devices;
     ASSERT_EQ(kesErrorOk, m_system.old_find_all_devices(&devices, 0, 2));
     EXPECT_EQ((std::vector<unsigned int>{9, 1203, 5003}), serials_of(devices));
@@ -643,8 +606,7 @@ TEST_F(BusTest, FineKeySearch)
     m_gateway.AddDevice(kesEnergyDeviceString, 10012, 1);
     m_gateway.AddDevice(kesEnergyDeviceString, 20004, 2);
     m_gateway.AddDevice(kesEnergyDeviceString, 30040, 3);
-    Open();
-    m_system.ShortenReceiveTimeOut();
+    OpenForSearch();
     kesArray<kesEnergyDevice> devices;
     ASSERT_EQ(kesErrorOk, m_system.find_all_devices_10000(&devices, 20));
     EXPECT_EQ((std::vector<unsigned int>{10012, 20004}), serials_of(devices));
@@ -658,8 +620,7 @@ TEST_F(BusTest, LostGatewayEndsTheSearch)
         [](BusSystem& s, kesArray<kesEnergyDevice>* d) { return s.find_all_devices_10000(d, 10000); },
     };
     for (const auto& search : searches) {
-        Open();
-        m_system.ShortenReceiveTimeOut();
+        OpenForSearch();
         m_log.Clear();
         m_gateway.PushFault(TestGateway::MakeFault(TestGateway::FaultClose));
         kesArray<kesEnergyDevice> devices;

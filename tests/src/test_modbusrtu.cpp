@@ -24,9 +24,9 @@ Bytes frame_bytes(const kesIModbusRtuFrame& i_frame)
 std::string hex(const Bytes& i_bytes)
 {
     std::string text;
-    char part[4];
+    char part[5];
     for (unsigned char b : i_bytes) {
-        snprintf(part, sizeof(part), "%02X ", b);
+        snprintf(part, sizeof(part), text.empty() ? "%02X" : " %02X", b);
         text += part;
     }
     return text;
@@ -49,6 +49,10 @@ Bytes built()
 }
 
 typedef kesModbusRtuReadHoldingRegistersFrame Holding;
+typedef kesModbusRtuReadCoilsFrame Coils;
+typedef kesModbusRtuReadDiscreteInputsFrame DiscreteInputs;
+typedef kesModbusRtuReadInputRegistersFrame InputRegisters;
+typedef kesModbusRtuWriteMultipleCoilsFrame MultipleCoils;
 typedef kesModbusRtuWriteSingleCoilFrame SingleCoil;
 typedef kesModbusRtuWriteSingleRegisterFrame SingleRegister;
 typedef kesModbusRtuWriteMultipleRegistersFrame MultipleRegisters;
@@ -59,50 +63,35 @@ TEST(ModbusRtuFrame, BytesOnTheWire)
 {
     kes_test::ErrorCapture errors;
     // CRCs from an independent Modbus implementation (pymodbus computeCRC)
-    const std::vector<std::tuple<const char*, Bytes, Bytes>> cases = {
-        {"new read holding registers", built<Holding>(), {0x00, 0x03, 0x00, 0x00, 0x00, 0x00, 0x44, 0x1B}},
-        {"unit 1, registers 100 and 2",
-         built<Holding>([](Holding& f) { f.SetUnitID(1), f.SetRegisters(100, 2); }),
-         {0x01, 0x03, 0x00, 0x64, 0x00, 0x02, 0x85, 0xD4}},
-        {"panel read at bus address 300",
-         built<Holding>([](Holding& f) { f.SetRegisters(300, 2), f.SetUnitID(1); }),
-         {0x01, 0x03, 0x01, 0x2C, 0x00, 0x02, 0x04, 0x3E}},
-        {"new read coils", built<kesModbusRtuReadCoilsFrame>(), {0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x3D, 0xDB}},
-        {"new read discrete inputs",
-         built<kesModbusRtuReadDiscreteInputsFrame>(),
-         {0x00, 0x02, 0x00, 0x00, 0x00, 0x00, 0x79, 0xDB}},
-        {"new read input registers",
-         built<kesModbusRtuReadInputRegistersFrame>(),
-         {0x00, 0x04, 0x00, 0x00, 0x00, 0x00, 0xF1, 0xDB}},
-        {"new write single coil", built<SingleCoil>(), {0x00, 0x05, 0x00, 0x00, 0x00, 0x00, 0xCC, 0x1B}},
-        {"single coil on 1",
-         built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 1); }),
-         {0x00, 0x05, 0x00, 0x05, 0xFF, 0x00, 0x9D, 0xEA}},
-        {"single coil on 2 counts as on",
-         built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 2); }),
-         {0x00, 0x05, 0x00, 0x05, 0xFF, 0x00, 0x9D, 0xEA}},
-        {"single coil off",
-         built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 1), f.SetRegister(5, 0); }),
-         {0x00, 0x05, 0x00, 0x05, 0x00, 0x00, 0xDC, 0x1A}},
-        {"new write single register", built<SingleRegister>(), {0x00, 0x06, 0x00, 0x00, 0x00, 0x00, 0x88, 0x1B}},
-        {"single register 5 = 0x1234",
-         built<SingleRegister>([](SingleRegister& f) { f.SetRegister(5, 0x1234); }),
-         {0x00, 0x06, 0x00, 0x05, 0x12, 0x34, 0x95, 0x6D}},
-        {"new write multiple coils is 8 bytes",
-         built<kesModbusRtuWriteMultipleCoilsFrame>(),
-         {0x00, 0x0F, 0x00, 0x00, 0x00, 0x00, 0x54, 0x1A}},
-        {"new write multiple registers", built<MultipleRegisters>(), {0x00, 0x10, 0x00, 0x00, 0x00, 0x00, 0xC1, 0xD8}},
-        {"header before data",
+    const std::vector<std::tuple<const char*, std::string, Bytes>> cases = {
+        {"new read holding registers", "00 03 00 00 00 00 44 1B", built<Holding>()},
+        {"unit 1, registers 100 and 2", "01 03 00 64 00 02 85 D4",
+         built<Holding>([](Holding& f) { f.SetUnitID(1), f.SetRegisters(100, 2); })},
+        {"panel read at bus address 300", "01 03 01 2C 00 02 04 3E",
+         built<Holding>([](Holding& f) { f.SetRegisters(300, 2), f.SetUnitID(1); })},
+        {"new read coils", "00 01 00 00 00 00 3D DB", built<Coils>()},
+        {"new read discrete inputs", "00 02 00 00 00 00 79 DB", built<DiscreteInputs>()},
+        {"new read input registers", "00 04 00 00 00 00 F1 DB", built<InputRegisters>()},
+        {"new write single coil", "00 05 00 00 00 00 CC 1B", built<SingleCoil>()},
+        {"single coil on 1", "00 05 00 05 FF 00 9D EA", built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 1); })},
+        {"single coil on 2 counts as on", "00 05 00 05 FF 00 9D EA",
+         built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 2); })},
+        {"single coil off", "00 05 00 05 00 00 DC 1A",
+         built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 1), f.SetRegister(5, 0); })},
+        {"new write single register", "00 06 00 00 00 00 88 1B", built<SingleRegister>()},
+        {"single register 5 = 0x1234", "00 06 00 05 12 34 95 6D",
+         built<SingleRegister>([](SingleRegister& f) { f.SetRegister(5, 0x1234); })},
+        {"new write multiple coils is 8 bytes", "00 0F 00 00 00 00 54 1A", built<MultipleCoils>()},
+        {"new write multiple registers", "00 10 00 00 00 00 C1 D8", built<MultipleRegisters>()},
+        {"header before data", "01 10 00 0A 00 02 04 DE AD BE EF E8 35",
          built<MultipleRegisters>(
-             [](MultipleRegisters& f) { f.SetUnitID(1), f.SetRegisters(10, 2), f.SetData(DATA4, 4); }),
-         {0x01, 0x10, 0x00, 0x0A, 0x00, 0x02, 0x04, 0xDE, 0xAD, 0xBE, 0xEF, 0xE8, 0x35}},
-        {"header after data",
+             [](MultipleRegisters& f) { f.SetUnitID(1), f.SetRegisters(10, 2), f.SetData(DATA4, 4); })},
+        {"header after data", "01 10 00 0A 00 02 04 DE AD BE EF E8 35",
          built<MultipleRegisters>(
-             [](MultipleRegisters& f) { f.SetData(DATA4, 4), f.SetRegisters(10, 2), f.SetUnitID(1); }),
-         {0x01, 0x10, 0x00, 0x0A, 0x00, 0x02, 0x04, 0xDE, 0xAD, 0xBE, 0xEF, 0xE8, 0x35}},
+             [](MultipleRegisters& f) { f.SetData(DATA4, 4), f.SetRegisters(10, 2), f.SetUnitID(1); })},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(hex(std::get<2>(c)), hex(std::get<1>(c))) << std::get<0>(c);
+        EXPECT_EQ(std::get<1>(c), hex(std::get<2>(c))) << std::get<0>(c);
     EXPECT_EQ(0u, errors.Count()) << errors.Dump();
 }
 

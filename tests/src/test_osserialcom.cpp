@@ -53,19 +53,14 @@ TEST(OsSerialCom, LineSettingsGiveTheByteRate)
         unsigned int bytesPerSecond;
         unsigned int waitFor8Bytes;
     };
+    typedef kesOsSerialCom S;
     const Case cases[] = {
-        {"9600 8N1", kesOsSerialCom::Baud9600, kesOsSerialCom::DataBits8, kesOsSerialCom::ParityNone,
-         kesOsSerialCom::StopBitsOne, 10, 960, 8},
-        {"9600 8E1", kesOsSerialCom::Baud9600, kesOsSerialCom::DataBits8, kesOsSerialCom::ParityEven,
-         kesOsSerialCom::StopBitsOne, 11, 872, 9},
-        {"9600 7N2", kesOsSerialCom::Baud9600, kesOsSerialCom::DataBits7, kesOsSerialCom::ParityNone,
-         kesOsSerialCom::StopBitsTwo, 10, 960, 8},
-        {"300 5N1", kesOsSerialCom::Baud300, kesOsSerialCom::DataBits5, kesOsSerialCom::ParityNone,
-         kesOsSerialCom::StopBitsOne, 7, 42, 190},
-        {"115200 8N1", kesOsSerialCom::Baud115200, kesOsSerialCom::DataBits8, kesOsSerialCom::ParityNone,
-         kesOsSerialCom::StopBitsOne, 10, 11520, 0},
-        {"57600 6O2", kesOsSerialCom::Baud57600, kesOsSerialCom::DataBits6, kesOsSerialCom::ParityOdd,
-         kesOsSerialCom::StopBitsTwo, 10, 5760, 1},
+        {"9600 8N1", S::Baud9600, S::DataBits8, S::ParityNone, S::StopBitsOne, 10, 960, 8},
+        {"9600 8E1", S::Baud9600, S::DataBits8, S::ParityEven, S::StopBitsOne, 11, 872, 9},
+        {"9600 7N2", S::Baud9600, S::DataBits7, S::ParityNone, S::StopBitsTwo, 10, 960, 8},
+        {"300 5N1", S::Baud300, S::DataBits5, S::ParityNone, S::StopBitsOne, 7, 42, 190},
+        {"115200 8N1", S::Baud115200, S::DataBits8, S::ParityNone, S::StopBitsOne, 10, 11520, 0},
+        {"57600 6O2", S::Baud57600, S::DataBits6, S::ParityOdd, S::StopBitsTwo, 10, 5760, 1},
     };
     for (const Case& c : cases) {
         PtyPair pty;

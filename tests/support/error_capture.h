@@ -15,8 +15,6 @@ class ErrorCapture {
 public:
     ErrorCapture();
     ~ErrorCapture();
-    ErrorCapture(const ErrorCapture&) = delete;
-    ErrorCapture& operator=(const ErrorCapture&) = delete;
 
     std::vector<std::string> Records() const;
     std::vector<unsigned int> Codes() const;
@@ -29,6 +27,10 @@ public:
     std::string Dump() const;
 
 private:
+    // Each copy would put the saved outputs back once more.
+    ErrorCapture(const ErrorCapture&) = delete;
+    ErrorCapture& operator=(const ErrorCapture&) = delete;
+
     unsigned int m_uSavedLevel;
     void (*m_pSavedCallBack)(const kes::kesError&);
 };
