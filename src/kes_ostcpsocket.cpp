@@ -1,5 +1,6 @@
 #include "kes_ostcpsocket.h"
 
+#include "kes_osutility.h"
 #include "kes_time.h"
 
 #include <arpa/inet.h>
@@ -82,13 +83,7 @@ kesEError kesOsTcpSocket::Reset()
     if (result != kesErrorOk)
         return KES_LOG(kesErrorNetwork, "Can not close socket");
 
-    int handle = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
-    if (handle == 0) {
-        // descriptor 0 would read as "no socket": move it up
-        int moved = fcntl(handle, F_DUPFD_CLOEXEC, 1);
-        close(handle);
-        handle = moved;
-    }
+    const int handle = kesOsUtility::OpenSocket(SOCK_STREAM, IPPROTO_TCP);
     if (handle == -1)
         return KES_LOG_STD(kesErrorNetwork, "Can not create socket");
     m_hSocket = handle;

@@ -1,5 +1,7 @@
 #include "kes_osudpsocket.h"
 
+#include "kes_osutility.h"
+
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
@@ -28,20 +30,9 @@ kesEError kesOsUdpSocket::Reset()
     if (closed != kesErrorOk)
         return KES_LOG(closed, "Can not close socket");
 
-    int handle = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+    const int handle = kesOsUtility::OpenSocket(SOCK_DGRAM, IPPROTO_UDP);
     if (handle < 0)
         return KES_LOG_STD(kesErrorNetwork, "Can not create socket");
-    if (handle == 0) {
-        // Descriptor 0 would read as "no socket": move it above.
-        int moved = fcntl(handle, F_DUPFD_CLOEXEC, 1);
-        int saved = errno;
-        close(handle);
-        if (moved < 0) {
-            errno = saved;
-            return KES_LOG_STD(kesErrorNetwork, "Can not create socket");
-        }
-        handle = moved;
-    }
     m_iHandle = handle;
     return kesErrorOk;
 }

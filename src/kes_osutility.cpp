@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -89,6 +91,19 @@ int OpenRegular(const char* path, int flags, kesString* o_why)
     if (o_why)
         *o_why = why;
     return fd;
+}
+
+int OpenSocket(int type, int protocol)
+{
+    int handle = socket(AF_INET, type | SOCK_CLOEXEC, protocol);
+    if (handle == 0) {
+        const int moved = fcntl(handle, F_DUPFD_CLOEXEC, 1);
+        const int saved = errno;
+        close(handle);
+        errno = saved;
+        handle = moved;
+    }
+    return handle;
 }
 
 } // namespace kesOsUtility

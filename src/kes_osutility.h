@@ -27,6 +27,10 @@ kesString NonRegularFile(const char* path);
 // failure, and o_why holds the words to follow the path in a record.
 int OpenRegular(const char* path, int flags, kesString* o_why);
 
+// An IPv4 socket of the type (SOCK_STREAM, SOCK_DGRAM) closed on exec, never
+// on descriptor 0, which would read as "no socket". Silent: -1 with errno.
+int OpenSocket(int type, int protocol);
+
 } // namespace kesOsUtility
 } // namespace kes
 

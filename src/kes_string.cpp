@@ -40,8 +40,9 @@ kesString& kesString::AddFormat(unsigned int size, const char* format, ...)
 {
     va_list args;
     va_start(args, format);
-    append(format_bounded(size, format, args));
+    const std::string text = format_bounded(size, format, args);
     va_end(args);
+    append(text);
     return *this;
 }
 
