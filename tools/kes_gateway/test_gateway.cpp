@@ -269,6 +269,51 @@ size_t TestGateway::request_length(const Bytes& i_input)
     return i_input.size() >= length ? length : 0;
 }
 
+namespace {
+
+// Turns the normal reply into the one a queued fault asks for; false when the
+// fault closes the connection instead.
+bool apply_fault(const TestGateway::Fault& fault, const Bytes& request, Bytes* io_reply, uint64_t* o_delay)
+{
+    Bytes& reply = *io_reply;
+    switch (fault.kind) {
+    case TestGateway::FaultNone:
+        break;
+    case TestGateway::FaultSilent:
+        reply.clear();
+        break;
+    case TestGateway::FaultBadCrc:
+        if (!reply.empty())
+            reply.back() ^= 0x5A;
+        break;
+    case TestGateway::FaultWrongUnit:
+    case TestGateway::FaultWrongFunction:
+        if (!reply.empty()) {
+            reply.resize(reply.size() - 2);
+            reply[fault.kind == TestGateway::FaultWrongUnit ? 0 : 1] = static_cast<uint8_t>(fault.value);
+            reply = WithCrc(reply);
+        }
+        break;
+    case TestGateway::FaultException:
+        reply = WithCrc({request[0], static_cast<uint8_t>(request[1] | 0x80), static_cast<uint8_t>(fault.value)});
+        break;
+    case TestGateway::FaultShort:
+        reply.resize(reply.size() > fault.value ? reply.size() - fault.value : 0);
+        break;
+    case TestGateway::FaultLate:
+        *o_delay = fault.value;
+        break;
+    case TestGateway::FaultClose:
+        return false;
+    case TestGateway::FaultRaw:
+        reply = fault.value ? WithCrc(fault.raw) : fault.raw;
+        break;
+    }
+    return true;
+}
+
+} // namespace
+
 void TestGateway::serve_input(Connection& io_connection, bool* o_close)
 {
     *o_close = false;
@@ -292,39 +337,9 @@ void TestGateway::serve_input(Connection& io_connection, bool* o_close)
 
         Bytes reply = Reply(request);
         uint64_t delay = 0;
-        switch (fault.kind) {
-        case FaultNone:
-            break;
-        case FaultSilent:
-            reply.clear();
-            break;
-        case FaultBadCrc:
-            if (!reply.empty())
-                reply.back() ^= 0x5A;
-            break;
-        case FaultWrongUnit:
-        case FaultWrongFunction:
-            if (!reply.empty()) {
-                reply.resize(reply.size() - 2);
-                reply[fault.kind == FaultWrongUnit ? 0 : 1] = static_cast<uint8_t>(fault.value);
-                reply = WithCrc(reply);
-            }
-            break;
-        case FaultException:
-            reply = WithCrc({request[0], static_cast<uint8_t>(request[1] | 0x80), static_cast<uint8_t>(fault.value)});
-            break;
-        case FaultShort:
-            reply.resize(reply.size() > fault.value ? reply.size() - fault.value : 0);
-            break;
-        case FaultLate:
-            delay = fault.value;
-            break;
-        case FaultClose:
+        if (!apply_fault(fault, request, &reply, &delay)) {
             *o_close = true;
             return;
-        case FaultRaw:
-            reply = fault.value ? WithCrc(fault.raw) : fault.raw;
-            break;
         }
         if (reply.empty())
             continue;
