@@ -37,17 +37,31 @@ const char* const HELP_TEXT = "\nKes. Energy Command Help\n"
                               "-fversion fremwork version ---- [e.g - 1.0.0]\n"
                               "-log log file name ------------ [file application log]\n";
 
-// A path option that must name something that exists; the records name the caller.
-kesEError required_path(kesCommandLineParser& parser, const char* option, const char* what, bool (*exists)(const char*),
-                        kesString* o_path, const char* function)
+// A path option that must name something that exists, and its reports.
+struct kesPathOption {
+    const char* option;
+    bool (*exists)(const char*);
+    const char* notFound;
+    const char* invalid;
+    const char* missing;
+};
+
+const kesPathOption CONFIGURATION_OPTION = {"-conf", &kesOsUtility::FileExist, "Configuration file not found",
+                                            "Configuration file is invalid", "Configuration file does not exist"};
+const kesPathOption DIRECTORY_OPTION = {"-dir", &kesOsUtility::FolderExist, "Data directory not found",
+                                        "Data directory is invalid", "Data directory does not exist"};
+
+// The records name the caller.
+kesEError required_path(kesCommandLineParser& parser, const kesPathOption& path, kesString* o_path,
+                        const char* function)
 {
     kesString value;
-    if (!parser.GetArgument(option, &value))
-        return KES_LOG_IN(kesErrorInvalidArgument, kesString(what) + " not found", function);
+    if (!parser.GetArgument(path.option, &value))
+        return KES_LOG_IN(kesErrorInvalidArgument, path.notFound, function);
     if (value.empty())
-        return KES_LOG_IN(kesErrorInvalidArgument, kesString(what) + " is invalid", function);
-    if (!exists(value.c_str()))
-        return KES_LOG_IN(kesErrorInvalidArgument, kesString(what) + " does not exist", function);
+        return KES_LOG_IN(kesErrorInvalidArgument, path.invalid, function);
+    if (!path.exists(value.c_str()))
+        return KES_LOG_IN(kesErrorInvalidArgument, path.missing, function);
     *o_path = value;
     return kesErrorOk;
 }
@@ -148,10 +162,9 @@ kesEError kesEnergy::Init(int argc, char** argv)
         KES_LOG(kesErrorOk, kesString("History Time changed to ") + kesString::FromInt(m_uHistoryTime) + " minutes");
     }
 
-    kesEError result =
-        required_path(parser, "-conf", "Configuration file", &kesOsUtility::FileExist, &m_sConfigurationPath, "Init");
+    kesEError result = required_path(parser, CONFIGURATION_OPTION, &m_sConfigurationPath, "Init");
     if (result == kesErrorOk)
-        result = required_path(parser, "-dir", "Data directory", &kesOsUtility::FolderExist, &m_sDataDirectory, "Init");
+        result = required_path(parser, DIRECTORY_OPTION, &m_sDataDirectory, "Init");
     return result;
 }
 
