@@ -340,24 +340,24 @@ int serve_weather(const SimConfig& i_config, SimClock& io_clock, const Options& 
 // Takes the line down or brings it back when its drop schedule says so.
 void follow_drop(Served& io_served, double i_now)
 {
-    Served* s = &io_served;
-    if (!s->drop || i_now < s->nextChange || (s->up && s->drop->times && s->drops >= s->drop->times))
+    if (!io_served.drop || i_now < io_served.nextChange ||
+        (io_served.up && io_served.drop->times && io_served.drops >= io_served.drop->times))
         return;
-    if (s->up) {
-        s->Down();
-        ++s->drops;
-        s->nextChange = i_now + s->drop->length;
-        printf("kes_bus_sim: line %u dropped (%u)\n", s->bus->Line().id, s->drops);
+    if (io_served.up) {
+        io_served.Down();
+        ++io_served.drops;
+        io_served.nextChange = i_now + io_served.drop->length;
+        printf("kes_bus_sim: line %u dropped (%u)\n", io_served.bus->Line().id, io_served.drops);
         return;
     }
     std::string error;
     // a port still in TIME_WAIT or a busy link: try again shortly
-    if (!s->Up(&error)) {
-        s->nextChange = i_now + 0.1;
+    if (!io_served.Up(&error)) {
+        io_served.nextChange = i_now + 0.1;
         return;
     }
-    s->nextChange = i_now + s->drop->every - s->drop->length;
-    printf("kes_bus_sim: line %u back (%u)\n", s->bus->Line().id, s->drops);
+    io_served.nextChange = i_now + io_served.drop->every - io_served.drop->length;
+    printf("kes_bus_sim: line %u back (%u)\n", io_served.bus->Line().id, io_served.drops);
 }
 
 void run(std::vector<std::unique_ptr<Served>>& io_served, double i_seconds)
