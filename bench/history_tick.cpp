@@ -16,6 +16,8 @@
 #include "kes_error.h"
 #include "kes_history_fake.h"
 #include "kes_history_reference.h"
+// The direct scan lives with the fuzz target that compares against it.
+#include "../fuzz/history_reference.h"
 #include "kes_osfile.h"
 #include "test_process.h"
 

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "kes_energy_history_text.h"
-// The direct scan is the measure; it lives with the tests.
-#include "kes_history_reference.cpp"
+// The direct scan is the measure.
+#include "history_reference.h"
 
 using kes::kesArray;
 using kes::kesString;

@@ -16,7 +16,6 @@
 #include "kes_history_fake.h"
 #include "test_process.h"
 
-using kes::kesString;
 using kes_test::FakeClockHistory;
 using kes_test::LocalMs;
 using namespace kes;
@@ -25,121 +24,236 @@ namespace {
 
 // Parameters of the examples: an energy, a value and a pulse parameter.
 const unsigned int ENERGY = 101, VALUE = 201, PULSE = 301;
+// Central European rules, written out so that no zone database is needed.
+const char* const ROME = "CET-1CEST,M3.5.0,M10.5.0/3";
+
+// A local time, read in the zone of its case; plus moves it on in real minutes
+// (the second 02:30 of a repeated hour is 01:30 plus 120).
+struct When {
+    long long stamp; // YYYYMMDDhhmm
+    int plus = 0, second = 0;
+    When(long long i_stamp, int i_plus = 0, int i_second = 0) : stamp(i_stamp), plus(i_plus), second(i_second) {}
+    unsigned long long Ms() const
+    {
+        const long long t = stamp;
+        return LocalMs(int(t / 100000000), int(t / 1000000 % 100), int(t / 10000 % 100), int(t / 100 % 100),
+                       int(t % 100), second) +
+               plus * 60000ull;
+    }
+};
+
+// Sets TZ for a case and puts the old one back.
+class Zone {
+public:
+    explicit Zone(const char* tz) : m_set(tz), m_had(getenv("TZ")), m_old(m_had ? getenv("TZ") : "")
+    {
+        if (m_set)
+            Set(tz);
+    }
+    ~Zone()
+    {
+        if (m_set)
+            Set(m_had ? m_old.c_str() : nullptr);
+    }
+
+private:
+    static void Set(const char* tz)
+    {
+        tz ? setenv("TZ", tz, 1) : unsetenv("TZ");
+        tzset();
+    }
+    bool m_set, m_had;
+    std::string m_old;
+};
+
+struct Param {
+    unsigned int uid;
+    int type, fid;
+};
+const std::vector<Param> EXAMPLE = {
+    {ENERGY, kesEnergyDeviceString, 2}, {VALUE, kesEnergyDevicePanel, 0}, {PULSE, kesEnergyDevicePulseCounter, 1}};
+
+// Every fid of every device type and one past its fields, as UID type*100+fid,
+// and a number that is no type.
+std::vector<Param> EveryFid()
+{
+    std::vector<Param> params;
+    const int fids[][2] = {{1, 3}, {2, 4}, {3, 5}, {4, 1}, {5, 3}, {6, 6}, {7, 10}, {8, 5}, {9, 11}, {10, 4}, {11, 8}};
+    for (const auto& type : fids)
+        for (int fid = 0; fid < type[1]; ++fid)
+            params.push_back({static_cast<unsigned int>(type[0] * 100 + fid), type[0], fid});
+    params.push_back({1200, 12, 0});
+    return params;
+}
+
+// A sample msBefore the tick, or at the start of the interval for 0.
+struct Sample {
+    unsigned int uid;
+    double value;
+    unsigned int msBefore = 0;
+};
+
+struct File {
+    const char* name;
+    const char* text; // nullptr: no such file
+};
+
+enum Act {
+    START,     // a new store; its samples come before Start and are dropped
+    TICK,      // samples, then the tick
+    STOPSTART, // Stop and Start again, at the same time
+    LOST       // a tick while the folder is missing
+};
+
+struct Step {
+    Act act;
+    When at;
+    std::vector<Sample> samples;
+    std::vector<File> expect;
+};
+
+struct Scenario {
+    const char* name;
+    const char* tz;
+    unsigned int minutes;
+    std::vector<Param> params;
+    std::vector<File> before;
+    std::vector<Step> steps;
+    const char* logged = nullptr;
+    const char* unlogged = nullptr;
+};
+
+std::vector<Sample> Held(unsigned int value)
+{
+    std::vector<Sample> samples;
+    for (const Param& p : EveryFid())
+        samples.push_back({p.uid, p.uid * 100.0 + value, 0});
+    return samples;
+}
 
 class HistorySystem : public ::testing::Test {
 protected:
-    // A store on the test's folder with N minutes, started at the given local time.
-    std::unique_ptr<FakeClockHistory> Started(unsigned int minutes, unsigned long long at, bool example = true)
+    std::string Read(const std::string& name) const { return kes_test::ReadFile(Dir().File(name)); }
+    bool Exists(const std::string& name) const { return access(Dir().File(name).c_str(), F_OK) == 0; }
+
+    const kes_test::MemoryDir& Dir() const { return *m_dir; }
+
+    // Each case on a folder of its own, unless the test prepared the folder.
+    void Run(const Scenario& c, bool fresh = true)
     {
-        std::unique_ptr<FakeClockHistory> history(new FakeClockHistory());
-        if (example) {
-            history->RegisterParameterDouble(ENERGY, kesEnergyDeviceString, 2);
-            history->RegisterParameterDouble(VALUE, kesEnergyDevicePanel, 0);
-            history->RegisterParameterDouble(PULSE, kesEnergyDevicePulseCounter, 1);
+        Zone zone(c.tz);
+        m_log.Clear();
+        if (fresh)
+            m_dir.reset(new kes_test::MemoryDir());
+        for (const File& f : c.before)
+            kes_test::WriteFile(Dir().File(f.name), f.text);
+        std::unique_ptr<FakeClockHistory> history;
+        for (size_t i = 0; i < c.steps.size(); ++i) {
+            const Step& step = c.steps[i];
+            const unsigned long long at = step.at.Ms();
+            if (step.act == START) {
+                history.reset();
+                history.reset(new FakeClockHistory());
+                for (const Param& p : c.params)
+                    history->RegisterParameterDouble(p.uid, static_cast<kesEEnergyDeviceType>(p.type),
+                                                     static_cast<unsigned char>(p.fid));
+                history->SetClock(at);
+                history->Init(c.minutes);
+                history->SetHistoryFolder(Dir().Path());
+            } else if (step.act == STOPSTART) {
+                EXPECT_EQ(kesErrorOk, history->Stop());
+                EXPECT_EQ(kesErrorOk, history->Stop());
+            } else if (step.act == LOST)
+                history->SetHistoryFolder(Dir().File("missing"));
+            for (const Sample& s : step.samples) {
+                if (s.msBefore)
+                    history->SetClock(at - s.msBefore);
+                history->SetValueAsDouble(s.uid, s.value);
+            }
+            if (step.act == START || step.act == STOPSTART)
+                EXPECT_EQ(kesErrorOk, history->Start()) << c.name;
+            else {
+                history->SetClock(at);
+                history->Tick();
+                history->SetHistoryFolder(Dir().Path());
+            }
+            for (const File& f : step.expect) {
+                if (f.text)
+                    EXPECT_EQ(f.text, Read(f.name)) << c.name << ", step " << i << ", file " << f.name;
+                else
+                    EXPECT_FALSE(Exists(f.name)) << c.name << ", step " << i << ", file " << f.name;
+            }
         }
-        history->SetClock(at);
-        history->Init(minutes);
-        history->SetHistoryFolder(m_dir.Path());
-        EXPECT_EQ(kesErrorOk, history->Start());
-        return history;
+        EXPECT_TRUE(!c.logged || m_log.Contains(c.logged)) << c.name;
+        EXPECT_TRUE(!c.unlogged || !m_log.Contains(c.unlogged)) << c.name;
     }
-
-    // One interval up to 'end': the value held from the start, the minimum and
-    // the maximum in the last second, so the average shows the value.
-    static void Interval(FakeClockHistory& history, unsigned long long end,
-                         std::initializer_list<std::tuple<unsigned int, double, double, double>> samples)
-    {
-        for (const auto& s : samples)
-            history.SetValueAsDouble(std::get<0>(s), std::get<1>(s));
-        history.SetClock(end - 1000);
-        for (const auto& s : samples)
-            if (std::get<0>(s) != PULSE)
-                history.SetValueAsDouble(std::get<0>(s), std::get<2>(s));
-        history.SetClock(end - 500);
-        for (const auto& s : samples)
-            if (std::get<0>(s) != PULSE)
-                history.SetValueAsDouble(std::get<0>(s), std::get<3>(s));
-        history.SetClock(end);
-        history.Tick();
-    }
-
-    // A constant sample from now up to the tick at 'end'.
-    static void Constant(FakeClockHistory& history, unsigned long long end,
-                         std::initializer_list<std::pair<unsigned int, double>> samples)
-    {
-        for (const auto& s : samples)
-            history.SetValueAsDouble(s.first, s.second);
-        history.SetClock(end);
-        history.Tick();
-    }
-
-    std::string Read(const std::string& name) const { return kes_test::ReadFile(m_dir.File(name)); }
-    bool Exists(const std::string& name) const { return access(m_dir.File(name).c_str(), F_OK) == 0; }
-    bool Logged(const std::string& text) const { return m_log.Contains(text); }
 
     kes_test::ErrorCapture m_log;
-    kes_test::TempDir m_dir;
+    std::unique_ptr<kes_test::MemoryDir> m_dir{new kes_test::MemoryDir()};
 };
 
 } // namespace
 
 TEST_F(HistorySystem, ComputeTimeGivesTheTimeToTheNextBoundary)
 {
-    const struct {
-        unsigned int minutes;
-        int hour, minute, second;
-        unsigned int expected;
-    } cases[] = {
-        {5, 12, 3, 20, 100000}, {5, 12, 5, 0, 300000},   {5, 12, 4, 59, 1000},    {60, 23, 59, 30, 30000},
-        {1, 12, 3, 20, 40000},  {30, 9, 30, 0, 1800000}, {12, 23, 50, 0, 600000},
+    // clang-format off
+    const struct { const char* tz; unsigned int minutes; When at; unsigned int expected; } cases[] = {
+        {nullptr, 5, {201503141203, 0, 20}, 100000}, {nullptr, 5, {201503141205, 0, 0}, 300000},
+        {nullptr, 5, {201503141204, 0, 59}, 1000},   {nullptr, 60, {201503142359, 0, 30}, 30000},
+        {nullptr, 1, {201503141203, 0, 20}, 40000},  {nullptr, 30, {201503140930, 0, 0}, 1800000},
+        {nullptr, 12, {201503142350, 0, 0}, 600000},
+        // The hour that is skipped and both passes of the hour that repeats.
+        {ROME, 60, {201503290130, 0, 0}, 1800000},      {ROME, 15, {201503290150, 0, 10}, 590000},
+        {ROME, 60, {201510250130, 60, 0}, 1800000}, {ROME, 60, {201510250130, 120, 0}, 1800000},
+        {ROME, 20, {201510250130, 125, 0}, 300000},
     };
+    // clang-format on
     FakeClockHistory history;
     for (const auto& c : cases) {
+        Zone zone(c.tz);
         history.Init(c.minutes);
-        history.SetLocal(2015, 3, 14, c.hour, c.minute, c.second);
+        history.SetClock(c.at.Ms());
         EXPECT_EQ(c.expected, history.ComputeTime())
-            << c.minutes << " " << c.hour << ":" << c.minute << ":" << c.second;
+            << c.minutes << " " << c.at.stamp << "+" << c.at.plus << ":" << c.at.second;
     }
 }
 
 TEST_F(HistorySystem, InitRoundsUpToADivisorOfTheHour)
 {
-    const struct {
-        unsigned int requested;
-        unsigned int minutes;
-        bool notice;
-    } cases[] = {{1, 1, false},  {5, 5, false},  {12, 12, false}, {60, 60, false}, {7, 10, true},
-                 {25, 30, true}, {61, 60, true}, {0, 60, true},   {45, 60, true}};
+    const unsigned int cases[][3] = {{1, 1, 0},   {5, 5, 0},   {12, 12, 0}, {60, 60, 0}, {7, 10, 1},
+                                     {25, 30, 1}, {61, 60, 1}, {0, 60, 1},  {45, 60, 1}};
     FakeClockHistory history;
     for (const auto& c : cases) {
         m_log.Clear();
-        EXPECT_EQ(kesErrorOk, history.Init(c.requested));
-        EXPECT_EQ(c.minutes * 60000, history.GetExpiredTime()) << c.requested;
-        const std::string notice = "History Time set to " + std::to_string(c.minutes) + " minutes";
-        EXPECT_EQ(c.notice, Logged(notice)) << c.requested;
+        EXPECT_EQ(kesErrorOk, history.Init(c[0]));
+        EXPECT_EQ(c[1] * 60000, history.GetExpiredTime()) << c[0];
+        EXPECT_EQ(c[2] == 1, m_log.Contains("History Time set to " + std::to_string(c[1]) + " minutes")) << c[0];
     }
 }
 
 TEST_F(HistorySystem, AlarmStatusLinesAreAppended)
 {
     // The folder gets one separator however many it came with.
-    for (const char* suffix : {"", "/", "//"}) {
+    const struct {
+        const char* suffix;
+        When at;
+        unsigned int uid, status;
+        const char* expected;
+    } cases[] = {
+        {"", {201503070905, 0, 59}, 17, 3, "201503070905|17|3\n"},
+        {"//", 201512312300, 4000000000u, 255, "201503070905|17|3\n201512312300|4000000000|255\n"},
+    };
+    for (const auto& c : cases) {
         FakeClockHistory history;
-        history.SetLocal(2015, 3, 7, 9, 5, 59);
-        history.SetHistoryFolder(m_dir.Path() + suffix);
-        unlink(m_dir.File("a").c_str());
-        EXPECT_EQ(kesErrorOk, history.UpdateAlarmStatusFile(17, 3)) << suffix;
-        EXPECT_EQ("201503070905|17|3\n", Read("a")) << suffix;
+        history.SetClock(c.at.Ms());
+        history.SetHistoryFolder(Dir().Path() + c.suffix);
+        EXPECT_EQ(kesErrorOk, history.UpdateAlarmStatusFile(c.uid, static_cast<unsigned char>(c.status)));
+        EXPECT_EQ(c.expected, Read("a"));
     }
     FakeClockHistory history;
-    history.SetHistoryFolder(m_dir.Path());
-    history.SetLocal(2015, 12, 31, 23, 0, 0);
-    history.UpdateAlarmStatusFile(4000000000u, 255);
-    EXPECT_EQ("201503070905|17|3\n201512312300|4000000000|255\n", Read("a"));
-
-    history.SetHistoryFolder(m_dir.File("missing"));
+    history.SetHistoryFolder(Dir().File("missing"));
     EXPECT_EQ(kesErrorFailed, history.UpdateAlarmStatusFile(17, 3));
-    EXPECT_TRUE(Logged("Can not append file " + m_dir.File("missing") + "/a"));
+    EXPECT_TRUE(m_log.Contains("Can not append file " + Dir().File("missing") + "/a"));
 }
 
 TEST_F(HistorySystem, RegistrationRules)
@@ -147,343 +261,193 @@ TEST_F(HistorySystem, RegistrationRules)
     FakeClockHistory history;
     EXPECT_EQ(kesErrorOk, history.RegisterParameterDouble(5, kesEnergyDeviceString, 2));
     EXPECT_EQ(kesErrorFailed, history.RegisterParameterDouble(5, kesEnergyDevicePanel, 0));
-    EXPECT_TRUE(Logged("UID already exist 5"));
+    EXPECT_TRUE(m_log.Contains("UID already exist 5"));
     // The two tables are apart: the same UID may be an integer too.
     EXPECT_EQ(kesErrorOk, history.RegisterParameterInteger(5, kesEnergyDeviceAlarm, 3));
     EXPECT_EQ(kesErrorFailed, history.RegisterParameterInteger(5, kesEnergyDeviceAlarm, 3));
-    // Unknown types are kept but stand in no file, and have no total.
-    EXPECT_EQ(kesErrorOk, history.RegisterParameterDouble(6, static_cast<kesEEnergyDeviceType>(12), 2));
-    EXPECT_EQ(kesErrorOk, history.RegisterParameterDouble(7, kesEnergyDeviceString, 0));
-    EXPECT_EQ(kesErrorOk, history.RegisterParameterDouble(8, kesEnergyDeviceAmbient, 0));
-
-    // Stop and Init on a stopped store keep the parameters.
-    EXPECT_EQ(kesErrorOk, history.Stop());
-    history.SetLocal(2015, 3, 14, 10, 0);
-    history.Init(5);
-    history.SetHistoryFolder(m_dir.Path());
+    history.SetHistoryFolder(Dir().Path());
     ASSERT_EQ(kesErrorOk, history.Start());
     EXPECT_EQ(kesErrorFailed, history.RegisterParameterDouble(9, kesEnergyDevicePanel, 0));
-    EXPECT_TRUE(Logged("You must stop the system before to register a parameter"));
-
-    Constant(history, LocalMs(2015, 3, 14, 10, 5), {{5, 120}, {6, 1}, {7, 230}, {8, 20}});
-    // Voltage 7 is sampled but not stored; it still has its total, as every
-    // parameter of a string device has.
-    EXPECT_EQ("H|10\n5|120|120|120|10\n", Read("d"));
-    EXPECT_EQ("14\n5|10.00\n7|0.00\n", Read("offset_energy_day"));
-    EXPECT_EQ("", Read("offset_pulse"));
+    EXPECT_EQ(kesErrorFailed, history.RegisterParameterInteger(9, kesEnergyDevicePanel, 0));
+    EXPECT_TRUE(m_log.Contains("You must stop the system before to register a parameter"));
 }
 
-TEST_F(HistorySystem, TheFormatExampleIsReproducedExactly)
+TEST_F(HistorySystem, TicksWriteTheFilesOfEveryLevel)
 {
-    auto history = Started(30, LocalMs(2015, 3, 14, 9, 30));
-    Interval(*history, LocalMs(2015, 3, 14, 10, 0),
-             {{ENERGY, 512, 480, 540.5}, {VALUE, 31.5, 30.2, 32}, {PULSE, 1204600, 0, 0}});
-    Interval(*history, LocalMs(2015, 3, 14, 10, 30), {{VALUE, 31.7, 31, 32.4}, {PULSE, 1204900, 0, 0}});
-    Interval(*history, LocalMs(2015, 3, 14, 11, 0),
-             {{ENERGY, 600, 590, 611.2}, {VALUE, 32, 31.9, 32.1}, {PULSE, 1205300, 0, 0}});
-
-    const std::string day = "H|10\n"
-                            "101|512|480|540.5|256|f|f|f|256\n"
-                            "201|31.5|30.2|32|31.7|31|32.4\n"
-                            "301|1204.6|1204.9\n"
-                            "H|11\n"
-                            "101|600|590|611.2|556\n"
-                            "201|32|31.9|32.1\n"
-                            "301|1205.3\n";
-    const std::string rows = "101|556\n201|31.7|30.2|32.4\n301|1205.3\n";
-    EXPECT_EQ(day, Read("d"));
-    EXPECT_EQ("D|14\n" + rows, Read("m"));
-    EXPECT_EQ("M|3\n" + rows, Read("y"));
-    EXPECT_EQ("Y|2015\n" + rows, Read("b"));
-    EXPECT_EQ(day, Read("2015_03_14"));
-    EXPECT_EQ("D|14\n" + rows, Read("2015_03"));
-    EXPECT_EQ("M|3\n" + rows, Read("2015"));
-    EXPECT_EQ("14\n101|556.00\n", Read("offset_energy_day"));
-    EXPECT_EQ("301|1205300.00\n", Read("offset_pulse"));
-    EXPECT_FALSE(Exists("d.tmp"));
-}
-
-TEST_F(HistorySystem, FirstIntervalIsShorterButCountsAsN)
-{
-    auto history = Started(5, LocalMs(2015, 3, 14, 12, 3));
-    EXPECT_EQ(120000u, kes::Energy::kesEnegyHistoryItem::MS_TIME);
-    Constant(*history, LocalMs(2015, 3, 14, 12, 5), {{ENERGY, 1200}});
-    EXPECT_EQ(300000u, kes::Energy::kesEnegyHistoryItem::MS_TIME);
-    Constant(*history, LocalMs(2015, 3, 14, 12, 10), {{ENERGY, 1200}});
-    EXPECT_EQ("H|12\n101|1200|1200|1200|100|1200|1200|1200|200\n201|f|f|f|f|f|f\n301|0|0\n", Read("d"));
-}
-
-TEST_F(HistorySystem, SamplesBeforeStartAndOfOtherUidsAreDropped)
-{
-    FakeClockHistory history;
-    history.RegisterParameterDouble(ENERGY, kesEnergyDeviceString, 2);
-    history.SetLocal(2015, 3, 14, 12, 0);
-    history.Init(5);
-    history.SetHistoryFolder(m_dir.Path());
-    history.SetValueAsDouble(ENERGY, 1200);
-    ASSERT_EQ(kesErrorOk, history.Start());
-    history.SetValueAsDouble(999, 5);
-    history.SetValueAsInt(ENERGY, 5);
-    history.SetClock(LocalMs(2015, 3, 14, 12, 5));
-    history.Tick();
-    EXPECT_EQ("H|12\n101|f|f|f|0\n", Read("d"));
-}
-
-TEST_F(HistorySystem, NoParametersStillKeepsTheFiles)
-{
-    auto history = Started(5, LocalMs(2015, 3, 14, 12, 0), false);
-    history->SetClock(LocalMs(2015, 3, 14, 12, 5));
-    history->Tick();
-    EXPECT_EQ("H|12\n", Read("d"));
-    EXPECT_EQ("D|14\n", Read("m"));
-    EXPECT_EQ("M|3\n", Read("y"));
-    EXPECT_EQ("Y|2015\n", Read("b"));
-    EXPECT_EQ("14\n", Read("offset_energy_day"));
-    EXPECT_EQ("", Read("offset_pulse"));
-}
-
-TEST_F(HistorySystem, MidnightRollsTheDayOver)
-{
-    auto history = Started(5, LocalMs(2015, 3, 14, 23, 50));
-    Constant(*history, LocalMs(2015, 3, 14, 23, 55), {{ENERGY, 600}, {VALUE, 20}, {PULSE, 1000}});
-    Constant(*history, LocalMs(2015, 3, 15, 0, 0), {{ENERGY, 600}, {VALUE, 20}, {PULSE, 2000}});
-
-    // The interval that ended at midnight counts in no day.
-    EXPECT_EQ("H|0\n101|600|600|600|0\n201|20|20|20\n301|2\n", Read("d"));
-    EXPECT_EQ("H|23\n101|600|600|600|50\n201|20|20|20\n301|1\n", Read("2015_03_14"));
-    EXPECT_FALSE(Exists("2015_03_15"));
-    const std::string month = "D|14\n101|50\n201|20|20|20\n301|1\nD|15\n101|0\n201|20|20|20\n301|2\n";
-    EXPECT_EQ(month, Read("m"));
-    EXPECT_EQ(month, Read("2015_03"));
-    EXPECT_EQ("M|3\n101|50\n201|20|20|20\n301|2\n", Read("y"));
-    EXPECT_EQ("15\n101|0.00\n", Read("offset_energy_day"));
-
-    Constant(*history, LocalMs(2015, 3, 15, 0, 5), {{ENERGY, 600}});
-    EXPECT_EQ("H|0\n101|600|600|600|0|600|600|600|50\n201|20|20|20|f|f|f\n301|2|2\n", Read("d"));
-    EXPECT_EQ(Read("d"), Read("2015_03_15"));
-    EXPECT_EQ("D|14\n101|50\n201|20|20|20\n301|1\nD|15\n101|50\n201|10|0|20\n301|2\n", Read("m"));
-    EXPECT_EQ("M|3\n101|100\n201|15|0|20\n301|2\n", Read("y"));
-}
-
-TEST_F(HistorySystem, MissingDayFileAtMidnightIsAnOrdinaryTick)
-{
-    auto history = Started(5, LocalMs(2015, 3, 14, 23, 50));
-    Constant(*history, LocalMs(2015, 3, 14, 23, 55), {{ENERGY, 600}});
-    const std::string yesterday = Read("2015_03_14");
-    ASSERT_EQ(0, unlink(m_dir.File("d").c_str()));
-    Constant(*history, LocalMs(2015, 3, 15, 0, 0), {{ENERGY, 600}});
-    // The totals were not reset, and yesterday's copy was not overwritten.
-    EXPECT_EQ("H|0\n101|600|600|600|100\n201|f|f|f\n301|0\n", Read("d"));
-    EXPECT_EQ(yesterday, Read("2015_03_14"));
-}
-
-TEST_F(HistorySystem, YearEndRollsDayMonthAndYear)
-{
-    auto history = Started(5, LocalMs(2015, 12, 31, 23, 50));
-    Constant(*history, LocalMs(2015, 12, 31, 23, 55), {{ENERGY, 600}, {VALUE, 20}, {PULSE, 1000}});
-    Constant(*history, LocalMs(2016, 1, 1, 0, 0), {{ENERGY, 600}, {VALUE, 30}, {PULSE, 2000}});
-    Constant(*history, LocalMs(2016, 1, 1, 0, 5), {{ENERGY, 1200}, {VALUE, 40}, {PULSE, 3000}});
-
-    EXPECT_EQ("H|23\n101|600|600|600|50\n201|20|20|20\n301|1\n", Read("2015_12_31"));
-    EXPECT_EQ("D|31\n101|50\n201|20|20|20\n301|1\n", Read("2015_12"));
-    EXPECT_EQ("M|12\n101|50\n201|20|20|20\n301|1\n", Read("2015"));
-    const std::string day = "H|0\n101|600|600|600|0|1200|1200|1200|100\n201|30|30|30|40|40|40\n301|2|3\n";
-    EXPECT_EQ(day, Read("d"));
-    EXPECT_EQ(day, Read("2016_01_01"));
-    EXPECT_EQ("D|1\n101|100\n201|35|30|40\n301|3\n", Read("m"));
-    EXPECT_EQ(Read("m"), Read("2016_01"));
-    EXPECT_EQ("M|1\n101|100\n201|35|30|40\n301|3\n", Read("y"));
-    EXPECT_EQ(Read("y"), Read("2016"));
-    EXPECT_EQ("Y|2015\n101|50\n201|20|20|20\n301|1\nY|2016\n101|100\n201|35|30|40\n301|3\n", Read("b"));
-}
-
-TEST_F(HistorySystem, MonthEndBeginsANewYearBlock)
-{
-    auto history = Started(60, LocalMs(2015, 3, 31, 22, 0));
-    Constant(*history, LocalMs(2015, 3, 31, 23, 0), {});
-    Constant(*history, LocalMs(2015, 4, 1, 0, 0), {{ENERGY, 600}});
-    Constant(*history, LocalMs(2015, 4, 1, 1, 0), {{ENERGY, 600}});
-    EXPECT_EQ("H|23\n101|f|f|f|0\n201|f|f|f\n301|0\n", Read("2015_03_31"));
-    EXPECT_EQ("D|31\n101|0\n201|0|0|0\n301|0\n", Read("2015_03"));
-    EXPECT_EQ("D|1\n101|600\n201|0|0|0\n301|0\n", Read("m"));
-    EXPECT_EQ("M|3\n101|0\n201|0|0|0\n301|0\nM|4\n101|600\n201|0|0|0\n301|0\n", Read("y"));
-    EXPECT_EQ(Read("y"), Read("2015"));
-    EXPECT_EQ("Y|2015\n101|600\n201|0|0|0\n301|0\n", Read("b"));
-}
-
-TEST_F(HistorySystem, RestartOnTheSameDayContinuesTheTotals)
-{
-    auto history = Started(5, LocalMs(2015, 3, 14, 10, 0));
-    Constant(*history, LocalMs(2015, 3, 14, 10, 5), {{ENERGY, 1200}, {PULSE, 5000}});
-    history.reset();
-
-    history = Started(5, LocalMs(2015, 3, 14, 10, 7));
-    Constant(*history, LocalMs(2015, 3, 14, 10, 10), {{ENERGY, 1200}, {PULSE, 6000}});
-    EXPECT_EQ("H|10\n101|1200|1200|1200|100|1200|1200|1200|200\n201|f|f|f|f|f|f\n301|5|6\n", Read("d"));
-    // The empty piece behind the last line feed reads back as UID 0.
-    EXPECT_EQ("14\n0|0.00\n101|200.00\n", Read("offset_energy_day"));
-}
-
-TEST_F(HistorySystem, RestartOnALaterDayStartsFromZeroInTheOldDayFile)
-{
-    auto history = Started(5, LocalMs(2015, 3, 14, 10, 0));
-    Constant(*history, LocalMs(2015, 3, 14, 10, 5), {{ENERGY, 1200}});
-    history.reset();
-
-    history = Started(5, LocalMs(2015, 3, 15, 10, 7));
-    Constant(*history, LocalMs(2015, 3, 15, 10, 10), {{ENERGY, 1200}});
-    Constant(*history, LocalMs(2015, 3, 15, 11, 0), {{ENERGY, 1200}});
-    const std::string day = "H|10\n101|1200|1200|1200|100|1200|1200|1200|100\n201|f|f|f|f|f|f\n301|0|0\n"
-                            "H|11\n101|1200|1200|1200|200\n201|f|f|f\n301|0\n";
-    EXPECT_EQ(day, Read("d"));
-    EXPECT_EQ(day, Read("2015_03_15"));
-    EXPECT_EQ("D|14\n101|100\n201|0|0|0\n301|0\nD|15\n101|200\n201|0|0|0\n301|0\n", Read("m"));
-
-    // The next midnight files the whole text under the date of the restart.
-    history->SetClock(LocalMs(2015, 3, 16, 0, 0));
-    history->Tick();
-    EXPECT_EQ(day, Read("2015_03_15"));
-    EXPECT_EQ("H|0\n101|f|f|f|0\n201|f|f|f\n301|0\n", Read("d"));
-}
-
-TEST_F(HistorySystem, ClockSteppedBackToAnEarlierDayCutsTheMonth)
-{
-    auto history = Started(60, LocalMs(2015, 3, 5, 9, 0));
-    for (int day : {5, 6, 20})
-        Constant(*history, LocalMs(2015, 3, day, 10, 0), {{ENERGY, 60}});
-    EXPECT_NE(std::string::npos, Read("m").find("D|20\n"));
-
-    Constant(*history, LocalMs(2015, 3, 5, 11, 0), {{ENERGY, 60}});
-    EXPECT_EQ("D|5\n101|240\n201|0|0|0\n301|0\n", Read("m"));
-    // Back within the day file: the blocks of the earlier hours are extended again.
-    EXPECT_EQ("H|10\n101|60|60|60|60|60|60|60|120|60|60|60|180\n201|f|f|f|f|f|f|f|f|f\n301|0|0|0\n"
-              "H|11\n101|60|60|60|240\n201|f|f|f\n301|0\n",
-              Read("d"));
-}
-
-TEST_F(HistorySystem, PulseMeterResetRunningAndAcrossARestart)
-{
-    auto history = Started(5, LocalMs(2015, 3, 14, 10, 0));
-    Constant(*history, LocalMs(2015, 3, 14, 10, 5), {{PULSE, 600000}});
-    Constant(*history, LocalMs(2015, 3, 14, 10, 10), {{PULSE, 3000}});
-    Constant(*history, LocalMs(2015, 3, 14, 10, 15), {{PULSE, 4000}});
-    EXPECT_EQ("301|604000.00\n", Read("offset_pulse"));
-    history.reset();
-
-    // Reset again while stopped: the count goes on from the saved total.
-    history = Started(5, LocalMs(2015, 3, 15, 10, 0));
-    Constant(*history, LocalMs(2015, 3, 15, 10, 5), {});
-    Constant(*history, LocalMs(2015, 3, 15, 10, 10), {{PULSE, 5000}});
-    EXPECT_EQ("H|10\n101|f|f|f|0|f|f|f|0|f|f|f|0|f|f|f|0|f|f|f|0\n201|f|f|f|f|f|f|f|f|f|f|f|f|f|f|f\n"
-              "301|600|600|604|0|609\n",
-              Read("d"));
-}
-
-TEST_F(HistorySystem, OffsetFilesAreReadAsWritten)
-{
-    // the texts of "offset_energy_day" and "offset_pulse"; nullptr for no file
-    struct Offsets {
-        const char* energy;
-        const char* pulse;
+    const char* const laterDay = "H|10\n101|1200|1200|1200|100|1200|1200|1200|100\n201|f|f|f|f|f|f\n301|0|0\n"
+                                 "H|11\n101|1200|1200|1200|200\n201|f|f|f\n301|0\n";
+    const char* const formatDay = "H|10\n101|512|480|540.5|256|f|f|f|256\n201|31.5|30.2|32|31.7|31|32.4\n"
+                                  "301|1204.6|1204.9\nH|11\n101|600|590|611.2|556\n201|32|31.9|32.1\n301|1205.3\n";
+    const char* const noSample = "H|10\n101|f|f|f|0\n201|f|f|f\n301|0\n";
+    // clang-format off
+    const Scenario cases[] = {
+        {"the format example", nullptr, 30, EXAMPLE, {}, {{START, 201503140930, {}, {}},
+            {TICK, 201503141000, {{ENERGY, 512}, {VALUE, 31.5}, {PULSE, 1204600}, {ENERGY, 480, 1000},
+                                          {VALUE, 30.2, 1000}, {ENERGY, 540.5, 500}, {VALUE, 32, 500}}, {}},
+            {TICK, 201503141030, {{VALUE, 31.7}, {PULSE, 1204900}, {VALUE, 31, 1000},
+                                           {VALUE, 32.4, 500}}, {}},
+            {TICK, 201503141100, {{ENERGY, 600}, {VALUE, 32}, {PULSE, 1205300}, {ENERGY, 590, 1000},
+                                          {VALUE, 31.9, 1000}, {ENERGY, 611.2, 500}, {VALUE, 32.1, 500}},
+             {{"d", formatDay}, {"m", "D|14\n101|556\n201|31.7|30.2|32.4\n301|1205.3\n"},
+              {"y", "M|3\n101|556\n201|31.7|30.2|32.4\n301|1205.3\n"},
+              {"b", "Y|2015\n101|556\n201|31.7|30.2|32.4\n301|1205.3\n"}, {"2015_03_14", formatDay},
+              {"2015_03", "D|14\n101|556\n201|31.7|30.2|32.4\n301|1205.3\n"},
+              {"2015", "M|3\n101|556\n201|31.7|30.2|32.4\n301|1205.3\n"},
+              {"offset_energy_day", "14\n101|556.00\n"}, {"offset_pulse", "301|1205300.00\n"}, {"d.tmp", nullptr}}}}},
+        // The first interval is shorter, but its energy counts for N minutes.
+        {"samples before the start and of other UIDs are dropped", nullptr, 5, EXAMPLE, {}, {
+            {START, 201503141203, {{ENERGY, 9999}}, {}}, {TICK, 201503141205, {{ENERGY, 1200}, {999, 5}}, {}},
+            {TICK, 201503141210, {{ENERGY, 1200}},
+             {{"d", "H|12\n101|1200|1200|1200|100|1200|1200|1200|200\n201|f|f|f|f|f|f\n301|0|0\n"}}}}},
+        {"no parameters still keeps the files", nullptr, 5, {}, {}, {{START, 201503141200, {}, {}},
+            {TICK, 201503141205, {}, {{"d", "H|12\n"}, {"m", "D|14\n"}, {"y", "M|3\n"}, {"b", "Y|2015\n"},
+                                              {"offset_energy_day", "14\n"}, {"offset_pulse", ""}}}}},
+        {"midnight rolls the day over", nullptr, 5, EXAMPLE, {}, {{START, 201503142350, {}, {}},
+            {TICK, 201503142355, {{ENERGY, 600}, {VALUE, 20}, {PULSE, 1000}}, {}},
+            // The interval that ended at midnight counts in no day.
+            {TICK, 201503150000, {{ENERGY, 600}, {VALUE, 20}, {PULSE, 2000}},
+             {{"d", "H|0\n101|600|600|600|0\n201|20|20|20\n301|2\n"},
+              {"2015_03_14", "H|23\n101|600|600|600|50\n201|20|20|20\n301|1\n"}, {"2015_03_15", nullptr},
+              {"m", "D|14\n101|50\n201|20|20|20\n301|1\nD|15\n101|0\n201|20|20|20\n301|2\n"},
+              {"2015_03", "D|14\n101|50\n201|20|20|20\n301|1\nD|15\n101|0\n201|20|20|20\n301|2\n"},
+              {"y", "M|3\n101|50\n201|20|20|20\n301|2\n"}, {"offset_energy_day", "15\n101|0.00\n"}}},
+            {TICK, 201503150005, {{ENERGY, 600}},
+             {{"d", "H|0\n101|600|600|600|0|600|600|600|50\n201|20|20|20|f|f|f\n301|2|2\n"},
+              {"2015_03_15", "H|0\n101|600|600|600|0|600|600|600|50\n201|20|20|20|f|f|f\n301|2|2\n"},
+              {"m", "D|14\n101|50\n201|20|20|20\n301|1\nD|15\n101|50\n201|10|0|20\n301|2\n"},
+              {"y", "M|3\n101|100\n201|15|0|20\n301|2\n"}}}}},
+        // Without a day file midnight is an ordinary tick: the totals stay and
+        // yesterday's copy is not overwritten.
+        {"missing day file at midnight", nullptr, 5, EXAMPLE, {{"2015_03_14", "yesterday\n"}}, {
+            {START, 201503142355, {}, {}}, {TICK, 201503150000, {{ENERGY, 600}},
+             {{"d", "H|0\n101|600|600|600|50\n201|f|f|f\n301|0\n"}, {"2015_03_14", "yesterday\n"}}}}},
+        {"year end rolls day, month and year", nullptr, 5, EXAMPLE, {}, {{START, 201512312350, {}, {}},
+            {TICK, 201512312355, {{ENERGY, 600}, {VALUE, 20}, {PULSE, 1000}}, {}},
+            {TICK, 201601010000, {{ENERGY, 600}, {VALUE, 30}, {PULSE, 2000}}, {}},
+            {TICK, 201601010005, {{ENERGY, 1200}, {VALUE, 40}, {PULSE, 3000}},
+             {{"2015_12_31", "H|23\n101|600|600|600|50\n201|20|20|20\n301|1\n"},
+              {"2015_12", "D|31\n101|50\n201|20|20|20\n301|1\n"}, {"2015", "M|12\n101|50\n201|20|20|20\n301|1\n"},
+              {"d", "H|0\n101|600|600|600|0|1200|1200|1200|100\n201|30|30|30|40|40|40\n301|2|3\n"},
+              {"2016_01_01", "H|0\n101|600|600|600|0|1200|1200|1200|100\n201|30|30|30|40|40|40\n301|2|3\n"},
+              {"m", "D|1\n101|100\n201|35|30|40\n301|3\n"}, {"2016_01", "D|1\n101|100\n201|35|30|40\n301|3\n"},
+              {"y", "M|1\n101|100\n201|35|30|40\n301|3\n"}, {"2016", "M|1\n101|100\n201|35|30|40\n301|3\n"},
+              {"b", "Y|2015\n101|50\n201|20|20|20\n301|1\nY|2016\n101|100\n201|35|30|40\n301|3\n"}}}}},
+        {"month end begins a new year block", nullptr, 60, EXAMPLE, {}, {{START, 201503312200, {}, {}},
+            {TICK, 201503312300, {}, {}}, {TICK, 201504010000, {{ENERGY, 600}}, {}},
+            {TICK, 201504010100, {{ENERGY, 600}},
+             {{"2015_03_31", "H|23\n101|f|f|f|0\n201|f|f|f\n301|0\n"}, {"2015_03", "D|31\n101|0\n201|0|0|0\n301|0\n"},
+              {"m", "D|1\n101|600\n201|0|0|0\n301|0\n"},
+              {"y", "M|3\n101|0\n201|0|0|0\n301|0\nM|4\n101|600\n201|0|0|0\n301|0\n"},
+              {"2015", "M|3\n101|0\n201|0|0|0\n301|0\nM|4\n101|600\n201|0|0|0\n301|0\n"},
+              {"b", "Y|2015\n101|600\n201|0|0|0\n301|0\n"}}}}},
+        // The empty piece behind the last line feed reads back as UID 0.
+        {"restart on the same day continues the totals", nullptr, 5, EXAMPLE, {}, {{START, 201503141000, {}, {}},
+            {TICK, 201503141005, {{ENERGY, 1200}, {PULSE, 5000}}, {}}, {START, 201503141007, {}, {}},
+            {TICK, 201503141010, {{ENERGY, 1200}, {PULSE, 6000}},
+             {{"d", "H|10\n101|1200|1200|1200|100|1200|1200|1200|200\n201|f|f|f|f|f|f\n301|5|6\n"},
+              {"offset_energy_day", "14\n0|0.00\n101|200.00\n"}}}}},
+        // The next midnight files the whole text under the date of the restart.
+        {"restart on a later day starts from zero in the old day file", nullptr, 5, EXAMPLE, {}, {
+            {START, 201503141000, {}, {}}, {TICK, 201503141005, {{ENERGY, 1200}}, {}}, {START, 201503151007, {}, {}},
+            {TICK, 201503151010, {{ENERGY, 1200}}, {}},
+            {TICK, 201503151100, {{ENERGY, 1200}}, {{"d", laterDay}, {"2015_03_15", laterDay},
+                {"m", "D|14\n101|100\n201|0|0|0\n301|0\nD|15\n101|200\n201|0|0|0\n301|0\n"}}},
+            {TICK, 201503160000, {},
+             {{"2015_03_15", laterDay}, {"d", "H|0\n101|f|f|f|0\n201|f|f|f\n301|0\n"}}}}},
+        // Back within the day file, the blocks of the earlier hours are extended again.
+        {"clock stepped back to an earlier day cuts the month", nullptr, 60, EXAMPLE, {}, {
+            {START, 201503050900, {}, {}}, {TICK, 201503051000, {{ENERGY, 60}}, {}},
+            {TICK, 201503061000, {{ENERGY, 60}}, {}}, {TICK, 201503201000, {{ENERGY, 60}}, {}},
+            {TICK, 201503051100, {{ENERGY, 60}},
+             {{"m", "D|5\n101|240\n201|0|0|0\n301|0\n"},
+              {"d", "H|10\n101|60|60|60|60|60|60|60|120|60|60|60|180\n201|f|f|f|f|f|f|f|f|f\n301|0|0|0\n"
+                    "H|11\n101|60|60|60|240\n201|f|f|f\n301|0\n"}}}}},
+        // A meter reset while stopped: the count goes on from the saved total.
+        {"pulse meter reset running and across a restart", nullptr, 5, EXAMPLE, {}, {{START, 201503141000, {}, {}},
+            {TICK, 201503141005, {{PULSE, 600000}}, {}}, {TICK, 201503141010, {{PULSE, 3000}}, {}},
+            {TICK, 201503141015, {{PULSE, 4000}}, {{"offset_pulse", "301|604000.00\n"}}}, {START, 201503151000, {}, {}},
+            {TICK, 201503151005, {}, {}}, {TICK, 201503151010, {{PULSE, 5000}},
+             {{"d", "H|10\n101|f|f|f|0|f|f|f|0|f|f|f|0|f|f|f|0|f|f|f|0\n201|f|f|f|f|f|f|f|f|f|f|f|f|f|f|f\n"
+                    "301|600|600|604|0|609\n"}}}}},
+        // Without the energy offsets the pulse offsets are not read at all.
+        {"pulse base needs the energy offsets", nullptr, 5, EXAMPLE, {{"offset_pulse", "301|1000000.00\n"}}, {
+            {START, 201503141000, {}, {}},
+            {TICK, 201503141005, {{PULSE, 5000}}, {{"d", "H|10\n101|f|f|f|0\n201|f|f|f\n301|5\n"}}}}},
+        {"pulse base from the offset file", nullptr, 5, EXAMPLE,
+         {{"offset_energy_day", "14\n"}, {"offset_pulse", "301|1000000.00\n"}}, {{START, 201503141000, {}, {}},
+            {TICK, 201503141005, {{PULSE, 5000}}, {}}, {TICK, 201503141010, {{PULSE, 7000}},
+             {{"d", "H|10\n101|f|f|f|0|f|f|f|0\n201|f|f|f|f|f|f\n301|1005|1007\n"}}}}},
+        {"offsets of the same day", nullptr, 5, EXAMPLE,
+         {{"offset_energy_day", "14\n101|12.50\n"}, {"offset_pulse", "301|7000.00\n999|5\n"}}, {
+            {START, 201503141000, {}, {}}, {TICK, 201503141005, {}, {{"offset_energy_day", "14\n0|0.00\n101|12.50\n"},
+                                              {"offset_pulse", "301|0.00\n"}}}}, nullptr, "Can not read offset file"},
+        {"offsets of another day", nullptr, 5, EXAMPLE,
+         {{"offset_energy_day", "13\n101|12.50\n"}, {"offset_pulse", "301|7000\n"}}, {{START, 201503141000, {}, {}},
+            {TICK, 201503141005, {}, {{"offset_energy_day", "14\n101|0.00\n"},
+                                              {"offset_pulse", "301|0.00\n"}}}}},
+        {"offsets with one field and bad lines", nullptr, 5, EXAMPLE,
+         {{"offset_energy_day", "14\n101\n7|1|2\nabc|5"}, {"offset_pulse", ""}}, {{START, 201503141000, {}, {}},
+            {TICK, 201503141005, {}, {{"offset_energy_day", "14\n0|5.00\n101|0.00\n"},
+                                              {"offset_pulse", "301|0.00\n"}}}}},
+        {"empty offset files", nullptr, 5, EXAMPLE, {{"offset_energy_day", ""}, {"offset_pulse", ""}}, {
+            {START, 201503141000, {}, {}}, {TICK, 201503141005, {}, {{"offset_energy_day", "14\n101|0.00\n"},
+                                              {"offset_pulse", "301|0.00\n"}}}}, nullptr, "Can not read offset file"},
+        {"no offset files", nullptr, 5, EXAMPLE, {}, {{START, 201503141000, {}, {}},
+            {TICK, 201503141005, {}, {{"offset_energy_day", "14\n101|0.00\n"},
+                                              {"offset_pulse", "301|0.00\n"}}}}, "Can not read offset file"},
+        // Hand-edited day files never lose a header.
+        {"hand edited: block of fewer rows", nullptr, 5, EXAMPLE, {{"d", "H|10\n101|1|1|1|1\nH|11\n101|2|2|2|2\n"}}, {
+            {START, 201503141000, {}, {}}, {TICK, 201503141005, {},
+             {{"d", "H|10\n101|1|1|1|1|f|f|f|0\n201|f|f|f\n301|0\nH|11\n101|2|2|2|2\n"}}}}},
+        {"hand edited: cut last row", nullptr, 5, EXAMPLE, {{"d", "H|10\n101|1|1|1|1\n201|3|3"}}, {
+            {START, 201503141000, {}, {}},
+            {TICK, 201503141005, {}, {{"d", "H|10\n101|1|1|1|1|f|f|f|0\n201|3|3|f|f|f\n301|0\n"}}}}},
+        {"hand edited: garbage", nullptr, 5, EXAMPLE, {{"d", "garbage"}}, {{START, 201503141000, {}, {}},
+            {TICK, 201503141005, {}, {{"d", "garbage\nH|10\n101|f|f|f|0\n201|f|f|f\n301|0\n"}}}}},
+        {"hand edited: empty line", nullptr, 5, EXAMPLE, {{"d", "H|10\n\n101|1\n"}}, {{START, 201503141000, {}, {}},
+            {TICK, 201503141005, {}, {{"d", "H|10\n101|f|f|f|0\n201|f|f|f\n301|0\n\n101|1\n"}}}}},
+        {"hand edited: header alone", nullptr, 5, EXAMPLE, {{"d", "H|10\n"}}, {{START, 201503141000, {}, {}},
+            {TICK, 201503141005, {}, {{"d", noSample}}}}},
+        // The tick ends at the day file; the total has grown all the same.
+        {"a failed day update ends the tick", nullptr, 5, EXAMPLE, {}, {{START, 201503141000, {}, {}},
+            {LOST, 201503141005, {{ENERGY, 1200}}, {{"d", nullptr}}}, {TICK, 201503141010, {{ENERGY, 1200}},
+             {{"d", "H|10\n101|1200|1200|1200|200\n201|f|f|f\n301|0\n"}}}}, "Can not update day file ", "Can not update month file"},
+        {"stop forgets the parameters", nullptr, 5, EXAMPLE, {}, {{START, 201503141000, {}, {}},
+            {STOPSTART, 201503141000, {}, {}}, {TICK, 201503141005, {{ENERGY, 1200}}, {{"d", "H|10\n"}}}}},
+        // Which row each fid of each device type gets, and which totals are kept.
+        {"every fid of every device type", nullptr, 60, EveryFid(), {}, {{START, 201503140900, {}, {}},
+            {TICK, 201503141000, Held(0),
+             {{"d", "H|10\n202|20200|20200|20200|20200\n302|30200|30200|30200|30200\n602|60200|60200|60200|60200\n"
+                    "604|60400|60400|60400|60400\n702|70200|70200|70200|70200\n704|70400|70400|70400|70400\n"
+                    "706|70600|70600|70600|70600\n708|70800|70800|70800|70800\n"
+                    "1002|100200|100200|100200|100200\n1102|110200|110200|110200|110200\n"
+                    "1104|110400|110400|110400|110400\n1106|110600|110600|110600|110600\n"
+                    "100|10000|10000|10000\n101|10100|10100|10100\n102|10200|10200|10200\n"
+                    "501|50.1\n801|80.1\n803|80.3\n901|90.1\n903|90.3\n905|90.5\n907|90.7\n909|90.9\n"},
+              {"offset_energy_day", "14\n200|0.00\n201|0.00\n202|20200.00\n203|0.00\n"
+                                    "300|0.00\n301|0.00\n302|30200.00\n303|0.00\n304|0.00\n"
+                                    "600|0.00\n601|0.00\n602|60200.00\n603|0.00\n604|60400.00\n605|0.00\n"
+                                    "700|0.00\n701|0.00\n702|70200.00\n703|0.00\n704|70400.00\n705|0.00\n"
+                                    "706|70600.00\n707|0.00\n708|70800.00\n709|0.00\n"
+                                    "1000|0.00\n1001|0.00\n1002|100200.00\n1003|0.00\n"
+                                    "1100|0.00\n1101|0.00\n1102|110200.00\n1103|0.00\n1104|110400.00\n1105|0.00\n"
+                                    "1106|110600.00\n1107|0.00\n"},
+              {"offset_pulse", "500|0.00\n501|50100.00\n502|0.00\n800|0.00\n801|80100.00\n802|0.00\n"
+                               "803|80300.00\n804|0.00\n900|0.00\n901|90100.00\n902|0.00\n903|90300.00\n904|0.00\n"
+                               "905|90500.00\n906|0.00\n907|90700.00\n908|0.00\n909|90900.00\n910|0.00\n"}}}}},
+        // Daylight saving: the hour that repeats extends its block, the hour that is skipped has none.
+        {"the hour that repeats", ROME, 60, EXAMPLE, {}, {{START, 201510250130, {}, {}},
+            {TICK, {201510250130, 30}, {{ENERGY, 60}}, {}}, {TICK, {201510250130, 90}, {{ENERGY, 60}}, {}},
+            {TICK, {201510250130, 150}, {{ENERGY, 60}},
+             {{"d", "H|2\n101|60|60|60|60|60|60|60|120\n201|f|f|f|f|f|f\n301|0|0\n"
+                    "H|3\n101|60|60|60|180\n201|f|f|f\n301|0\n"}}}}},
+        {"the hour that is skipped", ROME, 60, EXAMPLE, {}, {{START, 201503290130, {}, {}},
+            {TICK, {201503290130, 30}, {{ENERGY, 60}}, {}}, {TICK, {201503290130, 90}, {{ENERGY, 60}},
+             {{"d", "H|3\n101|60|60|60|60\n201|f|f|f\n301|0\nH|4\n101|60|60|60|120\n201|f|f|f\n301|0\n"}}}}},
     };
-    const struct {
-        const char* name;
-        Offsets before;
-        Offsets after;
-        bool failureLogged;
-    } cases[] = {
-        {"same day, the empty last piece brings UID 0",
-         {"14\n101|12.50\n", "301|7000.00\n999|5\n"},
-         {"14\n0|0.00\n101|12.50\n", "301|0.00\n"},
-         false},
-        {"another day", {"13\n101|12.50\n", "301|7000\n"}, {"14\n101|0.00\n", "301|0.00\n"}, false},
-        {"one field and bad lines", {"14\n101\n7|1|2\nabc|5", ""}, {"14\n0|5.00\n101|0.00\n", "301|0.00\n"}, false},
-        {"empty file", {"", ""}, {"14\n101|0.00\n", "301|0.00\n"}, false},
-        {"no files", {nullptr, nullptr}, {"14\n101|0.00\n", "301|0.00\n"}, true},
-    };
-    for (const auto& c : cases) {
-        m_log.Clear();
-        unlink(m_dir.File("offset_energy_day").c_str());
-        unlink(m_dir.File("offset_pulse").c_str());
-        if (c.before.energy)
-            kes_test::WriteFile(m_dir.File("offset_energy_day"), c.before.energy);
-        if (c.before.pulse)
-            kes_test::WriteFile(m_dir.File("offset_pulse"), c.before.pulse);
-        auto history = Started(5, LocalMs(2015, 3, 14, 10, 0));
-        history->SetClock(LocalMs(2015, 3, 14, 10, 5));
-        history->Tick();
-        EXPECT_EQ(c.after.energy, Read("offset_energy_day")) << c.name;
-        EXPECT_EQ(c.after.pulse, Read("offset_pulse")) << c.name;
-        EXPECT_EQ(c.failureLogged, Logged("Can not read offset file")) << c.name;
-    }
-}
-
-TEST_F(HistorySystem, PulseBaseFromTheOffsetFile)
-{
-    // Without the energy file the pulse file is not read at all.
-    kes_test::WriteFile(m_dir.File("offset_pulse"), "301|1000000.00\n");
-    auto first = Started(5, LocalMs(2015, 3, 14, 10, 0));
-    Constant(*first, LocalMs(2015, 3, 14, 10, 5), {{PULSE, 5000}});
-    EXPECT_NE(std::string::npos, Read("d").find("\n301|5\n"));
-    first.reset();
-    unlink(m_dir.File("d").c_str());
-
-    kes_test::WriteFile(m_dir.File("offset_energy_day"), "14\n");
-    kes_test::WriteFile(m_dir.File("offset_pulse"), "301|1000000.00\n");
-    auto history = Started(5, LocalMs(2015, 3, 14, 10, 0));
-    Constant(*history, LocalMs(2015, 3, 14, 10, 5), {{PULSE, 5000}});
-    Constant(*history, LocalMs(2015, 3, 14, 10, 10), {{PULSE, 7000}});
-    // The meter was reset while the daemon stood still: it counts on from the base.
-    EXPECT_NE(std::string::npos, Read("d").find("\n301|1005|1007\n"));
-}
-
-TEST_F(HistorySystem, HandEditedDayFilesNeverLoseAHeader)
-{
-    const struct {
-        const char* before;
-        const char* after;
-    } cases[] = {
-        {"H|10\n101|1|1|1|1\n", "H|10\n101|1|1|1|1|f|f|f|0\n201|f|f|f\n301|0\n"},
-        {"H|10\n101|1|1|1|1\nH|11\n101|2|2|2|2\n", "H|10\n101|1|1|1|1|f|f|f|0\n201|f|f|f\n301|0\nH|11\n101|2|2|2|2\n"},
-        {"H|10\n101|1|1|1|1\n201|3|3", "H|10\n101|1|1|1|1|f|f|f|0\n201|3|3|f|f|f\n301|0\n"},
-        {"garbage", "garbage\nH|10\n101|f|f|f|0\n201|f|f|f\n301|0\n"},
-        {"H|10\n\n101|1\n", "H|10\n101|f|f|f|0\n201|f|f|f\n301|0\n\n101|1\n"},
-        {"H|10\n", "H|10\n101|f|f|f|0\n201|f|f|f\n301|0\n"},
-    };
-    for (const auto& c : cases) {
-        kes_test::WriteFile(m_dir.File("d"), c.before);
-        auto history = Started(5, LocalMs(2015, 3, 14, 10, 0));
-        history->SetClock(LocalMs(2015, 3, 14, 10, 5));
-        history->Tick();
-        EXPECT_EQ(c.after, Read("d")) << c.before;
-        EXPECT_EQ(0u, Read("m").find("D|14\n")) << c.before;
-    }
-}
-
-TEST_F(HistorySystem, AFailedDayUpdateEndsTheTick)
-{
-    auto history = Started(5, LocalMs(2015, 3, 14, 10, 0));
-    const std::string missing = m_dir.File("missing");
-    history->SetHistoryFolder(missing);
-    Constant(*history, LocalMs(2015, 3, 14, 10, 5), {{ENERGY, 1200}});
-    EXPECT_TRUE(Logged("Can not update day file " + missing + "/d"));
-    EXPECT_FALSE(Logged("Can not update month file"));
-
-    // The total has grown all the same; the next good tick shows it.
-    history->SetHistoryFolder(m_dir.Path());
-    Constant(*history, LocalMs(2015, 3, 14, 10, 10), {{ENERGY, 1200}});
-    EXPECT_EQ("H|10\n101|1200|1200|1200|200\n201|f|f|f\n301|0\n", Read("d"));
-}
-
-TEST_F(HistorySystem, StopForgetsTheParameters)
-{
-    auto history = Started(5, LocalMs(2015, 3, 14, 10, 0));
-    EXPECT_EQ(kesErrorOk, history->Stop());
-    EXPECT_EQ(kesErrorOk, history->Stop());
-    EXPECT_EQ(kesErrorOk, history->Start());
-    history->SetClock(LocalMs(2015, 3, 14, 10, 5));
-    history->Tick();
-    EXPECT_EQ("H|10\n", Read("d"));
+    // clang-format on
+    for (const Scenario& c : cases)
+        Run(c);
 }
 
 TEST_F(HistorySystem, TheTimerTicksAtTheBoundary)
@@ -493,37 +457,13 @@ TEST_F(HistorySystem, TheTimerTicksAtTheBoundary)
     history->RegisterParameterDouble(ENERGY, kesEnergyDeviceString, 2);
     history->SetLocal(2015, 3, 14, 12, 4, 59);
     history->Init(5);
-    history->SetHistoryFolder(m_dir.Path());
+    history->SetHistoryFolder(Dir().Path());
     history->LetTimerTick(true);
     ASSERT_EQ(kesErrorOk, history->Start());
     for (int wait = 0; wait < 100 && !Exists("offset_energy_day"); ++wait)
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(kesErrorOk, history->Stop());
     EXPECT_EQ(0u, Read("d").find("H|12\n101|f|f|f|0\n"));
-}
-
-TEST_F(HistorySystem, SamplesFromOtherThreadsDuringTicks)
-{
-    auto history = Started(5, LocalMs(2015, 3, 14, 10, 0));
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> lines;
-    for (unsigned int uid : {ENERGY, VALUE, PULSE})
-        lines.emplace_back([&history, &stop, uid] {
-            for (int i = 0; i < 100000 && !stop; ++i) {
-                history->SetValueAsDouble(uid, 100 + i % 7);
-                history->SetValueAsInt(uid, i);
-            }
-        });
-    for (int tick = 1; tick <= 6; ++tick) {
-        history->SetClock(LocalMs(2015, 3, 14, 10, 5 * tick));
-        history->Tick();
-    }
-    stop = true;
-    for (std::thread& line : lines)
-        line.join();
-    const std::string day = Read("d");
-    EXPECT_EQ(0u, day.find("H|10\n101|"));
-    EXPECT_EQ(4u, static_cast<unsigned int>(std::count(day.begin(), day.end(), '\n')));
 }
 
 TEST_F(HistorySystem, ReplacementKeepsWhatTheUserSetUp)
@@ -533,34 +473,39 @@ TEST_F(HistorySystem, ReplacementKeepsWhatTheUserSetUp)
     kes_test::TempDir disk;
     kes_test::WriteFile(disk.File("b"), "Y|2014\n101|7\n");
     kes_test::WriteFile(disk.File("m"), "D|30\n101|1\n");
-    ASSERT_EQ(0, symlink(disk.File("b").c_str(), m_dir.File("b").c_str()));
-    ASSERT_EQ(0, symlink(disk.File("m").c_str(), m_dir.File("m").c_str()));
-    kes_test::WriteFile(m_dir.File("d"), "H|23\n");
-    ASSERT_EQ(0, chmod(m_dir.File("d").c_str(), 0640));
+    ASSERT_EQ(0, symlink(disk.File("b").c_str(), Dir().File("b").c_str()));
+    ASSERT_EQ(0, symlink(disk.File("m").c_str(), Dir().File("m").c_str()));
+    kes_test::WriteFile(Dir().File("d"), "H|23\n");
+    ASSERT_EQ(0, chmod(Dir().File("d").c_str(), 0640));
     const bool root = geteuid() == 0;
     if (root) {
-        ASSERT_EQ(0, chown(m_dir.File("d").c_str(), 1234, 5678));
+        ASSERT_EQ(0, chown(Dir().File("d").c_str(), 1234, 5678));
     }
     for (const char* name : {"d.tmp", "y.tmp", "2015_03_31.tmp", "offset_pulse.tmp", "notes.tmp"})
-        kes_test::WriteFile(m_dir.File(name), "x");
+        kes_test::WriteFile(Dir().File(name), "x");
     kes_test::WriteFile(disk.File("b.tmp"), "x");
 
-    auto history = Started(5, LocalMs(2015, 3, 31, 23, 50));
-    Constant(*history, LocalMs(2015, 3, 31, 23, 55), {{ENERGY, 600}});
-    Constant(*history, LocalMs(2015, 4, 1, 0, 0), {{ENERGY, 600}});
-
-    // The links stay and lead to the new text; the linked month was copied
-    // to its dated name at the rollover.
+    Run({"month end",
+         nullptr,
+         5,
+         EXAMPLE,
+         {},
+         {{START, 201503312350, {}, {}},
+          {TICK, 201503312355, {{ENERGY, 600}}, {}},
+          {TICK, 201504010000, {{ENERGY, 600}}, {}}}},
+        false);
+    // The links stay and lead to the new text; the linked month was copied to
+    // its dated name at the rollover.
     char target[512] = {};
-    ASSERT_LT(0, readlink(m_dir.File("b").c_str(), target, sizeof(target) - 1));
+    ASSERT_LT(0, readlink(Dir().File("b").c_str(), target, sizeof(target) - 1));
     EXPECT_EQ(disk.File("b"), target);
-    EXPECT_EQ(0u, Read("b").find("Y|2014\n101|7\nY|2015\n"));
+    EXPECT_EQ(0u, kes_test::ReadFile(disk.File("b")).find("Y|2014\n101|7\nY|2015\n"));
     EXPECT_TRUE(Read("m").find("D|1\n") == 0 && Read("2015_03").find("D|30\n101|1\nD|31\n") == 0);
-    ASSERT_LT(0, readlink(m_dir.File("m").c_str(), target, sizeof(target) - 1));
+    ASSERT_LT(0, readlink(Dir().File("m").c_str(), target, sizeof(target) - 1));
     // The day file keeps its bits and owner, also as the new file after its rollover.
     for (const char* name : {"d", "2015_03_31"}) {
         struct stat info;
-        ASSERT_EQ(0, stat(m_dir.File(name).c_str(), &info)) << name;
+        ASSERT_EQ(0, stat(Dir().File(name).c_str(), &info)) << name;
         EXPECT_EQ(0640u, info.st_mode & 07777) << name;
         if (root) {
             EXPECT_TRUE(info.st_uid == 1234 && info.st_gid == 5678) << name;
@@ -579,7 +524,7 @@ TEST_F(HistorySystem, ReplacementKeepsWhatTheUserSetUp)
     };
     EXPECT_EQ((std::set<std::string>{"2015", "2015_03", "2015_03_31", "b", "d", "m", "notes.tmp", "offset_energy_day",
                                      "offset_pulse", "y"}),
-              names(m_dir.Path()));
+              names(Dir().Path()));
     EXPECT_EQ((std::set<std::string>{"b", "m"}), names(disk.Path()));
 }
 
@@ -606,7 +551,7 @@ class HistoryIntruder : public ::testing::TestWithParam<IntruderCase> {};
 TEST_P(HistoryIntruder, IsNamedInARecordAndLeftAsItWas)
 {
     const std::string name = std::get<0>(GetParam());
-    kes_test::TempDir dir;
+    kes_test::MemoryDir dir;
     if (name != "offset_energy_day") // so that "offset_pulse" is read at the start as well
         kes_test::WriteFile(dir.File("offset_energy_day"), "14\n101|1.00\n");
     FakeClockHistory history;

@@ -11,33 +11,18 @@ using namespace kes::Energy;
 namespace {
 
 // Times in ms from an arbitrary origin that is not 0, which would mean "no sample".
-const unsigned int ORIGIN = 5000000;
-
-struct Sample {
-    double atSeconds;
-    double value;
-};
-
-struct IntervalCase {
-    const char* name;
-    std::vector<Sample> samples;
-    double tickSeconds;
-    unsigned int intervalMs;
-    const char* average;
-    double minimum;
-    double maximum;
-};
-
 unsigned int At(double seconds)
 {
-    return ORIGIN + static_cast<unsigned int>(static_cast<long long>(seconds * 1000));
+    return 5000000 + static_cast<unsigned int>(static_cast<long long>(seconds * 1000));
 }
 
 } // namespace
 
 TEST(HistoryDouble, ClosesTheIntervalWithTheTimeWeightedAverage)
 {
-    const IntervalCase cases[] = {
+    // clang-format off
+    const struct { const char* name; std::vector<std::pair<double, double>> samples; double tick;
+                   unsigned int intervalMs; const char* average; double minimum, maximum; } cases[] = {
         {"two samples", {{0, 10}, {100, 20}}, 300, 300000, "16.7", 10, 20},
         {"late first sample", {{60, 100}}, 300, 300000, "80", 100, 100},
         {"short first interval", {{0, 1200}}, 120, 120000, "1200", 1200, 1200},
@@ -45,27 +30,24 @@ TEST(HistoryDouble, ClosesTheIntervalWithTheTimeWeightedAverage)
         // A step of the clock back makes the span near 2^32 ms: the middle of the range is taken.
         {"clock stepped back", {{100, 10}, {50, 30}}, 60, 300000, "20", 10, 30},
     };
-    for (const IntervalCase& c : cases) {
+    // clang-format on
+    for (const auto& c : cases) {
         kesEnegyHistoryDouble parameter(2, kes::kesEnergyDeviceString);
-        for (const Sample& sample : c.samples)
-            parameter.Add(sample.value, At(sample.atSeconds));
-        const kesEnegyHistoryFigures figures = parameter.Close(At(c.tickSeconds), c.intervalMs);
+        for (const auto& sample : c.samples)
+            parameter.Add(sample.second, At(sample.first));
+        const kesEnegyHistoryFigures figures = parameter.Close(At(c.tick), c.intervalMs);
         EXPECT_FALSE(figures.noData) << c.name;
         EXPECT_EQ(kesString(c.average), kesString::FromDouble(figures.average, 1)) << c.name;
         EXPECT_EQ(c.minimum, figures.minimum) << c.name;
         EXPECT_EQ(c.maximum, figures.maximum) << c.name;
+        EXPECT_EQ(c.samples.back().second, figures.last) << c.name;
     }
-}
-
-TEST(HistoryDouble, FirstSampleAddsNothingAndTheNextIntervalStartsClean)
-{
+    // No sample in the next interval: no data, and the last value is not carried over.
     kesEnegyHistoryDouble parameter(0, kes::kesEnergyDevicePanel);
     parameter.Add(10, At(0));
     parameter.Add(20, At(100));
     EXPECT_EQ(1000.0, parameter.m_dSum);
     parameter.Close(At(300), 300000);
-
-    // No sample in the next interval: no data, and the last value is not carried over.
     const kesEnegyHistoryFigures figures = parameter.Close(At(600), 300000);
     EXPECT_TRUE(figures.noData);
     EXPECT_EQ(20.0, figures.last);
@@ -73,18 +55,10 @@ TEST(HistoryDouble, FirstSampleAddsNothingAndTheNextIntervalStartsClean)
     EXPECT_EQ(0.0, parameter.m_dSum);
 }
 
-struct PulseCase {
-    const char* name;
-    double base;
-    double total;
-    std::vector<double> counts;
-    std::vector<double> totals; // after each count
-    double finalBase;
-};
-
 TEST(HistoryPulse, CountsOnFromTheBaseAfterAMeterReset)
 {
-    const PulseCase cases[] = {
+    // clang-format off
+    const struct { const char* name; double base, total; std::vector<double> counts, totals; double finalBase; } cases[] = {
         {"fresh storage", 0, 0, {1000, 1010}, {1000, 1010}, 0},
         {"restart, meter went on counting", 1000, 0, {1010}, {1010}, 1000},
         {"restart, count at the base within the tolerance", 1000, 0, {1000.005}, {1000.005}, 1000},
@@ -92,7 +66,8 @@ TEST(HistoryPulse, CountsOnFromTheBaseAfterAMeterReset)
         {"reset in a running system", 0, 600, {3, 4}, {600, 604}, 600},
         {"count passes the base again", 0, 600, {3, 700, 5}, {600, 700, 700}, 700},
     };
-    for (const PulseCase& c : cases) {
+    // clang-format on
+    for (const auto& c : cases) {
         PulseCounterStorage storage;
         storage.m_dBase = c.base;
         storage.m_dTotal = c.total;

@@ -1,8 +1,13 @@
 #ifndef KES_HISTORY_FAKE_H
 #define KES_HISTORY_FAKE_H
 
+#include <ftw.h>
+#include <stdlib.h>
+
 #include <atomic>
+#include <cstdio>
 #include <ctime>
+#include <string>
 
 #include "kes_energy_history.h"
 
@@ -22,6 +27,29 @@ inline unsigned long long LocalMs(int year, int month, int day, int hour, int mi
     return static_cast<unsigned long long>(mktime(&local)) * 1000ull + static_cast<unsigned long long>(ms);
 }
 
+// A folder in memory where there is one: every file the store replaces is
+// synced, which on a disk shared by busy builds costs more than the test itself.
+class MemoryDir {
+public:
+    MemoryDir()
+    {
+        char memory[] = "/dev/shm/kes_history_XXXXXX", disk[] = "/tmp/kes_history_XXXXXX";
+        const char* made = mkdtemp(memory);
+        m_path = made ? made : mkdtemp(disk);
+    }
+    ~MemoryDir()
+    {
+        nftw(
+            m_path.c_str(), [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); }, 8,
+            FTW_DEPTH | FTW_PHYS);
+    }
+    const std::string& Path() const { return m_path; }
+    std::string File(const std::string& name) const { return m_path + "/" + name; }
+
+private:
+    std::string m_path;
+};
+
 // The history store on a clock the test sets. Its timer thread runs but does
 // nothing: the test drives each tick through Tick() at the time it chose.
 class FakeClockHistory : public kes::Energy::kesEnergyHistorySystem {
@@ -40,8 +68,6 @@ public:
     {
         m_ms = LocalMs(year, month, day, hour, minute, second, ms);
     }
-    void Advance(unsigned long long ms) { m_ms += ms; }
-    unsigned long long Clock() const { return m_ms; }
 
     void Tick() { kes::Energy::kesEnergyHistorySystem::OnTimer(); }
     // Lets the timer's own thread run the real tick too.
