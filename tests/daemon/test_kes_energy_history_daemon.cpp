@@ -50,13 +50,13 @@ protected:
         ASSERT_EQ(system(("mkdir -p " + m_dir.File("data")).c_str()), 0);
     }
 
-    // Runs the daemon from the fake time given, twenty times faster than real
+    // Runs the daemon from the fake time given, forty times faster than real
     // time, until the day file holds `groups` totals of the energy parameter.
     void run_until(const std::string& start, size_t groups)
     {
         kes_test::ChildProcess daemon;
         ASSERT_TRUE(
-            daemon.Start({"/usr/bin/env", std::string("LD_PRELOAD=") + FAKETIME, "FAKETIME=@" + start + " x20",
+            daemon.Start({"/usr/bin/env", std::string("LD_PRELOAD=") + FAKETIME, "FAKETIME=@" + start + " x40",
                           "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1", kes_test::BinPath("kes_energy"),
                           "-conf", m_dir.File("conf.xml"), "-dir", m_dir.File("data"), "-history", "1"}));
         auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);

@@ -21,7 +21,7 @@ using kes_test::LocalMs;
 
 namespace {
 
-const unsigned int PER_CLASS = 60;
+const unsigned int PER_CLASS = 300;
 const unsigned int BASES[] = {10000, 20000, 30000}; // energy, value, pulse
 
 // Ticks every 5 minutes of its clock, as fast as the disk lets it, until killed.
@@ -106,19 +106,19 @@ int CheckFolder(const std::string& folder)
 
 TEST(HistoryCrash, AWriterKilledAtAnyMomentLeavesWholeFiles)
 {
-    kes_test::MemoryDir folder;
+    kes_test::TempDir folder;
     std::mt19937 random(20151231);
     // Each writer starts later on the clock, so the rounds cross a midnight, a
     // month end and a year end.
     const unsigned long long first = LocalMs(2015, 12, 31, 23, 0);
-    const int ROUNDS = 6;
+    const int ROUNDS = 20;
     int checked = 0;
     for (int round = 0; round < ROUNDS && !HasFailure(); ++round) {
         const pid_t child = fork();
         ASSERT_NE(-1, child);
         if (child == 0)
             RunWriter(folder.Path(), first + round * 25 * 60000ull, random());
-        std::this_thread::sleep_for(std::chrono::milliseconds(40 + random() % 120));
+        std::this_thread::sleep_for(std::chrono::milliseconds(30 + random() % 70));
         kill(child, SIGKILL);
         int status = 0;
         ASSERT_EQ(child, waitpid(child, &status, 0));
