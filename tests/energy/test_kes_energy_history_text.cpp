@@ -147,10 +147,6 @@ TEST(HistoryLevelRows, CondenseTheRowsBelow)
     // clang-format off
     const struct { const char* name; const char* source; const kesEnergyHistoryRules* rules;
                    std::initializer_list<const char*> energy, value, pulse; const char* expected; } cases[] = {
-        {"the day of the format example",
-         "H|10\n101|512|480|540.5|256|f|f|f|256\n201|31.5|30.2|32|31.7|31|32.4\n"
-         "301|1204.6|1204.9\nH|11\n101|600|590|611.2|556\n201|32|31.9|32.1\n301|1205.3\n",
-         &MONTH_RULES, {"101"}, {"201"}, {"301"}, "101|556\n201|31.7|30.2|32.4\n301|1205.3\n"},
         {"groups without sample count as 0", "D|1\n5|f|f|f|10|8|12\n", &MONTH_RULES, {}, {"5"}, {}, "5|5|0|12\n"},
         {"only missing samples", "D|1\n5|f|f|f|f|f|f\n", &MONTH_RULES, {}, {"5"}, {}, "5|0|0|0\n"},
         {"cut groups are skipped", "D|1\n5|10|8|12|20|19\n6|10\n7|10|8\n", &MONTH_RULES, {}, {"5", "6", "7"}, {},
