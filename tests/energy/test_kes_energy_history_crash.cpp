@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -21,11 +22,12 @@ using kes_test::LocalMs;
 
 namespace {
 
-const unsigned int PER_CLASS = 300;
+const unsigned int PER_CLASS = 100;
 const unsigned int BASES[] = {10000, 20000, 30000}; // energy, value, pulse
 
-// Ticks every 5 minutes of its clock, as fast as the disk lets it, until killed.
-[[noreturn]] void RunWriter(const std::string& folder, unsigned long long start, unsigned int seed)
+// Ticks every 5 minutes of its clock, as fast as the disk lets it, until killed;
+// a byte on 'ticked' after each tick.
+[[noreturn]] void RunWriter(const std::string& folder, unsigned long long start, unsigned int seed, int ticked)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     kes::kesError::Level = 0;
@@ -52,6 +54,8 @@ const unsigned int BASES[] = {10000, 20000, 30000}; // energy, value, pulse
             }
             history.SetClock(start + tick * 300000ull);
             history.Tick();
+            if (write(ticked, "t", 1) != 1)
+                _exit(1);
         }
     }
     _exit(0);
@@ -111,17 +115,24 @@ TEST(HistoryCrash, AWriterKilledAtAnyMomentLeavesWholeFiles)
     // Each writer starts later on the clock, so the rounds cross a midnight, a
     // month end and a year end.
     const unsigned long long first = LocalMs(2015, 12, 31, 23, 0);
-    const int ROUNDS = 20;
+    const int ROUNDS = 16;
     int checked = 0;
     for (int round = 0; round < ROUNDS && !HasFailure(); ++round) {
+        int ticked[2];
+        ASSERT_EQ(0, pipe(ticked));
         const pid_t child = fork();
         ASSERT_NE(-1, child);
         if (child == 0)
-            RunWriter(folder.Path(), first + round * 25 * 60000ull, random());
-        std::this_thread::sleep_for(std::chrono::milliseconds(30 + random() % 70));
+            RunWriter(folder.Path(), first + round * 25 * 60000ull, random(), ticked[1]);
+        // The kill lands within the ticks, not in the registration before them.
+        pollfd first_tick = {ticked[0], POLLIN, 0};
+        EXPECT_EQ(1, poll(&first_tick, 1, 10000));
+        std::this_thread::sleep_for(std::chrono::milliseconds(random() % 40));
         kill(child, SIGKILL);
         int status = 0;
         ASSERT_EQ(child, waitpid(child, &status, 0));
+        close(ticked[0]);
+        close(ticked[1]);
         ASSERT_TRUE(WIFSIGNALED(status)) << "the writer ended by itself";
         checked += CheckFolder(folder.Path());
     }

@@ -69,7 +69,8 @@ TEST(HistoryNumber, MatchesStrtodBitForBit)
                            "nan",
                            "9007199254740993",
                            "3000.125",
-                           "1.7976931348623157e308"};
+                           "1.7976931348623157e308",
+                           "0x1p3"};
     for (const char* text : cases) {
         const double expected = std::strtod(text, nullptr);
         const double got = kesEnergyHistoryAsDouble(text, text + std::strlen(text));
@@ -148,7 +149,10 @@ TEST(HistoryLevelRows, CondenseTheRowsBelow)
     const struct { const char* name; const char* source; const kesEnergyHistoryRules* rules;
                    std::initializer_list<const char*> energy, value, pulse; const char* expected; } cases[] = {
         {"groups without sample count as 0", "D|1\n5|f|f|f|10|8|12\n", &MONTH_RULES, {}, {"5"}, {}, "5|5|0|12\n"},
-        {"only missing samples", "D|1\n5|f|f|f|f|f|f\n", &MONTH_RULES, {}, {"5"}, {}, "5|0|0|0\n"},
+        {"only missing samples", "D|1\n5|f|f|f|F|F|F\n", &MONTH_RULES, {}, {"5"}, {}, "5|0|0|0\n"},
+        {"a missing sample is 0 even below a negative minimum", "D|1\n5|-5|-6|-4|f|f|f\n", &MONTH_RULES, {}, {"5"}, {},
+         "5|-2.5|-6|0\n"},
+        {"a missing day adds nothing to the year", "D|1\n1|f\nD|2\n1|5\n", &YEAR_RULES, {"1"}, {}, {}, "1|5\n"},
         {"cut groups are skipped", "D|1\n5|10|8|12|20|19\n6|10\n7|10|8\n", &MONTH_RULES, {}, {"5", "6", "7"}, {},
          "5|10|8|12\n"},
         {"value without rows has none, energy and pulse have 0", "D|1\n", &MONTH_RULES, {"1"}, {"2"}, {"3"},
