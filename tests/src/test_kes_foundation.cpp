@@ -67,7 +67,7 @@ void expect_records(const ErrorCapture& i_errors, const Texts& i_texts, const st
         EXPECT_TRUE(i_errors.Contains(text)) << i_name << ": " << text << "\n" << i_errors.Dump();
 }
 
-// A gateway that sends its bytes, the second part 10 ms later, then closes or holds the
+// A gateway that sends its bytes, the rest 10 ms later, then closes or holds the
 // connection until it goes.
 struct Gateway {
     explicit Gateway(const Bytes& i_first, const Bytes& i_second = {}, bool i_closes = false)
@@ -174,7 +174,7 @@ TEST(OsTcpSocket, AddressFormsAndFailedConnections)
 
 TEST(OsTcpSocket, ReplyShapes)
 {
-    // the reply in one or two parts, whether the peer closes; the result, the count, whether it stays open
+    // the reply at once or in two goes, whether the peer closes; the result, the count, whether it stays open
     const std::tuple<Bytes, Bytes, bool, const char*> cases[] = {
         {{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, {}, false, "10 10 1"},
         {{0, 1, 2, 3}, {4, 5, 6, 7, 8, 9}, false, "10 10 1"},
@@ -337,7 +337,7 @@ TEST(OsSerialCom, LineSettingsGiveTheByteRate)
 
 TEST(OsSerialCom, ReceiveGivesWhatCameWithinTheTime)
 {
-    // bytes 1, 2... at once, the next ones 10 ms later; the length and time asked; what came. A partial
+    // bytes 1, 2... at once, the next ones 10 ms later; the length and time asked; what came. A short
     // reply comes once the time from the call's start is up, never -2; a time-out of 0 reads once.
     const std::tuple<int, int, unsigned int, unsigned long, int> cases[] = {{10, 0, 10, 200, 10}, {4, 0, 10, 30, 4},
                                                                             {5, 0, 9, 30, 5},     {0, 0, 9, 20, 0},
