@@ -215,45 +215,40 @@ TEST_F(EngineTest, EveryReadDecodesItsRegisters)
                                           o.u + 6, o.w + 3, o.u + 7, o.u + 8, o.w + 4, o.u + 9));
     const std::function<kesEError(kesEnergySystem&, unsigned short, Out&)> fifth =
         KES_READ(ReadPulseCounterFiveData(a, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, o.u + 8, 0, 0));
-    const struct {
-        const char* name;
-        unsigned char unit;
-        unsigned short address;
-        std::vector<uint16_t> registers;
-        std::function<kesEError(kesEnergySystem&, unsigned short, Out&)> read;
-        std::vector<float> f;
-        std::vector<unsigned int> u;
-        std::vector<unsigned short> w;
-    } rows[] = {
-        // clang-format off
+    // clang-format off
+    const struct { const char* name; unsigned char unit; unsigned short address; std::vector<uint16_t> registers;
+        std::function<kesEError(kesEnergySystem&, unsigned short, Out&)> read; std::vector<float> f;
+        std::vector<unsigned int> u; std::vector<unsigned short> w; } rows[] = {
         {"panel", 1, 300, {0x5DC0, 0x00FA}, KES_READ(ReadPanelVoltTemp(a, o.f, o.f + 1)), {240.0f, 25.0f}, {}, {}},
         {"panel, registers unsigned", 1, 100, {0xFFFF, 0xFFFF}, KES_READ(ReadPanelVoltTemp(a, o.f, o.f + 1)),
          {655.35f, 6553.5f}, {}, {}},
         {"string", 2, 300, {2405, 1234}, KES_READ(ReadStringVoltAmpere(a, o.f, o.f + 1)), {240.5f, 12.34f}, {}, {}},
         {"string at its maximum", 2, 900, {0xFFFF, 0xFFFF}, KES_READ(ReadStringVoltAmpere(a, o.f, o.f + 1)),
          {6553.5f, 655.35f}, {}, {}},
-        {"string one", 10, 400, {3000, 99}, KES_READ(ReadStringOneVoltAmpere(a, o.f, o.f + 1)), {300.0f, 0.99f}, {}, {}},
+        {"string one", 10, 400, {3000, 99}, KES_READ(ReadStringOneVoltAmpere(a, o.f, o.f + 1)), {300.0f, 0.99f}, {},
+         {}},
         {"string two", 6, 500, {3001, 100, 200}, KES_READ(ReadStringTwoVoltAmpere(a, o.f, o.f + 1, o.f + 2)),
          {300.1f, 1.0f, 2.0f}, {}, {}},
-        {"string three", 11, 600, {3002, 101, 202, 0xFFFF},
-         KES_READ(ReadStringThreeVoltAmpere(a, o.f, o.f + 1, o.f + 2, o.f + 3)), {300.2f, 1.01f, 2.02f, 655.35f}, {}, {}},
-        {"string four", 7, 700, {3003, 1, 2, 3, 4},
-         KES_READ(ReadStringFourVoltAmpere(a, o.f, o.f + 1, o.f + 2, o.f + 3, o.f + 4)),
+        {"string three", 11, 600, {3002, 101, 202, 0xFFFF}, KES_READ(ReadStringThreeVoltAmpere(a, o.f, o.f + 1, o.f + 2,
+         o.f + 3)), {300.2f, 1.01f, 2.02f, 655.35f}, {}, {}},
+        {"string four", 7, 700, {3003, 1, 2, 3, 4}, KES_READ(ReadStringFourVoltAmpere(a, o.f, o.f + 1, o.f + 2, o.f + 3,
+         o.f + 4)),
          {300.3f, 0.01f, 0.02f, 0.03f, 0.04f}, {}, {}},
-        {"string four, null outputs left alone", 7, 700, {3003, 1, 2, 3, 4},
-         KES_READ(ReadStringFourVoltAmpere(a, nullptr, o.f + 1, nullptr, nullptr, o.f + 4)),
+        {"string four, null outputs left alone", 7, 700, {3003, 1, 2, 3, 4}, KES_READ(ReadStringFourVoltAmpere(a,
+         nullptr, o.f + 1, nullptr, nullptr, o.f + 4)),
          {-1, 0.01f, -1, -1, 0.04f}, {}, {}},
         {"alarm", 3, 800, {2300, 150}, KES_READ(ReadAlarmVoltAmpere(a, o.f, o.f + 1)), {230.0f, 1.5f}, {}, {}},
         {"pulse counter", 5, 300, {1, 2, 10}, KES_READ(ReadPulseCounterData(a, o.u, o.w)), {}, {65538}, {10}},
         {"pulse counter, top values", 5, 100, {0xFFFF, 0xFFFF, 0xFFFF}, KES_READ(ReadPulseCounterData(a, o.u, o.w)),
          {}, {4294967295u}, {65535}},
-        {"pulse counter two", 8, 1100, {0, 7, 70, 0x0100, 0, 5},
-         KES_READ(ReadPulseCounterTwoData(a, o.u, o.w, o.u + 1, o.w + 1)), {}, {7, 16777216}, {70, 5}},
+        {"pulse counter two", 8, 1100, {0, 7, 70, 0x0100, 0, 5}, KES_READ(ReadPulseCounterTwoData(a, o.u, o.w, o.u + 1,
+         o.w + 1)), {}, {7, 16777216}, {70, 5}},
         {"pulse counter five", 9, 200, five, pulse5, {}, counts, periods},
-        {"pulse counter five, its fifth count alone", 9, 200, five, fifth, {}, {7, 7, 7, 7, 7, 7, 7, 7, 5 * 65536 + 14, 7},
+        {"pulse counter five, its fifth count alone", 9, 200, five, fifth, {}, {7, 7, 7, 7, 7, 7, 7, 7, 5 * 65536 + 14,
+         7},
          {7, 7, 7, 7, 7}},
-        // clang-format on
     };
+    // clang-format on
     Open();
     m_engine.real = true; // the answer pause read for real, as on the bus
     for (const auto& row : rows) {
@@ -285,12 +280,9 @@ TEST_F(EngineTest, EveryReplyShapeEndsAtItsCheckWithItsPause)
 {
     const std::string good = ToHex(WithCrc(Hex("01 03 04 5D C0 00 FA")));
     const char* const content = "pData && size && oFrameResponse.GetUnitID() && oFrameResponse.GetFunctionCodeID()";
-    const struct {
-        const char* name;
-        G::Fault fault;
-        const char* text; // record of the exchange, empty when the read succeeds
-        const char* pauses;
-    } rows[] = {
+    // clang-format off
+    // record of the exchange, empty when the read succeeds
+    const struct { const char* name; G::Fault fault; const char* text; const char* pauses; } rows[] = {
         {"good reply", G::MakeFault(G::FaultNone), "", "A"},
         {"no reply", G::MakeFault(G::FaultSilent), "Response timeout received 0 bytes but requested 9 at address:300",
          "F"},
@@ -310,6 +302,7 @@ TEST_F(EngineTest, EveryReplyShapeEndsAtItsCheckWithItsPause)
          "Reply out of step, 9 more bytes after it at address:300", "A"},
         {"connection closed", G::MakeFault(G::FaultClose), "Received 0 bytes but requested 9 at address:300", ""},
     };
+    // clang-format on
     m_gateway.SetRegisters(1, 300, {0x5DC0, 0x00FA});
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -339,12 +332,11 @@ TEST_F(EngineTest, RepliesThatMayBeLateOnesAreRefused)
 {
     const char* const outOfStep = "Reply after an unanswered request on a line out of step at address:300";
     const std::string good = ToHex(WithCrc(Hex("01 03 04 5D C0 00 FA")));
-    const struct {
-        const char* name;
-        G::Fault before, last; // the faults of the read before and of the last one
-        unsigned int timeOut;  // of the last read
-        const char* text;      // of the last read, empty when it succeeds
-    } rows[] = {
+    // clang-format off
+    // the faults of the read before and of the last one
+    // of the last read
+    // of the last read, empty when it succeeds
+    const struct { const char* name; G::Fault before, last; unsigned int timeOut; const char* text; } rows[] = {
         {"late reply read away in the failure pause", G::MakeFault(G::FaultLate, 20), G::MakeFault(G::FaultNone), 10,
          outOfStep},
         {"reply of another unit", G::MakeFault(G::FaultWrongUnit, 2), G::MakeFault(G::FaultNone), 10, outOfStep},
@@ -357,6 +349,7 @@ TEST_F(EngineTest, RepliesThatMayBeLateOnesAreRefused)
          "Reply slower than the line's replies after an unanswered request at address:300"},
         {"prompt reply on a quiet line", G::MakeFault(G::FaultSilent), G::MakeFault(G::FaultNone), 10, ""},
     };
+    // clang-format on
     m_gateway.SetRegisters(1, 300, {0x5DC0, 0x00FA});
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -380,17 +373,15 @@ TEST_F(EngineTest, RepliesThatMayBeLateOnesAreRefused)
 // rather than a time-out, and a missing echo ends the exchange at the send.
 TEST(EnergySystemSerial, ReplyShapesOnAnEchoingLine)
 {
-    const struct {
-        const char* name;
-        bool echo;
-        const char* reply;
-        const char* text; // empty: success
-    } rows[] = {
+    // clang-format off
+    // empty: success
+    const struct { const char* name; bool echo; const char* reply; const char* text; } rows[] = {
         {"echo and reply", true, "01 03 04 5D C0 00 FA", ""},
         {"no echo", false, "", "Can not send data to the bus at address:300"},
         {"echo, then 5 of 9 bytes", true, "01 03 04 5D C0", "Received 5 bytes but requested 9 at address:300"},
         {"echo, then nothing", true, "", "Received 0 bytes but requested 9 at address:300"},
     };
+    // clang-format on
     kes_test::PtyPair pty;
     ASSERT_TRUE(pty.IsValid());
     const unsigned char savedCount = kesEnergySystem::EXECUTION_COUNT;
@@ -426,11 +417,10 @@ TEST(EnergySystemSerial, ReplyShapesOnAnEchoingLine)
 TEST_F(EngineTest, EveryOperationReportsItsLastFailureAndNeedsAnOpenChannel)
 {
     kesString text;
-    const struct {
-        std::function<kesEError(Engine&)> call;
-        const char* attempt; // the record of the attempt, after "Response timeout received 0 bytes but "
-        const char* failure; // the record after the last attempt
-    } rows[] = {
+    // clang-format off
+    // the record of the attempt, after "Response timeout received 0 bytes but "
+    // the record after the last attempt
+    const struct { std::function<kesEError(Engine&)> call; const char* attempt; const char* failure; } rows[] = {
         {[](Engine& e) { return e.ReadPanelVoltTemp(300, nullptr, nullptr); }, "requested 9 at address:300",
          "Can not get Voltage and temperature at address:300"},
         {[](Engine& e) { return e.ReadStringThreeVoltAmpere(600, nullptr, nullptr, nullptr, nullptr); },
@@ -452,6 +442,7 @@ TEST_F(EngineTest, EveryOperationReportsItsLastFailureAndNeedsAnOpenChannel)
         {[](Engine& e) { return e.SetupAlarmTuning(300, 1, 2, 3); }, "requested 8 at address:300",
          "Can not set up alarm at address:300"},
     };
+    // clang-format on
     for (const auto& row : rows) {
         SCOPED_TRACE(row.failure);
         Open();
@@ -549,11 +540,11 @@ TEST_F(EngineTest, IdentityTextsPanelDataSheetAndAlarmStatus)
     EXPECT_EQ(kesErrorOk, m_engine.ReadPanelFlash(200, 0, 0, 0, 0, 0, 0, 0, &panels));
 
     // a running cycle leaves status and power as the caller had them
-    const struct {
-        std::vector<uint16_t> registers;
-        unsigned char cycle, status;
-        unsigned short power;
-    } rows[] = {{{0x0100, 0x0000}, 1, 9, 99}, {{0x0003, 0x01F4}, 0, 3, 500}, {{0xFF05, 7}, 1, 9, 99}};
+    // clang-format off
+    const struct { std::vector<uint16_t> registers; unsigned char cycle, status; unsigned short power; } rows[] = {
+        {{0x0100, 0x0000}, 1, 9, 99}, {{0x0003, 0x01F4}, 0, 3, 500}, {{0xFF05, 7}, 1, 9, 99}
+    };
+    // clang-format on
     for (const auto& row : rows) {
         m_gateway.SetDeviceRegisters(77, 2, row.registers);
         unsigned char cycle = 5, status = 9;
@@ -571,17 +562,11 @@ TEST_F(EngineTest, IdentityTextsPanelDataSheetAndAlarmStatus)
 
 TEST_F(EngineTest, ControlAlarmDeviceWaitsForTheEndOfTheCycle)
 {
-    const struct {
-        const char* name;
-        int reads; // of the status before the cycle ends; -1: no cycle, no status registers
-        unsigned int timeOut;
-        unsigned short address;
-        kesEError result;
-        unsigned char cycle, status;
-        unsigned short power;
-        unsigned int requests; // 0: at least 3
-        const char* text;
-        unsigned int times;
+    // clang-format off
+    // of the status before the cycle ends; -1: no cycle, no status registers
+    // 0: at least 3
+    const struct { const char* name; int reads; unsigned int timeOut; unsigned short address; kesEError result;
+        unsigned char cycle, status; unsigned short power; unsigned int requests; const char* text; unsigned int times;
     } rows[] = {
         {"the tuning, three reads in progress, the outcome", 3, 5000, 400, kesErrorOk, 0, 4, 321, 5, nullptr, 0},
         {"no time to wait", 1000, 0, 400, kesErrorOk, 1, 9, 99, 2, nullptr, 0},
@@ -590,6 +575,7 @@ TEST_F(EngineTest, ControlAlarmDeviceWaitsForTheEndOfTheCycle)
          2},
         {"no such device", 3, 100, 500, kesErrorFailed, 5, 9, 99, 1, "Can not setup alarm at address:500", 1},
     };
+    // clang-format on
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         Open();
@@ -622,12 +608,9 @@ TEST_F(EngineTest, FramesOnTheWire)
     Devices devices;
     kesEnergyDevice device;
     kesString text;
-    const struct {
-        const char* name;
-        std::function<void(Engine&)> call;
-        std::string expected; // without the CRC when crc is true
-        bool crc;
-    } rows[] = {
+    // clang-format off
+    // without the CRC when crc is true
+    const struct { const char* name; std::function<void(Engine&)> call; std::string expected; bool crc; } rows[] = {
         {"enable search", [](Engine& e) { e.EnableAllDeviceFind(); }, "FF 0E 4F 4B 25 F4", false},
         {"mute", [](Engine& e) { e.MuteDeviceBySerial(16909060); }, "FF 0C 01 02 03 04 A5 1A", false},
         {"set address", [](Engine& e) { e.SetDeviceAddress(16909060, 5); }, "FF 07 01 02 03 04 05 1B 03", false},
@@ -644,6 +627,7 @@ TEST_F(EngineTest, FramesOnTheWire)
         {"alarm tuning, 17 bytes", [](Engine& e) { e.SetupAlarmTuning(300, 0x0102, 0x0304, 0x0506); },
          "03 10 01 2C 00 04 08 00 01 01 02 03 04 05 06", true},
     };
+    // clang-format on
     m_gateway.AddDevice(kesEnergyDevicePanel, 16909060, 1);
     m_gateway.quick = true;
     for (const auto& row : rows) {
@@ -661,19 +645,15 @@ TEST_F(EngineTest, MuteAndSetAddressReplies)
     m_gateway.AddDevice(kesEnergyDeviceString, 42, 9);
     Open();
     m_engine.real = true; // the pauses slept for real
-    const struct {
-        const char* name;
-        const char* raw;
-        bool crc;
-        kesEError expected;
-        const char* text;
-        const char* pauses;
-    } rows[] = {
+    // clang-format off
+    const struct { const char* name; const char* raw; bool crc; kesEError expected; const char* text;
+        const char* pauses; } rows[] = {
         {"acknowledged", "FF 0D 00 00 00 01", true, kesErrorOk, "", "a"},
         {"another function", "FF 0E 00 00 00 01", true, kesErrorFailed, "Mute failed", "a"},
         {"bad check sum", "FF 0D 00 00 00 01 00 00", false, kesErrorFailed, "Check sum invalid", "f"},
         {"short", "FF 0D 00", false, kesErrorFailed, "Timeout", "f"},
     };
+    // clang-format on
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         Clear();
@@ -684,10 +664,11 @@ TEST_F(EngineTest, MuteAndSetAddressReplies)
         EXPECT_EQ(*row.text != 0, m_log.Contains("Can not mute device by serial"));
     }
 
-    const struct {
-        unsigned char address;
-        bool sent;
-    } addresses[] = {{0, false}, {101, false}, {1, true}, {100, true}, {255, false}};
+    // clang-format off
+    const struct { unsigned char address; bool sent; } addresses[] = {
+        {0, false}, {101, false}, {1, true}, {100, true}, {255, false}
+    };
+    // clang-format on
     for (const auto& row : addresses) {
         Clear();
         EXPECT_EQ(row.sent ? kesErrorOk : kesErrorInvalidArgument, m_engine.SetDeviceAddress(42, row.address));
@@ -718,11 +699,11 @@ TEST_F(EngineTest, NumberingAList)
     m_gateway.AddDevice(kesEnergyDeviceStringTwo, 303, 9);
     Open();
     // the third device refusing stops the numbering there
-    const struct {
-        unsigned char offset;
-        unsigned int refusals;
-        std::vector<unsigned char> numbers;
-    } rows[] = {{0, 0, {1, 2, 3}}, {5, 0, {5, 6, 7}}, {253, 0, {253, 254, 255}}, {5, 1, {5, 6, 9}}};
+    // clang-format off
+    const struct { unsigned char offset; unsigned int refusals; std::vector<unsigned char> numbers; } rows[] = {
+        {0, 0, {1, 2, 3}}, {5, 0, {5, 6, 7}}, {253, 0, {253, 254, 255}}, {5, 1, {5, 6, 9}}
+    };
+    // clang-format on
     for (const auto& row : rows) {
         Devices devices;
         devices.AddBack(make_device(kesEnergyDeviceString, 50, 101));
@@ -767,19 +748,12 @@ TEST_F(EngineTest, NumberingAList)
 
 TEST_F(EngineTest, SearchExchangeResults)
 {
-    const struct {
-        const char* name;
-        bool fine;
-        const char* raw; // pushed as often as the key is asked; short answers are asked twice
-        bool crc;
-        int retries, result;
-        unsigned int serial; // of the device recorded, 0: none
-        unsigned int type;
-        unsigned char address;
-        const char* text;
-        unsigned int requests; // with the mute of a device found
-    } rows[] = {
-        // clang-format off
+    // clang-format off
+    // pushed as often as the key is asked; short answers are asked twice
+    // of the device recorded, 0: none
+    // with the mute of a device found
+    const struct { const char* name; bool fine; const char* raw; bool crc; int retries, result; unsigned int serial;
+        unsigned int type; unsigned char address; const char* text; unsigned int requests; } rows[] = {
         {"current form", false, "FF 05 07 00 00 00 00 03 E9 0C", true, 0, 12, 1001, 7, 0x0C, "", 2},
         {"short form is a panel", false, "FF 05 09 00 00 00 03 EA 0D", true, 0, 11, 1002, 1, 0x0D, "", 3},
         {"fine current form", true, "FF 06 02 00 00 00 00 03 EB 0E", true, 0, 12, 1003, 2, 0x0E, "", 2},
@@ -791,8 +765,8 @@ TEST_F(EngineTest, SearchExchangeResults)
         {"fine collision", true, "FF 06 07 00 00 00 00 03 E9 0C 00 00", false, 0, -2, 0, 0, 0,
          "COLLISION [FF 06 07 00 00 00 00 03 E9 0C 00 00 ]", 1},
         {"silent key", false, "", false, 0, -1, 0, 0, 0, "", 2},
-        // clang-format on
     };
+    // clang-format on
     for (unsigned int serial = 1001; serial <= 1003; ++serial)
         m_gateway.AddDevice(kesEnergyDeviceString, serial, 50); // to acknowledge the mutes
     Open();
@@ -949,49 +923,33 @@ TEST_F(EngineTest, DeviceReports)
     panel.resize(32, 0);
     panel.insert(panel.end(), {3700, 850, 2500, 3050, 820, 0, 1530, 60, 1});
     const std::string texts = "Model:M1|Serial:S1|Test Date:2024-01-02|", none = "Model:|Serial:|Test Date:|";
-    const struct {
-        const char* name;
-        kesEEnergyDeviceType type;
-        unsigned char module;
-        std::vector<uint16_t> registers; // from offset 0
-        bool identity, present;
-        std::string lines;
-    } rows[] = {
-        // clang-format off
-        {"Panel", kesEnergyDevicePanel, 3, panel, true, true, texts +
-         "Voltage:240.00 V|Temperature:25.00 °C|Opened Circuit Volt:37.00 V|Opened Circuit Ampere:8.50 A|"
-         "Max Power:250.00 W|Max Volt:30.50 V|Max Ampere:8.20 A|Efficiency:15.30 %|Number of Cells:60|"
-         "Number of Panels:1"},
-        {"StringFour", kesEnergyDeviceStringFour, 4, {2300, 100, 250, 0, 1000}, true, true, texts +
-         "Voltage:230.00 V|1 Ampere:1.00 A|1 Instantaneous Power:230.00 W|2 Ampere:2.50 A|"
-         "2 Instantaneous Power:575.00 W|3 Ampere:0.00 A|3 Instantaneous Power:0.00 W|4 Ampere:10.00 A|"
-         "4 Instantaneous Power:2300.00 W"},
-        {"Alarm", kesEnergyDeviceAlarm, 5, {2300, 150, 0x0003, 500}, true, true, texts +
-         "Alarm Status:Boost power not reached, possible hardware damage|Alarm Cycle Check:Terminated|"
-         "Alarm Returned Power:500|Voltage:230.00 V|Current:1.50 A|Instantaneous Power:345.00 W"},
+    // clang-format off
+    // from offset 0
+    const struct { const char* name; kesEEnergyDeviceType type; unsigned char module; std::vector<uint16_t> registers;
+        bool identity, present; std::string lines; } rows[] = {
+        {"Panel", kesEnergyDevicePanel, 3, panel, true, true,
+         texts + "Voltage:240.00 V|Temperature:25.00 °C|Opened Circuit Volt:37.00 V|Opened Circuit Ampere:8.50 A|" "Max Power:250.00 W|Max Volt:30.50 V|Max Ampere:8.20 A|Efficiency:15.30 %|Number of Cells:60|" "Number of Panels:1"},
+        {"StringFour", kesEnergyDeviceStringFour, 4, {2300, 100, 250, 0, 1000}, true, true,
+         texts + "Voltage:230.00 V|1 Ampere:1.00 A|1 Instantaneous Power:230.00 W|2 Ampere:2.50 A|" "2 Instantaneous Power:575.00 W|3 Ampere:0.00 A|3 Instantaneous Power:0.00 W|4 Ampere:10.00 A|" "4 Instantaneous Power:2300.00 W"},
+        {"Alarm", kesEnergyDeviceAlarm, 5, {2300, 150, 0x0003, 500}, true, true,
+         texts + "Alarm Status:Boost power not reached, possible hardware damage|Alarm Cycle Check:Terminated|" "Alarm Returned Power:500|Voltage:230.00 V|Current:1.50 A|Instantaneous Power:345.00 W"},
         // its model and serial text lie under the pulse registers and start with a zero byte
         {"PulseCounterFive", kesEnergyDevicePulseCounterFive, 6,
-         {0, 1500, 3600, 0, 7, 1, 4464, 0, 0, 0, 0, 0, 1800, 0, 0, 0, 250, 7200, 0, 0, 0, 1000, 360, 0, 42}, false, true,
-         none + "IA Pulse Count:1500|IA Last Time:3600 ms|IA Instantaneous Power:1.00 kW|IA Production:1.50 kWh|"
-         "IAP Pulse Count:7 ms|IR Pulse Count:70000|IR Last Time:0 ms|IR Instantaneous Power:0.00 kVAR|"
-         "IR Production:70.00 kVARh|IRP Pulse Count:0 ms|15 Pulse Count:0|15 Last Time:1800 ms|"
-         "15 Instantaneous Power:2.00 kVAR|15 Production:0.00 kVARh|15P Pulse Count:0 ms|OA Pulse Count:250|"
-         "OA Last Time:7200 ms|OA Instantaneous Power:0.50 kW|OA Production:0.25 kWh|"
-         "OAP Pulse Count -------------:0 ms|OR Pulse Count:1000|OR Last Time:360 ms|OR Instantaneous Power:10.00 kW|"
-         "OR Production:1.00 kWh|ORP Pulse Count:42 ms"},
-        {"PulseCounter", kesEnergyDevicePulseCounter, 7, {0, 10, 0}, true, true, texts +
-         "O Pulse Count:10|O Last Time:0 ms|O Instantaneous Power:0.00 kW|O Production:0.01 kWh"},
+         {0, 1500, 3600, 0, 7, 1, 4464, 0, 0, 0, 0, 0, 1800, 0, 0, 0, 250, 7200, 0, 0, 0, 1000, 360, 0, 42}, false,
+          true,
+          none + "IA Pulse Count:1500|IA Last Time:3600 ms|IA Instantaneous Power:1.00 kW|IA Production:1.50 kWh|" "IAP Pulse Count:7 ms|IR Pulse Count:70000|IR Last Time:0 ms|IR Instantaneous Power:0.00 kVAR|" "IR Production:70.00 kVARh|IRP Pulse Count:0 ms|15 Pulse Count:0|15 Last Time:1800 ms|" "15 Instantaneous Power:2.00 kVAR|15 Production:0.00 kVARh|15P Pulse Count:0 ms|OA Pulse Count:250|" "OA Last Time:7200 ms|OA Instantaneous Power:0.50 kW|OA Production:0.25 kWh|" "OAP Pulse Count -------------:0 ms|OR Pulse Count:1000|OR Last Time:360 ms|OR Instantaneous Power:10.00 kW|" "OR Production:1.00 kWh|ORP Pulse Count:42 ms"},
+        {"PulseCounter", kesEnergyDevicePulseCounter, 7, {0, 10, 0}, true, true,
+         texts + "O Pulse Count:10|O Last Time:0 ms|O Instantaneous Power:0.00 kW|O Production:0.01 kWh"},
         // its model starts on its last pulse register
-        {"PulseCounterTwo", kesEnergyDevicePulseCounterTwo, 8, {0, 1500, 3600, 0, 2000, 18}, false, true, none +
-         "OA Pulse Count:1500|OA Last Time:3600 ms|OA Instantaneous Power:1.00 kW|OA Production:1.50 kWh|"
-         "OR Pulse Count:2000|OR Last Time:18 ms|OR Instantaneous Power:200.00 kVAR|OR Production:2.00 kVARh"},
+        {"PulseCounterTwo", kesEnergyDevicePulseCounterTwo, 8, {0, 1500, 3600, 0, 2000, 18}, false, true,
+         none + "OA Pulse Count:1500|OA Last Time:3600 ms|OA Instantaneous Power:1.00 kW|OA Production:1.50 kWh|" "OR Pulse Count:2000|OR Last Time:18 ms|OR Instantaneous Power:200.00 kVAR|OR Production:2.00 kVARh"},
         {"Ambient", kesEnergyDeviceAmbient, 9, {}, true, true, "Model:M1|Serial:S1|Test Date:2024-01-02"},
-        {"StringOne", kesEnergyDeviceStringOne, 10, {2300, 200}, true, true, texts +
-         "Voltage:230.00 V|Ampere:2.00 A|Instantaneous Power:460.00 W"},
-        {"String", kesEnergyDeviceString, 2, {}, false, false, none +
-         "Voltage:0.00 V|Ampere:0.00 A|Instantaneous Power:0.00 W"},
-        // clang-format on
+        {"StringOne", kesEnergyDeviceStringOne, 10, {2300, 200}, true, true,
+         texts + "Voltage:230.00 V|Ampere:2.00 A|Instantaneous Power:460.00 W"},
+        {"String", kesEnergyDeviceString, 2, {}, false, false,
+         none + "Voltage:0.00 V|Ampere:0.00 A|Instantaneous Power:0.00 W"},
     };
+    // clang-format on
     for (const auto& row : rows) {
         if (row.present)
             m_gateway.AddDevice(static_cast<uint8_t>(row.type), 1000u * row.module, row.module);

@@ -46,25 +46,23 @@ TEST(ModbusRtuFrame, BytesOnTheWire)
     kes_test::ErrorCapture errors;
     // Literal CRCs come from an independent Modbus implementation; the others
     // from the test gateway's own CRC. Each setter must seal the frame anew.
-    const struct {
-        const char* name;
-        Bytes expected, built;
-    } rows[] = {
+    // clang-format off
+    const struct { const char* name; Bytes expected, built; } rows[] = {
         {"new read holding registers", Hex("00 03 00 00 00 00 44 1B"), built<Holding>()},
-        {"unit 1, registers 100 and 2", Hex("01 03 00 64 00 02 85 D4"),
-         built<Holding>([](Holding& f) { f.SetUnitID(1), f.SetRegisters(100, 2); })},
+        {"unit 1, registers 100 and 2", Hex("01 03 00 64 00 02 85 D4"), built<Holding>([](Holding& f) { f.SetUnitID(1),
+         f.SetRegisters(100, 2); })},
         {"panel read at bus address 300", Hex("01 03 01 2C 00 02 04 3E"),
          built<Holding>([](Holding& f) { f.SetRegisters(300, 2), f.SetUnitID(1); })},
         {"new read coils", Hex("00 01 00 00 00 00 3D DB"), built<kesModbusRtuReadCoilsFrame>()},
         {"new read discrete inputs", Hex("00 02 00 00 00 00 79 DB"), built<kesModbusRtuReadDiscreteInputsFrame>()},
         {"new read input registers", Hex("00 04 00 00 00 00 F1 DB"), built<kesModbusRtuReadInputRegistersFrame>()},
         {"new write single coil", Hex("00 05 00 00 00 00 CC 1B"), built<SingleCoil>()},
-        {"single coil on 1", Hex("00 05 00 05 FF 00 9D EA"),
-         built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 1); })},
+        {"single coil on 1", Hex("00 05 00 05 FF 00 9D EA"), built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5,
+         1); })},
         {"single coil on 2 counts as on", Hex("00 05 00 05 FF 00 9D EA"),
          built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 2); })},
-        {"single coil off", Hex("00 05 00 05 00 00 DC 1A"),
-         built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 1), f.SetRegister(5, 0); })},
+        {"single coil off", Hex("00 05 00 05 00 00 DC 1A"), built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 1),
+         f.SetRegister(5, 0); })},
         {"new write single register", Hex("00 06 00 00 00 00 88 1B"), built<SingleRegister>()},
         {"single register 5 = 0x1234", Hex("00 06 00 05 12 34 95 6D"),
          built<SingleRegister>([](SingleRegister& f) { f.SetRegister(5, 0x1234); })},
@@ -72,22 +70,20 @@ TEST(ModbusRtuFrame, BytesOnTheWire)
          built<kesModbusRtuWriteMultipleCoilsFrame>()},
         {"new write multiple registers", Hex("00 10 00 00 00 00 C1 D8"), built<MultipleRegisters>()},
         {"header before data", Hex("01 10 00 0A 00 02 04 DE AD BE EF E8 35"),
-         built<MultipleRegisters>(
-             [](MultipleRegisters& f) { f.SetUnitID(1), f.SetRegisters(10, 2), f.SetData(DATA4, 4); })},
+         built<MultipleRegisters>( [](MultipleRegisters& f) { f.SetUnitID(1), f.SetRegisters(10, 2), f.SetData(DATA4,
+         4); })},
         {"header after data", Hex("01 10 00 0A 00 02 04 DE AD BE EF E8 35"),
-         built<MultipleRegisters>(
-             [](MultipleRegisters& f) { f.SetData(DATA4, 4), f.SetRegisters(10, 2), f.SetUnitID(1); })},
+         built<MultipleRegisters>( [](MultipleRegisters& f) { f.SetData(DATA4, 4), f.SetRegisters(10, 2),
+         f.SetUnitID(1); })},
         {"plain frame, unit last", WithCrc(Hex("07 03 00 00 00 00")),
          built<Plain>([](Plain& f) { f.SetFunctionCodeID(kesModbusFunctionReadHoldingRegisters), f.SetUnitID(7); })},
-        {"plain frame, code last", WithCrc(Hex("00 04 12 34 00 09")), built<Plain>([](Plain& f) {
-             f.SetRegisters(0x1234, 9), f.SetFunctionCodeID(kesModbusFunctionReadInputRegisters);
-         })},
+        {"plain frame, code last", WithCrc(Hex("00 04 12 34 00 09")), built<Plain>([](Plain& f) { f.SetRegisters(0x1234,
+         9), f.SetFunctionCodeID(kesModbusFunctionReadInputRegisters); })},
         {"plain frame, data last, size byte kept", WithCrc(Hex("02 10 00 0B 00 07 04 DE AD BE EF")),
-         built<Plain>([](Plain& f) {
-             f.SetUnitID(2), f.SetFunctionCodeID(kesModbusFunctionWriteMultipleRegisters), f.SetRegisters(10, 2);
-             f.SetData(DATA4, 4), f.SetRegisters(11, 7);
-         })},
+         built<Plain>([](Plain& f) { f.SetUnitID(2), f.SetFunctionCodeID(kesModbusFunctionWriteMultipleRegisters),
+         f.SetRegisters(10, 2); f.SetData(DATA4, 4), f.SetRegisters(11, 7); })},
     };
+    // clang-format on
     for (const auto& row : rows)
         EXPECT_EQ(ToHex(row.expected), ToHex(row.built)) << row.name;
     EXPECT_EQ(0u, errors.Count()) << errors.Dump();
@@ -100,13 +96,9 @@ TEST(ModbusRtuFrame, ReceivedFrames)
         int offset; // -1: no pointer
         unsigned int size;
     };
-    const struct {
-        const char* name;
-        Bytes bytes;
-        bool crc;
-        int exception; // -1: none
-        View reply, request;
-    } rows[] = {
+    // clang-format off
+    // -1: none
+    const struct { const char* name; Bytes bytes; bool crc; int exception; View reply, request; } rows[] = {
         {"read reply", Hex("01 03 04 00 01 00 02 2A 32"), true, -1, {3, 4}, {4, 2}},
         {"read reply, bad CRC", Hex("01 03 04 00 01 00 02 2A 33"), false, -1, {3, 4}, {4, 2}},
         {"exception reply", Hex("01 83 02 C0 F1"), true, 2, {-1, 0}, {-1, 0}},
@@ -126,6 +118,7 @@ TEST(ModbusRtuFrame, ReceivedFrames)
         {"cut short: 2 bytes", Hex("01 83"), false, 0, {-1, 0}, {-1, 0}},
         {"cut short: 5 bytes", Hex("01 03 02 00 01"), false, -1, {-1, 0}, {-1, 0}},
     };
+    // clang-format on
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         Bytes source = row.bytes;
@@ -164,10 +157,8 @@ TEST(ModbusRtuFrame, ReceivedFrames)
 TEST(ModbusRtuFrame, ExceptionTextsAndBufferSizes)
 {
     // the long texts are pinned by their first and last lines
-    const struct {
-        unsigned char code;
-        std::string head, tail;
-    } texts[] = {
+    // clang-format off
+    const struct { unsigned char code; std::string head, tail; } texts[] = {
         {0, "UnKnown Exception", ""},
         {1, "E:0x1 Illegal Function Code:\nThe function code is unknown by the server", ""},
         {2, "E:0x2 Illegal Data Address:\nDependant on the request check frame", ""},
@@ -179,11 +170,11 @@ TEST(ModbusRtuFrame, ExceptionTextsAndBufferSizes)
          "\nThe master should request diagnostic or error information from the slave."},
         {8, "E:0x8 Memory Parity Error\n",
          "\nThe master can retry the request, but service may be required on the slave device."},
-        {9, "UnKnown Exception", ""},
-        {10, "E:0xA Gateway problem\nGateway paths not available.", ""},
+        {9, "UnKnown Exception", ""}, {10, "E:0xA Gateway problem\nGateway paths not available.", ""},
         {11, "E:0xB Gateway problem\nThe targeted device failed to respond.The gateway generates this exception.", ""},
-        {12, "UnKnown Exception", ""},
-        {255, "UnKnown Exception", ""}};
+        {12, "UnKnown Exception", ""}, {255, "UnKnown Exception", ""}
+    };
+    // clang-format on
     for (const auto& row : texts) {
         unsigned char bytes[] = {0x01, 0x84, row.code, 0x00, 0x00};
         std::string text = kesModbusRtuFrame(bytes, sizeof(bytes)).GetExceptionDescription();
@@ -194,21 +185,16 @@ TEST(ModbusRtuFrame, ExceptionTextsAndBufferSizes)
     unsigned char reply[] = {0x01, 0x03, 0x02, 0x00, 0x00};
     EXPECT_EQ("", kesModbusRtuFrame(reply, sizeof(reply)).GetExceptionDescription());
 
-    const struct {
-        kesEModbusFunctionCode code;
-        unsigned short count;
-        unsigned int expected;
-    } sizes[] = {{kesModbusFunctionReadCoils, 8, 6},
-                 {kesModbusFunctionReadCoils, 9, 7},
-                 {kesModbusFunctionReadDiscreteInputs, 1, 6},
-                 {kesModbusFunctionReadHoldingRegisters, 25, 55},
-                 {kesModbusFunctionReadInputRegisters, 2, 9},
-                 {kesModbusFunctionReadHoldingRegisters, 0xFFFF, 131075},
-                 {kesModbusFunctionWriteSingleCoil, 0xFF00, 8},
-                 {kesModbusFunctionWriteSingleRegister, 3, 8},
-                 {kesModbusFunctionWriteMultipleCoils, 3, 8},
-                 {kesModbusFunctionWriteMultipleRegisters, 30, 8},
-                 {kesEModbusFunctionCode(0x83), 2, 0}};
+    // clang-format off
+    const struct { kesEModbusFunctionCode code; unsigned short count; unsigned int expected; } sizes[] = {
+        {kesModbusFunctionReadCoils, 8, 6}, {kesModbusFunctionReadCoils, 9, 7},
+                 {kesModbusFunctionReadDiscreteInputs, 1, 6}, {kesModbusFunctionReadHoldingRegisters, 25, 55},
+                 {kesModbusFunctionReadInputRegisters, 2, 9}, {kesModbusFunctionReadHoldingRegisters, 0xFFFF, 131075},
+                 {kesModbusFunctionWriteSingleCoil, 0xFF00, 8}, {kesModbusFunctionWriteSingleRegister, 3, 8},
+                 {kesModbusFunctionWriteMultipleCoils, 3, 8}, {kesModbusFunctionWriteMultipleRegisters, 30, 8},
+                 {kesEModbusFunctionCode(0x83), 2, 0}
+    };
+    // clang-format on
     for (const auto& row : sizes) {
         kesModbusRtuFrame frame;
         frame.SetFunctionCodeID(row.code);
