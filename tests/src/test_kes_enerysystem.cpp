@@ -65,18 +65,8 @@ public:
     mutable std::string pauses;
 
 protected:
-    void pause_after_answer() const override
-    {
-        pauses += 'a';
-        if (real)
-            kesEnergySystem::pause_after_answer();
-    }
-    void pause_after_failure() const override
-    {
-        pauses += 'f';
-        if (real)
-            kesEnergySystem::pause_after_failure();
-    }
+    void pause_after_answer() const override { pauses += 'a', real ? kesEnergySystem::pause_after_answer() : void(); }
+    void pause_after_failure() const override { pauses += 'f', real ? kesEnergySystem::pause_after_failure() : void(); }
     int drop_arriving(kesEnergySocket* io_pChannel, unsigned int i_uiMilliseconds) const override
     {
         if (i_uiMilliseconds)
@@ -118,7 +108,7 @@ protected:
     // A fresh connection each time a frame that got no reply would hold the
     // next one back: the engine's socket leaves Nagle's algorithm on, so that
     // frame waits for the gateway's delayed acknowledgement, up to 40 ms.
-    void Open(unsigned int i_timeOut = 10, unsigned int i_failure = 30)
+    void Open(unsigned int i_timeOut = 25, unsigned int i_failure = 30)
     {
         ASSERT_EQ(kesErrorOk, m_engine.OpenCommunication(m_gateway.GetAddress().c_str(), 0, 50, 5, i_failure));
         m_engine.SetTimeOut(i_timeOut);
@@ -142,34 +132,28 @@ protected:
 
 TEST(EnergySystemNames, DeviceTypesAlarmStatusesAndCycleStates)
 {
-    const char* const types[] = {
-        "Unknown type 0", "Panel",       "String",         "Alarm",           "Ambient",
-        "PulseCounter",   "StringTwo",   "StringFour",     "PulseCounterTwo", "PulseCounterFive",
-        "StringOne",      "StringThree", "Unknown type 12"};
+    // clang-format off
+    const char* const types[] = {"Unknown type 0", "Panel", "String", "Alarm", "Ambient", "PulseCounter", "StringTwo",
+        "StringFour", "PulseCounterTwo", "PulseCounterFive", "StringOne", "StringThree", "Unknown type 12"};
+    const char* const statuses[] = {"Success", "Unexecutable, string in tension", "Unexecutable, power not null",
+        "Boost power not reached, possible hardware damage", "Returned power less than minimun, possible manumission",
+        "Returned power greater than maximun, possible manumission", "Unknown type 6"};
+    // clang-format on
     for (unsigned int i = 0; i < 13; ++i)
         EXPECT_EQ(types[i], kesEnergySystem::DeviceTypeToTypeName(static_cast<kesEEnergyDeviceType>(i))) << i;
-    const char* const statuses[] = {"Success",
-                                    "Unexecutable, string in tension",
-                                    "Unexecutable, power not null",
-                                    "Boost power not reached, possible hardware damage",
-                                    "Returned power less than minimun, possible manumission",
-                                    "Returned power greater than maximun, possible manumission",
-                                    "Unknown type 6"};
     for (unsigned int i = 0; i < 7; ++i)
         EXPECT_EQ(statuses[i], kesEnergySystem::AlarmStatusTypeToTypeName(static_cast<kesEEnergyAlarmStatus>(i))) << i;
     const char* const cycles[] = {"Terminated", "In Progress", "Unknown type 2"};
     for (unsigned int i = 0; i < 3; ++i)
-        EXPECT_EQ(cycles[i],
-                  kesEnergySystem::AlarmCycleStatusTypeToTypeName(static_cast<kesEEnergyAlarmCycleStatus>(i)));
+        EXPECT_EQ(cycles[i], kesEnergySystem::AlarmCycleStatusTypeToTypeName(kesEEnergyAlarmCycleStatus(i)));
 }
 
 TEST_F(EngineTest, TimingIsRaisedToItsFloorsAndKeptByAFailedOpen)
 {
-    const unsigned int rows[][6] = {{10, 1, 1, 50, 5, 30},
-                                    {49, 4, 29, 50, 5, 30},
-                                    {50, 5, 30, 50, 5, 30},
-                                    {0, 0, 0, 50, 5, 30},
-                                    {500, 100, 100, 500, 100, 100}};
+    // clang-format off
+    const unsigned int rows[][6] = {{10, 1, 1, 50, 5, 30}, {49, 4, 29, 50, 5, 30}, {50, 5, 30, 50, 5, 30},
+                                    {0, 0, 0, 50, 5, 30}, {500, 100, 100, 500, 100, 100}};
+    // clang-format on
     EXPECT_FALSE(m_engine.IsConnected());
     for (const auto& row : rows) {
         ASSERT_EQ(kesErrorOk, m_engine.OpenCommunication(m_gateway.GetAddress().c_str(), 0, row[0], row[1], row[2]));
@@ -281,7 +265,7 @@ TEST_F(EngineTest, EveryReplyShapeEndsAtItsCheckWithItsPause)
     const std::string good = ToHex(WithCrc(Hex("01 03 04 5D C0 00 FA")));
     const char* const content = "pData && size && oFrameResponse.GetUnitID() && oFrameResponse.GetFunctionCodeID()";
     // clang-format off
-    // record of the exchange, empty when the read succeeds
+    // text: the record of the exchange, empty when the read succeeds
     const struct { const char* name; G::Fault fault; const char* text; const char* pauses; } rows[] = {
         {"good reply", G::MakeFault(G::FaultNone), "", "A"},
         {"no reply", G::MakeFault(G::FaultSilent), "Response timeout received 0 bytes but requested 9 at address:300",
@@ -333,33 +317,32 @@ TEST_F(EngineTest, RepliesThatMayBeLateOnesAreRefused)
     const char* const outOfStep = "Reply after an unanswered request on a line out of step at address:300";
     const std::string good = ToHex(WithCrc(Hex("01 03 04 5D C0 00 FA")));
     // clang-format off
-    // the faults of the read before and of the last one
-    // of the last read
-    // of the last read, empty when it succeeds
-    const struct { const char* name; G::Fault before, last; unsigned int timeOut; const char* text; } rows[] = {
-        {"late reply read away in the failure pause", G::MakeFault(G::FaultLate, 20), G::MakeFault(G::FaultNone), 10,
+    // The faults of the read before and of the last one; the record of the
+    // last read, empty when it succeeds.
+    const struct { const char* name; G::Fault before, last; const char* text; } rows[] = {
+        {"late reply read away in the failure pause", G::MakeFault(G::FaultLate, 50), G::MakeFault(G::FaultNone),
          outOfStep},
-        {"reply of another unit", G::MakeFault(G::FaultWrongUnit, 2), G::MakeFault(G::FaultNone), 10, outOfStep},
+        {"reply of another unit", G::MakeFault(G::FaultWrongUnit, 2), G::MakeFault(G::FaultNone), outOfStep},
         // a request answered twice did get its own reply
-        {"the reply twice", G::MakeFault(G::FaultRaw, 0, Hex(good + good)), G::MakeFault(G::FaultNone), 10, ""},
+        {"the reply twice", G::MakeFault(G::FaultRaw, 0, Hex(good + good)), G::MakeFault(G::FaultNone), ""},
         {"spoilt reply with bytes behind", G::MakeFault(G::FaultRaw, 0, Hex("01 03 04 5D C0 00 FA 00 00 01 02 03")),
-         G::MakeFault(G::FaultNone), 10, outOfStep},
-        {"spoilt reply alone", G::MakeFault(G::FaultBadCrc), G::MakeFault(G::FaultNone), 10, ""},
-        {"slow reply on a quiet line", G::MakeFault(G::FaultSilent), G::MakeFault(G::FaultLate, 120), 200,
+         G::MakeFault(G::FaultNone), outOfStep},
+        {"spoilt reply alone", G::MakeFault(G::FaultBadCrc), G::MakeFault(G::FaultNone), ""},
+        {"slow reply on a quiet line", G::MakeFault(G::FaultSilent), G::MakeFault(G::FaultLate, 120),
          "Reply slower than the line's replies after an unanswered request at address:300"},
-        {"prompt reply on a quiet line", G::MakeFault(G::FaultSilent), G::MakeFault(G::FaultNone), 10, ""},
+        {"prompt reply on a quiet line", G::MakeFault(G::FaultSilent), G::MakeFault(G::FaultNone), ""},
     };
     // clang-format on
     m_gateway.SetRegisters(1, 300, {0x5DC0, 0x00FA});
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        Open(10, 45);
+        Open(25, 60); // room for the acknowledgement of a frame without reply, and for a late one
         m_engine.real = true;
         float voltage = -1;
         ASSERT_EQ(kesErrorOk, m_engine.ReadPanelVoltTemp(300, &voltage, nullptr)); // sets the pace
         m_gateway.PushFault(row.before);
         EXPECT_NE(kesErrorOk, m_engine.ReadPanelVoltTemp(300, &voltage, nullptr));
-        m_engine.SetTimeOut(row.timeOut);
+        m_engine.SetTimeOut(200);
         m_gateway.PushFault(row.last);
         m_log.Clear();
         voltage = -1;
@@ -374,7 +357,7 @@ TEST_F(EngineTest, RepliesThatMayBeLateOnesAreRefused)
 TEST(EnergySystemSerial, ReplyShapesOnAnEchoingLine)
 {
     // clang-format off
-    // empty: success
+    // text: empty on success
     const struct { const char* name; bool echo; const char* reply; const char* text; } rows[] = {
         {"echo and reply", true, "01 03 04 5D C0 00 FA", ""},
         {"no echo", false, "", "Can not send data to the bus at address:300"},
@@ -418,8 +401,8 @@ TEST_F(EngineTest, EveryOperationReportsItsLastFailureAndNeedsAnOpenChannel)
 {
     kesString text;
     // clang-format off
-    // the record of the attempt, after "Response timeout received 0 bytes but "
-    // the record after the last attempt
+    // The record of the attempt, after "Response timeout received 0 bytes but ",
+    // and the record after the last attempt.
     const struct { std::function<kesEError(Engine&)> call; const char* attempt; const char* failure; } rows[] = {
         {[](Engine& e) { return e.ReadPanelVoltTemp(300, nullptr, nullptr); }, "requested 9 at address:300",
          "Can not get Voltage and temperature at address:300"},
@@ -563,8 +546,8 @@ TEST_F(EngineTest, IdentityTextsPanelDataSheetAndAlarmStatus)
 TEST_F(EngineTest, ControlAlarmDeviceWaitsForTheEndOfTheCycle)
 {
     // clang-format off
-    // of the status before the cycle ends; -1: no cycle, no status registers
-    // 0: at least 3
+    // reads: of the status before the cycle ends, -1: no cycle and no status
+    // registers; requests: 0 for at least 3; text: told that many times.
     const struct { const char* name; int reads; unsigned int timeOut; unsigned short address; kesEError result;
         unsigned char cycle, status; unsigned short power; unsigned int requests; const char* text; unsigned int times;
     } rows[] = {
@@ -609,7 +592,7 @@ TEST_F(EngineTest, FramesOnTheWire)
     kesEnergyDevice device;
     kesString text;
     // clang-format off
-    // without the CRC when crc is true
+    // expected: without the CRC when crc is true
     const struct { const char* name; std::function<void(Engine&)> call; std::string expected; bool crc; } rows[] = {
         {"enable search", [](Engine& e) { e.EnableAllDeviceFind(); }, "FF 0E 4F 4B 25 F4", false},
         {"mute", [](Engine& e) { e.MuteDeviceBySerial(16909060); }, "FF 0C 01 02 03 04 A5 1A", false},
@@ -749,9 +732,9 @@ TEST_F(EngineTest, NumberingAList)
 TEST_F(EngineTest, SearchExchangeResults)
 {
     // clang-format off
-    // pushed as often as the key is asked; short answers are asked twice
-    // of the device recorded, 0: none
-    // with the mute of a device found
+    // raw: pushed as often as the key is asked, twice for a short answer;
+    // serial: of the device recorded, 0 for none; requests: with the mute of
+    // a device found.
     const struct { const char* name; bool fine; const char* raw; bool crc; int retries, result; unsigned int serial;
         unsigned int type; unsigned char address; const char* text; unsigned int requests; } rows[] = {
         {"current form", false, "FF 05 07 00 00 00 00 03 E9 0C", true, 0, 12, 1001, 7, 0x0C, "", 2},
@@ -783,7 +766,7 @@ TEST_F(EngineTest, SearchExchangeResults)
         }
         for (size_t i = raw.empty() ? 2 : raw.size() + (row.crc ? 2 : 0) < 12 ? 0 : 1; i < 2; ++i)
             m_gateway.PushFault(G::MakeFault(G::FaultRaw, row.crc, raw));
-        m_engine.SetTimeOut(raw.empty() ? 50 : 10);
+        m_engine.SetTimeOut(raw.empty() ? 50 : 25);
         Devices devices;
         EXPECT_EQ(row.result, m_engine.Search(row.fine, 7, &devices, row.retries));
         ASSERT_EQ(row.serial ? 1u : 0u, devices.size());
@@ -924,7 +907,7 @@ TEST_F(EngineTest, DeviceReports)
     panel.insert(panel.end(), {3700, 850, 2500, 3050, 820, 0, 1530, 60, 1});
     const std::string texts = "Model:M1|Serial:S1|Test Date:2024-01-02|", none = "Model:|Serial:|Test Date:|";
     // clang-format off
-    // from offset 0
+    // registers from offset 0
     const struct { const char* name; kesEEnergyDeviceType type; unsigned char module; std::vector<uint16_t> registers;
         bool identity, present; std::string lines; } rows[] = {
         {"Panel", kesEnergyDevicePanel, 3, panel, true, true,

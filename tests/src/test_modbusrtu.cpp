@@ -97,7 +97,7 @@ TEST(ModbusRtuFrame, ReceivedFrames)
         unsigned int size;
     };
     // clang-format off
-    // -1: none
+    // exception: its code, -1 for none; a view offset of -1: no pointer
     const struct { const char* name; Bytes bytes; bool crc; int exception; View reply, request; } rows[] = {
         {"read reply", Hex("01 03 04 00 01 00 02 2A 32"), true, -1, {3, 4}, {4, 2}},
         {"read reply, bad CRC", Hex("01 03 04 00 01 00 02 2A 33"), false, -1, {3, 4}, {4, 2}},
