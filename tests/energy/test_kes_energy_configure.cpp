@@ -1,23 +1,35 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
-#include <map>
-#include <string>
-#include <vector>
+#include <regex>
+#include <thread>
 
+#include "datagram_receiver.h"
 #include "error_capture.h"
 #include "kes_energy.h"
 #include "kes_energy_davis_meteo.h"
+#include "kes_energy_device_types.h"
 #include "kes_energy_line.h"
-#include "kes_enerysystem.h"
-#include "kes_net_test_support.h"
+#include "kes_energy_mira.h"
 #include "test_process.h"
 
-using kes::kesEError;
-using kes::kesEvent;
-using kes::Energy::kesEnergy;
+using namespace kes;
+using namespace kes::Energy;
+typedef std::vector<std::string> Texts;
 
 namespace {
+
+std::string value(int type, int mid, unsigned int iid, int fid)
+{
+    return "<value type=\"" + std::to_string(type) + "\" mid=\"" + std::to_string(mid) + "\" iid=\"" +
+           std::to_string(iid) + "\" fid=\"" + std::to_string(fid) + "\"/>";
+}
+
+std::string line(int id, const std::string& values)
+{
+    return "<line id=\"" + std::to_string(id) + "\" adr=\"a:1\">" + values + "</line>";
+}
 
 struct ConfigCase {
     const char* name;
@@ -28,17 +40,7 @@ struct ConfigCase {
     bool davis;
 };
 
-std::ostream& operator<<(std::ostream& out, const ConfigCase& c)
-{
-    return out << c.name;
-}
-
-std::string value(int type, int mid, unsigned int iid, int fid)
-{
-    return "<value type=\"" + std::to_string(type) + "\" mid=\"" + std::to_string(mid) + "\" iid=\"" +
-           std::to_string(iid) + "\" fid=\"" + std::to_string(fid) + "\"/>";
-}
-
+// clang-format off
 const ConfigCase CONFIG_CASES[] = {
     {"missing_file", "", false, "Can not read configuration file: ", 0, false},
     {"malformed", "<energy><line id=\"1\"></energy>", false, "Error", 0, false},
@@ -52,48 +54,31 @@ const ConfigCase CONFIG_CASES[] = {
      "not valid UTF-8", 0, false},
     {"utf8_comment", "<energy><!-- d\xc3\xa9part --></energy>", true, "", 0, false},
     // elsewhere it reads byte by byte
-    {"latin1_declared",
-     "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><energy><!-- d\xe9part --><line id=\"1\" adr=\"a:1\">" +
-         value(2, 3, 1, 0) + "</line></energy>\xf4",
-     true, "", 1, false},
+    {"latin1_declared", "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><energy><!-- d\xe9part -->" +
+     line(1, value(2, 3, 1, 0)) + "</energy>\xf4", true, "", 1, false},
     {"latin1_undeclared", "<energy><!-- d\xe9part --><v\xe0\x8c/></energy>\xf4", true, "", 0, false},
-    {"wrong_root_case", "<ENERGY><line id=\"1\" adr=\"a:1\">" + value(2, 3, 1, 0) + "</line></ENERGY>", false,
-     "Main energy node not found in file:", 0, false},
+    {"wrong_root_case", "<ENERGY>" + line(1, value(2, 3, 1, 0)) + "</ENERGY>", false, "Main energy node not found in file:", 0, false},
     {"empty_energy", "<energy/>", true, "", 0, false},
-    {"line_in_any_case", "<energy><LINE id=\"1\" adr=\"a:1\">" + value(2, 3, 1, 0) + "</LINE></energy>", true, "", 1,
-     false},
-    {"line_without_devices", "<energy><line id=\"1\" adr=\"a:1\"/></energy>", true, "", 0, false},
-    {"comment_and_text_in_line",
-     "<energy><line id=\"1\" adr=\"a:1\"><!-- note -->stray" + value(2, 3, 1, 0) + "</line></energy>", true,
+    {"line_in_any_case", "<energy><LINE id=\"1\" adr=\"a:1\">" + value(2, 3, 1, 0) + "</LINE></energy>", true, "", 1, false},
+    {"line_without_devices", "<energy>" + line(1, "") + "</energy>", true, "", 0, false},
+    {"comment_and_text_in_line", "<energy>" + line(1, "<!-- note -->stray" + value(2, 3, 1, 0)) + "</energy>", true,
      "Text inside line 1 ignored", 1, false},
-    {"unknown_types",
-     "<energy><line id=\"1\" adr=\"a:1\">" + value(0, 3, 1, 0) + value(12, 3, 2, 0) + value(-1, 3, 3, 0) +
-         "</line></energy>",
+    {"unknown_types", "<energy>" + line(1, value(0, 3, 1, 0) + value(12, 3, 2, 0) + value(-1, 3, 3, 0)) + "</energy>",
      true, "Invalid Device Type 12", 0, false},
-    {"missing_and_text_attributes", "<energy><line><value type=\"2\" mid=\"x\" iid=\"\"/></line></energy>", true, "", 1,
-     false},
-    {"negative_and_huge_numbers",
-     "<energy><line id=\"-5\" adr=\"a:1\">" + value(2, -3, 4294967295u, 999) +
-         "<value type=\"2\" mid=\"99999999999\" iid=\"7\" fid=\"1\"/></line></energy>",
-     true, "", 1, false},
-    {"same_iid_twice_on_a_device",
-     "<energy><line id=\"1\" adr=\"a:1\">" + value(2, 3, 1, 0) + value(2, 3, 1, 1) + "</line></energy>", false,
+    {"missing_and_text_attributes", "<energy><line><value type=\"2\" mid=\"x\" iid=\"\"/></line></energy>", true, "", 1, false},
+    {"negative_and_huge_numbers", "<energy><line id=\"-5\" adr=\"a:1\">" + value(2, -3, 4294967295u, 999) +
+     "<value type=\"2\" mid=\"99999999999\" iid=\"7\" fid=\"1\"/></line></energy>", true, "", 1, false},
+    {"same_iid_twice_on_a_device", "<energy>" + line(1, value(2, 3, 1, 0) + value(2, 3, 1, 1)) + "</energy>", false,
      "Can not register parameter 1", 0, false},
-    {"same_fid_twice_on_a_device",
-     "<energy><line id=\"1\" adr=\"a:1\">" + value(2, 3, 1, 0) + value(2, 3, 2, 0) + "</line></energy>", true,
+    {"same_fid_twice_on_a_device", "<energy>" + line(1, value(2, 3, 1, 0) + value(2, 3, 2, 0)) + "</energy>", true,
      "kesEnergy::DataAddress already exist with same setting, skip...", 1, false},
-    {"same_line_id_twice",
-     "<energy><line id=\"1\" adr=\"a:1\">" + value(2, 3, 1, 0) + "</line><line id=\"1\" adr=\"b:1\">" +
-         value(2, 4, 2, 0) + "</line></energy>",
-     true, "", 2, false},
-    {"mid_zero_and_656",
-     "<energy><line id=\"1\" adr=\"a:1\">" + value(2, 0, 1, 0) + value(2, 656, 2, 0) + "</line></energy>", true, "", 1,
-     false},
-    {"address_without_port", "<energy><line id=\"1\" adr=\"127.0.0.1\">" + value(2, 3, 1, 0) + "</line></energy>", true,
-     "", 1, false},
+    {"same_line_id_twice", "<energy>" + line(1, value(2, 3, 1, 0)) + line(1, value(2, 4, 2, 0)) + "</energy>", true, "", 2, false},
+    {"mid_zero_and_656", "<energy>" + line(1, value(2, 0, 1, 0) + value(2, 656, 2, 0)) + "</energy>", true, "", 1, false},
+    {"address_without_port", "<energy><line id=\"1\" adr=\"127.0.0.1\">" + value(2, 3, 1, 0) + "</line></energy>", true, "", 1, false},
     {"two_davis", "<energy><davis adr=\"a:1\"/><DAVIS adr=\"b:2\"/></energy>", true, "", 0, true},
     {"other_children_skipped", "<energy v=\"1\"><meter/><!-- c --></energy>", true, "", 0, false},
 };
+// clang-format on
 
 class Configuration : public ::testing::TestWithParam<ConfigCase> {};
 
@@ -101,16 +86,12 @@ TEST_P(Configuration, BuildsWhatTheFileSaysOrRefusesIt)
 {
     const ConfigCase& c = GetParam();
     kes_test::TempDir dir;
-    std::string path = dir.File("conf.xml");
     if (!c.xml.empty())
-        kes_test::WriteFile(path, c.xml);
+        kes_test::WriteFile(dir.File("conf.xml"), c.xml);
     kes_test::ErrorCapture log;
     kesEnergy energy;
-    kesEError result = energy.Configure(path.c_str());
-    EXPECT_EQ(result == kes::kesErrorOk, c.ok) << log.Dump();
-    if (*c.record) {
-        EXPECT_TRUE(log.Contains(c.record)) << log.Dump();
-    }
+    EXPECT_EQ(energy.Configure(dir.File("conf.xml")) == kesErrorOk, c.ok) << log.Dump();
+    EXPECT_TRUE(!*c.record || log.Contains(c.record)) << log.Dump();
     EXPECT_EQ(energy.GetLines().size(), c.lines);
     EXPECT_EQ(energy.GetDavisMeteo() != nullptr, c.davis);
 }
@@ -118,55 +99,50 @@ TEST_P(Configuration, BuildsWhatTheFileSaysOrRefusesIt)
 INSTANTIATE_TEST_SUITE_P(Files, Configuration, ::testing::ValuesIn(CONFIG_CASES),
                          [](const ::testing::TestParamInfo<ConfigCase>& info) { return std::string(info.param.name); });
 
-class ConfigurationIntruder : public ::testing::TestWithParam<kes_test::Intruder> {};
+// A daemon configured with the lines, publishing to a receiver of its own,
+// its history store running in a folder of its own, without its timer.
+struct Daemon {
+    explicit Daemon(const std::string& lines)
+    {
+        kes_test::WriteFile(dir.File("conf.xml"), "<energy>" + lines + "</energy>");
+        kesEnergy::MiraPort = receiver.Port();
+        EXPECT_EQ(energy.Configure(dir.File("conf.xml")), kesErrorOk) << log.Dump();
+        energy.GetHistory().SetHistoryFolder(dir.Path());
+        EXPECT_EQ(energy.GetHistory().Start(), kesErrorOk);
+        energy.GetHistory().kesTimer::Stop();
+    }
+    ~Daemon() { kesEnergy::MiraPort = MIRA_PORT; }
+    // The datagrams of one event as "iid:text": all of them, since a marker sent after it ends the wait.
+    std::string Publish(unsigned int source, int code, const void* data)
+    {
+        kesEnergy::on_event(kesEvent{source, code, const_cast<void*>(data)});
+        kesEnergySendToMira(0, "end", receiver.Port());
+        std::string texts, datagram;
+        while (receiver.Receive(&datagram, 1000) && datagram.substr(4) != std::string("\3end")) {
+            unsigned int iid;
+            memcpy(&iid, datagram.data(), 4);
+            EXPECT_EQ(static_cast<unsigned char>(datagram[4]), datagram.size() - 5);
+            texts += (texts.empty() ? "" : " ") + std::to_string(iid) + ":" + datagram.substr(5);
+        }
+        return texts;
+    }
+    // The rows of the day file after one tick, its header left out.
+    std::string DayRows()
+    {
+        // an interval of a millisecond: each average is then the middle of its range
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        kesEnegyHistoryItem::MS_TIME = 1;
+        energy.GetHistory().OnTimer();
+        const std::string day = kes_test::ReadFile(dir.File("d"));
+        EXPECT_EQ(day.compare(0, 2, "H|"), 0) << day;
+        return day.substr(day.find('\n') + 1);
+    }
 
-TEST_P(ConfigurationIntruder, IsRefusedWithARecordNamingThePath)
-{
     kes_test::TempDir dir;
-    const std::string path = dir.File("conf.xml");
-    kesEnergy energy;
-    kesEError result = kes::kesErrorOk;
-    if (!kes_test::RefusesIntruder(path, GetParam(), [&] { result = energy.Configure(path.c_str()); }))
-        GTEST_SKIP() << "root reads every file";
-    EXPECT_NE(kes::kesErrorOk, result);
-}
-
-INSTANTIATE_TEST_SUITE_P(Kinds, ConfigurationIntruder, ::testing::ValuesIn(kes_test::INTRUDERS),
-                         [](const ::testing::TestParamInfo<kes_test::Intruder>& info) { return info.param.name; });
-
-TEST(ConfigurationMap, ChainsValuesOfOneDeviceInFileOrder)
-{
-    kes_test::TempDir dir;
-    kes_test::WriteFile(dir.File("conf.xml"), "<energy><line id=\"2\" adr=\"a:1\">" + value(2, 7, 1201, 0) +
-                                                  value(2, 7, 1202, 1) + value(2, 7, 1203, 2) + value(2, 656, 9, 0) +
-                                                  "</line></energy>");
+    kes_test::DatagramReceiver receiver;
     kes_test::ErrorCapture log;
     kesEnergy energy;
-    ASSERT_EQ(energy.Configure(dir.File("conf.xml").c_str()), kes::kesErrorOk);
-    const kesEnergy::DataAddress* item = energy.GetDataAddress(0x02BC0002);
-    std::vector<unsigned int> iids;
-    for (; item; item = item->next) {
-        EXPECT_EQ(item->key, 0x02BC0002u);
-        iids.push_back(item->iid * 10 + item->fid);
-    }
-    EXPECT_EQ(iids, (std::vector<unsigned int>{12010, 12021, 12032}));
-    // mid 656 is 65600, cut to 16 bits: 64.
-    ASSERT_NE(energy.GetDataAddress((64u << 16) | 2), nullptr);
-}
-
-// Readings of every device type, routed through a configuration that asks for
-// fids 0 to 10 of each: only the fids of the type's row may come out.
-struct RouteCase {
-    const char* name;
-    int code;
-    std::vector<unsigned char> record; // the reading record's bytes, built by the case
-    std::vector<std::string> texts;    // by fid
 };
-
-std::ostream& operator<<(std::ostream& out, const RouteCase& c)
-{
-    return out << c.name;
-}
 
 template <typename T>
 std::vector<unsigned char> bytes_of(const T& record)
@@ -175,102 +151,140 @@ std::vector<unsigned char> bytes_of(const T& record)
     return std::vector<unsigned char>(p, p + sizeof(T));
 }
 
+// A reading of each device type, through a configuration that asks for fids 0
+// to 10 of device 300 as iids 100 to 110: only the fids of the type's row come
+// out, as the datagram and the history store each take them.
+struct RouteCase {
+    const char* name;
+    int code;
+    std::vector<unsigned char> record;
+    std::string texts; // the datagrams, "iid:text"
+    std::string day;   // the rows of the day file
+};
+
 std::vector<RouteCase> route_cases()
 {
-    std::vector<RouteCase> cases;
-    kes::kesEnergyPanelData panel = {300, 240.0f, 25.0f};
-    cases.push_back({"panel", 1, bytes_of(panel), {"240", "25"}});
-    kes::kesEnergyStringData string = {300, 230.5f, 1.5f};
-    cases.push_back({"string", 2, bytes_of(string), {"230.5", "1.5", "345.8"}});
-    cases.push_back({"string_one", 10, bytes_of(string), {"230.5", "1.5", "345.8"}});
-    kes::kesEnergyStringTwoData two = {300, 200.0f, 1.0f, 2.0f};
-    cases.push_back({"string_two", 6, bytes_of(two), {"200", "1", "200", "2", "400"}});
-    kes::kesEnergyStringThreeData three = {300, 100.0f, 1.0f, 2.0f, 3.0f};
-    cases.push_back({"string_three", 11, bytes_of(three), {"100", "1", "100", "2", "200", "3", "300"}});
-    kes::kesEnergyStringFourData four = {300, 10.0f, 1.0f, 2.0f, 3.0f, 4.5f};
-    cases.push_back({"string_four", 7, bytes_of(four), {"10", "1", "10", "2", "20", "3", "30", "4.5", "45"}});
-    kes::kesEnergyAlarmData alarm = {300, 12.0f, 0.5f, 3};
-    cases.push_back({"alarm", 3, bytes_of(alarm), {"12", "0.5", "6", "3"}});
-    kes::kesEnergyPulseCounterData pulse = {300, 123456, 7};
-    cases.push_back({"pulse", 5, bytes_of(pulse), {"514.3", "123.5"}});
-    kes::kesEnergyPulseCounterTwoData pulse2 = {300, 1000, 0, 2000, 1800};
-    cases.push_back({"pulse_two", 8, bytes_of(pulse2), {"0", "1", "2", "2"}});
-    kes::kesEnergyPulseCounterFiveData pulse5 = {300, 1, 3600, 2, 1800, 3, 1200, 4, 900, 5, 0};
-    cases.push_back({"pulse_five", 9, bytes_of(pulse5), {"1", "0", "2", "0", "3", "0", "4", "0", "0", "0"}});
-    return cases;
+    const std::string none =
+        "102|f|f|f\n103|f|f|f\n104|f|f|f\n105|f|f|f\n106|f|f|f\n107|f|f|f\n108|f|f|f\n109|f|f|f\n110|f|f|f\n";
+    const std::string panel = "100|240|240|240\n101|25|25|25\n" + none;
+    const kesEnergyStringData string = {300, 230.5f, 1.5f};
+    // clang-format off
+    return {
+        {"panel", 1, bytes_of(kesEnergyPanelData{300, 240.0f, 25.0f}), "100:240 101:25", panel},
+        {"string", 2, bytes_of(string), "100:230.5 101:1.5 102:345.8", "102|345.8|345.8|345.8|345.8\n"},
+        {"string_one", 10, bytes_of(string), "100:230.5 101:1.5 102:345.8", "102|345.8|345.8|345.8|345.8\n"},
+        {"string_two", 6, bytes_of(kesEnergyStringTwoData{300, 200.0f, 1.0f, 2.0f}), "100:200 101:1 102:200 103:2 104:400",
+         "102|200|200|200|200\n104|400|400|400|400\n"},
+        {"string_three", 11, bytes_of(kesEnergyStringThreeData{300, 100.0f, 1.0f, 2.0f, 3.0f}),
+         "100:100 101:1 102:100 103:2 104:200 105:3 106:300",
+         "102|100|100|100|100\n104|200|200|200|200\n106|300|300|300|300\n"},
+        {"string_four", 7, bytes_of(kesEnergyStringFourData{300, 10.0f, 1.0f, 2.0f, 3.0f, 4.5f}),
+         "100:10 101:1 102:10 103:2 104:20 105:3 106:30 107:4.5 108:45",
+         "102|10|10|10|10\n104|20|20|20|20\n106|30|30|30|30\n108|45|45|45|45\n"},
+        // the status goes to the store as a whole number, which no file shows
+        {"alarm", 3, bytes_of(kesEnergyAlarmData{300, 12.0f, 0.5f, 3}), "100:12 101:0.5 102:6 103:3", "102|6|6|6|6\n"},
+        // a count goes out in thousands and to the store in pulses; a rate to no file
+        {"pulse", 5, bytes_of(kesEnergyPulseCounterData{300, 123456, 7}), "100:514.3 101:123.5", "101|123.5\n"},
+        {"pulse_two", 8, bytes_of(kesEnergyPulseCounterTwoData{300, 1000, 0, 2000, 1800}), "100:0 101:1 102:2 103:2",
+         "101|1\n103|2\n"},
+        {"pulse_five", 9, bytes_of(kesEnergyPulseCounterFiveData{300, 1500, 3600, 2500, 1800, 3500, 1200, 4500, 900, 5500, 0}),
+         "100:1 101:1.5 102:2 103:2.5 104:3 105:3.5 106:4 107:4.5 108:0 109:5.5",
+         "101|1.5\n103|2.5\n105|3.5\n107|4.5\n109|5.5\n"},
+    };
+    // clang-format on
 }
 
 class Routing : public ::testing::TestWithParam<RouteCase> {};
 
-TEST_P(Routing, PublishesEveryFieldOfTheRowAndNothingBeyond)
+TEST_P(Routing, PublishesAndStoresEveryFieldOfTheRowAndNothingBeyond)
 {
     const RouteCase& c = GetParam();
-    kes_test::TempDir dir;
-    std::string xml = "<energy><line id=\"2\" adr=\"a:1\">";
+    std::string values;
     for (int fid = 0; fid <= 10; ++fid)
-        xml += value(c.code, 3, 100 + fid, fid);
-    xml += "</line></energy>";
-    kes_test::WriteFile(dir.File("conf.xml"), xml);
-
-    kes_test::DatagramReceiver receiver;
-    kesEnergy::MiraPort = receiver.Port();
-    kes_test::ErrorCapture log;
-    kesEnergy energy;
-    ASSERT_EQ(energy.Configure(dir.File("conf.xml").c_str()), kes::kesErrorOk) << log.Dump();
-
+        values += value(c.code, 3, 100 + fid, fid);
+    Daemon daemon(line(2, values));
     std::vector<unsigned char> record = c.record;
-    kesEvent event = {2, c.code, record.data()};
-    kesEnergy::on_event(event);
-    std::vector<std::string> texts;
-    std::string datagram;
-    while (receiver.Receive(&datagram, 200)) {
-        unsigned int iid;
-        memcpy(&iid, datagram.data(), 4);
-        EXPECT_EQ(iid, 100u + texts.size());
-        EXPECT_EQ(static_cast<unsigned char>(datagram[4]), datagram.size() - 5);
-        texts.push_back(datagram.substr(5));
-    }
-    EXPECT_EQ(texts, c.texts);
-
-    // A failed read of the same device: one "f" per configured value, in chain order.
-    unsigned int key = (300u << 16) | 2;
-    kesEvent failed = {2, kes::kesEnergyEventCommunicationError, &key};
-    kesEnergy::on_event(failed);
-    size_t count = 0;
-    while (receiver.Receive(&datagram, 200)) {
-        EXPECT_EQ(datagram.size(), 6u);
-        EXPECT_EQ(datagram.substr(4), std::string("\x01"
-                                                  "f",
-                                                  2));
-        ++count;
-    }
-    EXPECT_EQ(count, 11u);
-    kesEnergy::MiraPort = 16549;
+    EXPECT_EQ(daemon.Publish(2, c.code, record.data()), c.texts);
+    EXPECT_EQ(daemon.DayRows(), c.day);
+    // a failed read of the same device: one "f" per configured value, in chain order
+    const unsigned int key = (300u << 16) | 2;
+    EXPECT_EQ(daemon.Publish(2, kesEnergyEventCommunicationError, &key),
+              "100:f 101:f 102:f 103:f 104:f 105:f 106:f 107:f 108:f 109:f 110:f");
 }
 
 INSTANTIATE_TEST_SUITE_P(DeviceTypes, Routing, ::testing::ValuesIn(route_cases()),
                          [](const ::testing::TestParamInfo<RouteCase>& info) { return std::string(info.param.name); });
 
-TEST(RoutingKeys, OtherLinesAndUnknownCodesPublishNothing)
+// Two lines of one id, a third of another: a device is found by line id and
+// bus address, its values chained in file order; mid 656 is 65600 cut to 16 bits.
+TEST(RoutingKeys, EachEventReachesTheValuesOfItsLineAndAddress)
 {
-    kes_test::TempDir dir;
-    kes_test::WriteFile(dir.File("conf.xml"),
-                        "<energy><line id=\"2\" adr=\"a:1\">" + value(2, 3, 1, 0) + "</line></energy>");
+    Daemon daemon(line(2, value(2, 3, 1, 0) + value(2, 7, 1201, 0) + value(2, 7, 1202, 1) + value(2, 7, 1203, 2) +
+                              value(2, 656, 9, 0)) +
+                  line(2, value(2, 4, 2, 0)) + line(5, value(2, 3, 3, 0)));
+    const kesEnergyStringData at300 = {300, 1.0f, 2.0f}, at400 = {400, 4.0f, 2.0f}, at700 = {700, 230.5f, 1.5f},
+                              at64 = {64, 6.0f, 2.0f};
+    const unsigned int failed400 = (400u << 16) | 2, failed300onLine3 = (300u << 16) | 3;
+    const kesEnergyAlarmData alarm700 = {700, 0, 0, 3}, alarm500 = {500, 0, 0, 4};
+    const struct {
+        unsigned int source;
+        int code;
+        const void* data;
+        const char* texts;
+    } rows[] = {
+        {2, 2, &at300, "1:1"},
+        {2, 2, &at400, "2:4"},
+        {5, 2, &at300, "3:1"},
+        {2, 2, &at700, "1201:230.5 1202:1.5 1203:345.8"},
+        {2, 2, &at64, "9:6"},
+        {3, 2, &at300, ""},  // a line without the device
+        {2, 4, &at300, ""},  // Ambient: never read
+        {2, 12, &at300, ""}, // no device type
+        {2, 2, nullptr, ""}, // no reading
+        {2, kesEnergyEventCommunicationError, &failed400, "2:f"},
+        {2, kesEnergyEventCommunicationError, &failed300onLine3, ""},
+        {2, kesEnergyEventAlarmStatus, &alarm700, ""}, // to the file "a", as the first value of the device
+        {2, kesEnergyEventAlarmStatus, &alarm500, ""},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(daemon.Publish(row.source, row.code, row.data), row.texts) << row.source << "/" << row.code;
+    const std::string alarms = kes_test::ReadFile(daemon.dir.File("a"));
+    EXPECT_TRUE(std::regex_match(alarms, std::regex("[0-9]{12}\\|1201\\|3\n"))) << alarms;
+}
+
+// A record: the item number in host byte order, the length byte, the text; a
+// text the length byte can not count is refused whole, with a report.
+TEST(MiraDatagram, ReceiverGetsTheExactRecord)
+{
+    const unsigned int one = 1;
+    if (*reinterpret_cast<const unsigned char*>(&one) != 1)
+        GTEST_SKIP() << "expected bytes are written for a little-endian host";
+    // clang-format off
+    const struct {
+        unsigned int iid;
+        std::string text, bytes;
+    } rows[] = {
+        {1201, "230.5", std::string("\xB1\x04\x00\x00\x05" "230.5", 10)},
+        {1201, "f", std::string("\xB1\x04\x00\x00\x01" "f", 6)},
+        {7, "0", std::string("\x07\x00\x00\x00\x01" "0", 6)},
+        {0x12345678u, "1", std::string("\x78\x56\x34\x12\x01" "1", 6)},
+        {0xFFFFFFFFu, "", std::string("\xFF\xFF\xFF\xFF\x00", 5)},
+        {3, std::string(255, 'a'), std::string("\x03\x00\x00\x00\xFF", 5) + std::string(255, 'a')},
+        {5, std::string(256, 'b'), ""},
+    };
+    // clang-format on
+    kes_test::ErrorCapture captured;
     kes_test::DatagramReceiver receiver;
-    kesEnergy::MiraPort = receiver.Port();
-    kes_test::ErrorCapture log;
-    kesEnergy energy;
-    ASSERT_EQ(energy.Configure(dir.File("conf.xml").c_str()), kes::kesErrorOk);
-    kes::kesEnergyStringData string = {300, 1.0f, 1.0f};
-    kesEvent otherLine = {3, 2, &string};
-    kesEvent ambient = {2, 4, &string};
-    kesEvent unknown = {2, 12, &string};
-    kesEvent nothing = {2, 2, nullptr};
-    for (const kesEvent& e : {otherLine, ambient, unknown, nothing})
-        kesEnergy::on_event(e);
-    std::string datagram;
-    EXPECT_FALSE(receiver.Receive(&datagram, 200));
-    kesEnergy::MiraPort = 16549;
+    for (const auto& row : rows) {
+        EXPECT_EQ(kesEnergySendToMira(row.iid, row.text, receiver.Port()),
+                  row.bytes.empty() ? -1 : int(row.bytes.size()));
+        if (row.bytes.empty())
+            kesEnergySendToMira(0, "", receiver.Port()); // comes first when nothing went before it
+        std::string datagram;
+        EXPECT_TRUE(receiver.Receive(&datagram));
+        EXPECT_EQ(datagram, row.bytes.empty() ? std::string(5, '\0') : row.bytes);
+    }
+    EXPECT_EQ(captured.CountContaining("Text of item 5 is 256 bytes, over 255: not published"), 1u);
 }
 
 } // namespace

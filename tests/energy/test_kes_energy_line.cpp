@@ -136,18 +136,37 @@ TEST_F(EnergyLineTest, DeviceListsAndTheRunningState)
 
 TEST_F(EnergyLineTest, CycleReadsEveryListInItsOrderAndASilentDeviceGetsOneErrorEach)
 {
-    m_gateway.SetRegisters(kesEnergyDevicePanel, 100, {24000, 250});
-    m_gateway.SetRegisters(kesEnergyDevicePanel, 300, {23000, 260});
-    m_gateway.SetRegisters(kesEnergyDeviceString, 300, {2400, 500});
-    m_gateway.SetRegisters(kesEnergyDeviceStringTwo, 300, {2400, 100, 200});
-    m_gateway.SetRegisters(kesEnergyDeviceAlarm, 500, {2300, 150});
-    m_gateway.SetRegisters(kesEnergyDevicePulseCounter, 100, {1, 2, 10});
-    // Panel 200 is silent. Lists are filled out of order and with repeats,
-    // the way the configuration file fills them.
-    for (int device : {5100, 4700, 1300, 3500, 1300, 6300, 1100, 2300, 1200, 1300, 4700})
+    // every type with a read; Panel 200 is silent
+    const std::pair<int, std::vector<uint16_t>> registers[] = {
+        {1100, {24000, 250}},
+        {1300, {23000, 260}},
+        {2300, {2400, 500}},
+        {10300, {2300, 400}},
+        {6300, {2400, 100, 200}},
+        {11300, {1000, 100, 200, 300}},
+        {7300, {1000, 100, 200, 300, 450}},
+        {3500, {2300, 150}},
+        {5100, {1, 2, 10}},
+        {8100, {0, 1000, 0, 0, 2000, 1800}},
+        {9100, {0, 1500, 3600, 0, 0, 0, 2500, 1800, 0, 0, 0, 3500, 1200, 0, 0, 0, 4500, 900, 0, 0, 0, 5500, 0, 0, 0}}};
+    for (const auto& r : registers)
+        m_gateway.SetRegisters(r.first / 1000, r.first % 1000, r.second);
+    // Lists filled out of order and with repeats, the way the configuration file fills them.
+    for (int device :
+         {5100, 4700, 1300, 3500, 1300, 6300, 1100, 2300, 1200, 1300, 4700, 9100, 7300, 11300, 8100, 10300})
         ASSERT_EQ(kesErrorOk, m_line.AddDevice(device / 1000, static_cast<unsigned short>(device % 1000)));
-    const Texts cycle = {"7/1/100/240|25",          "7/65535/200:7",         "7/1/300/230|26",   "7/2/300/240|5|1200",
-                         "7/6/300/240|1|240|2|480", "7/3/500/230|1.5|345|0", "7/5/100/360|65538"};
+    const Texts cycle = {"7/1/100/240|25",
+                         "7/65535/200:7",
+                         "7/1/300/230|26",
+                         "7/2/300/240|5|1200",
+                         "7/10/300/230|4|920",
+                         "7/6/300/240|1|240|2|480",
+                         "7/11/300/100|1|100|2|200|3|300",
+                         "7/7/300/100|1|100|2|200|3|300|4.5|450",
+                         "7/3/500/230|1.5|345|0",
+                         "7/5/100/360|65538",
+                         "7/8/100/0|1000|2|2000",
+                         "7/9/100/1|1500|2|2500|3|3500|4|4500|0|5500"};
 
     testing::internal::CaptureStdout();
     ASSERT_EQ(kesErrorOk, m_line.Start(50, 5, 30));
