@@ -8,15 +8,11 @@
 #include "datagram_receiver.h"
 #include "error_capture.h"
 #include "kes_energy.h"
-#include "kes_energy_davis_meteo.h"
-#include "kes_energy_device_types.h"
-#include "kes_energy_line.h"
 #include "kes_energy_mira.h"
 #include "test_process.h"
 
 using namespace kes;
 using namespace kes::Energy;
-typedef std::vector<std::string> Texts;
 
 namespace {
 
@@ -99,174 +95,119 @@ TEST_P(Configuration, BuildsWhatTheFileSaysOrRefusesIt)
 INSTANTIATE_TEST_SUITE_P(Files, Configuration, ::testing::ValuesIn(CONFIG_CASES),
                          [](const ::testing::TestParamInfo<ConfigCase>& info) { return std::string(info.param.name); });
 
-// A daemon configured with the lines, publishing to a receiver of its own,
-// its history store running in a folder of its own, without its timer.
-struct Daemon {
-    explicit Daemon(const std::string& lines)
-    {
-        kes_test::WriteFile(dir.File("conf.xml"), "<energy>" + lines + "</energy>");
-        kesEnergy::MiraPort = receiver.Port();
-        EXPECT_EQ(energy.Configure(dir.File("conf.xml")), kesErrorOk) << log.Dump();
-        energy.GetHistory().SetHistoryFolder(dir.Path());
-        EXPECT_EQ(energy.GetHistory().Start(), kesErrorOk);
-        energy.GetHistory().kesTimer::Stop();
-    }
-    ~Daemon() { kesEnergy::MiraPort = MIRA_PORT; }
-    // The datagrams of one event as "iid:text": all of them, since a marker sent after it ends the wait.
-    std::string Publish(unsigned int source, int code, const void* data)
-    {
-        kesEnergy::on_event(kesEvent{source, code, const_cast<void*>(data)});
-        kesEnergySendToMira(0, "end", receiver.Port());
-        std::string texts, datagram;
-        while (receiver.Receive(&datagram, 1000) && datagram.substr(4) != std::string("\3end")) {
-            unsigned int iid;
-            memcpy(&iid, datagram.data(), 4);
-            EXPECT_EQ(static_cast<unsigned char>(datagram[4]), datagram.size() - 5);
-            texts += (texts.empty() ? "" : " ") + std::to_string(iid) + ":" + datagram.substr(5);
-        }
-        return texts;
-    }
-    // The rows of the day file after one tick, its header left out.
-    std::string DayRows()
-    {
-        // an interval of a millisecond: each average is then the middle of its range
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        kesEnegyHistoryItem::MS_TIME = 1;
-        energy.GetHistory().OnTimer();
-        const std::string day = kes_test::ReadFile(dir.File("d"));
-        EXPECT_EQ(day.compare(0, 2, "H|"), 0) << day;
-        return day.substr(day.find('\n') + 1);
-    }
-
+// One daemon for every route. Line 2 asks for fids 0 to 10 of a device of each
+// type, mid the type's number, as iids type * 100 + fid: only the fids of the
+// type's row come out, on the datagram and in the history store each as it
+// takes them. For the keys: a second line of id 2, a line 5, mid 656 that is
+// 65600 cut to 16 bits, and values chained in file order.
+TEST(Routing, EachEventReachesTheValuesOfItsLineAndAddressOnly)
+{
+    std::string values;
+    for (int type : {1, 2, 3, 5, 6, 7, 8, 9, 10, 11})
+        for (int fid = 0; fid <= 10; ++fid)
+            values += value(type, type, type * 100 + fid, fid);
     kes_test::TempDir dir;
+    kes_test::WriteFile(dir.File("conf.xml"),
+                        "<energy>" +
+                            line(2, values + value(2, 20, 1, 0) + value(2, 22, 1201, 0) + value(2, 22, 1202, 1) +
+                                        value(2, 22, 1203, 2) + value(2, 656, 9, 0)) +
+                            line(2, value(2, 21, 2, 0)) + line(5, value(2, 20, 3, 0)) + "</energy>");
     kes_test::DatagramReceiver receiver;
     kes_test::ErrorCapture log;
     kesEnergy energy;
-};
-
-template <typename T>
-std::vector<unsigned char> bytes_of(const T& record)
-{
-    const unsigned char* p = reinterpret_cast<const unsigned char*>(&record);
-    return std::vector<unsigned char>(p, p + sizeof(T));
-}
-
-// A reading of each device type, through a configuration that asks for fids 0
-// to 10 of device 300 as iids 100 to 110: only the fids of the type's row come
-// out, as the datagram and the history store each take them.
-struct RouteCase {
-    const char* name;
-    int code;
-    std::vector<unsigned char> record;
-    std::string texts; // the datagrams, "iid:text"
-    std::string day;   // the rows of the day file
-};
-
-std::vector<RouteCase> route_cases()
-{
-    const std::string none =
-        "102|f|f|f\n103|f|f|f\n104|f|f|f\n105|f|f|f\n106|f|f|f\n107|f|f|f\n108|f|f|f\n109|f|f|f\n110|f|f|f\n";
-    const std::string panel = "100|240|240|240\n101|25|25|25\n" + none;
-    const kesEnergyStringData string = {300, 230.5f, 1.5f};
+    kesEnergy::MiraPort = receiver.Port();
+    ASSERT_EQ(energy.Configure(dir.File("conf.xml")), kesErrorOk) << log.Dump();
+    // the history store in the folder, without its timer: the test ticks it
+    energy.GetHistory().SetHistoryFolder(dir.Path());
+    ASSERT_EQ(energy.GetHistory().Start(), kesErrorOk);
+    energy.GetHistory().kesTimer::Stop();
+    const kesEnergyPanelData panel = {100, 240.0f, 25.0f};
+    const kesEnergyStringData string = {200, 230.5f, 1.5f}, one = {1000, 230.5f, 1.5f}, at20 = {2000, 1.0f, 2.0f},
+                              at21 = {2100, 4.0f, 2.0f}, at22 = {2200, 230.5f, 1.5f}, at656 = {64, 6.0f, 2.0f};
+    const kesEnergyStringTwoData two = {600, 200.0f, 1.0f, 2.0f};
+    const kesEnergyStringThreeData three = {1100, 100.0f, 1.0f, 2.0f, 3.0f};
+    const kesEnergyStringFourData four = {700, 10.0f, 1.0f, 2.0f, 3.0f, 4.5f};
+    const kesEnergyAlarmData alarm = {300, 12.0f, 0.5f, 3}, status22 = {2200, 0, 0, 3}, status23 = {2300, 0, 0, 4};
+    const kesEnergyPulseCounterData pulse = {500, 123456, 7};
+    const kesEnergyPulseCounterTwoData pulse2 = {800, 1000, 0, 2000, 1800};
+    const kesEnergyPulseCounterFiveData pulse5 = {900, 1500, 3600, 2500, 1800, 3500, 1200, 4500, 900, 5500, 0};
+    const unsigned int failed200 = (200u << 16) | 2, failed21 = (2100u << 16) | 2, failed20onLine3 = (2000u << 16) | 3;
     // clang-format off
-    return {
-        {"panel", 1, bytes_of(kesEnergyPanelData{300, 240.0f, 25.0f}), "100:240 101:25", panel},
-        {"string", 2, bytes_of(string), "100:230.5 101:1.5 102:345.8", "102|345.8|345.8|345.8|345.8\n"},
-        {"string_one", 10, bytes_of(string), "100:230.5 101:1.5 102:345.8", "102|345.8|345.8|345.8|345.8\n"},
-        {"string_two", 6, bytes_of(kesEnergyStringTwoData{300, 200.0f, 1.0f, 2.0f}), "100:200 101:1 102:200 103:2 104:400",
-         "102|200|200|200|200\n104|400|400|400|400\n"},
-        {"string_three", 11, bytes_of(kesEnergyStringThreeData{300, 100.0f, 1.0f, 2.0f, 3.0f}),
-         "100:100 101:1 102:100 103:2 104:200 105:3 106:300",
-         "102|100|100|100|100\n104|200|200|200|200\n106|300|300|300|300\n"},
-        {"string_four", 7, bytes_of(kesEnergyStringFourData{300, 10.0f, 1.0f, 2.0f, 3.0f, 4.5f}),
-         "100:10 101:1 102:10 103:2 104:20 105:3 106:30 107:4.5 108:45",
-         "102|10|10|10|10\n104|20|20|20|20\n106|30|30|30|30\n108|45|45|45|45\n"},
-        // the status goes to the store as a whole number, which no file shows
-        {"alarm", 3, bytes_of(kesEnergyAlarmData{300, 12.0f, 0.5f, 3}), "100:12 101:0.5 102:6 103:3", "102|6|6|6|6\n"},
-        // a count goes out in thousands and to the store in pulses; a rate to no file
-        {"pulse", 5, bytes_of(kesEnergyPulseCounterData{300, 123456, 7}), "100:514.3 101:123.5", "101|123.5\n"},
-        {"pulse_two", 8, bytes_of(kesEnergyPulseCounterTwoData{300, 1000, 0, 2000, 1800}), "100:0 101:1 102:2 103:2",
-         "101|1\n103|2\n"},
-        {"pulse_five", 9, bytes_of(kesEnergyPulseCounterFiveData{300, 1500, 3600, 2500, 1800, 3500, 1200, 4500, 900, 5500, 0}),
-         "100:1 101:1.5 102:2 103:2.5 104:3 105:3.5 106:4 107:4.5 108:0 109:5.5",
-         "101|1.5\n103|2.5\n105|3.5\n107|4.5\n109|5.5\n"},
-    };
-    // clang-format on
-}
-
-class Routing : public ::testing::TestWithParam<RouteCase> {};
-
-TEST_P(Routing, PublishesAndStoresEveryFieldOfTheRowAndNothingBeyond)
-{
-    const RouteCase& c = GetParam();
-    std::string values;
-    for (int fid = 0; fid <= 10; ++fid)
-        values += value(c.code, 3, 100 + fid, fid);
-    Daemon daemon(line(2, values));
-    std::vector<unsigned char> record = c.record;
-    EXPECT_EQ(daemon.Publish(2, c.code, record.data()), c.texts);
-    EXPECT_EQ(daemon.DayRows(), c.day);
-    // a failed read of the same device: one "f" per configured value, in chain order
-    const unsigned int key = (300u << 16) | 2;
-    EXPECT_EQ(daemon.Publish(2, kesEnergyEventCommunicationError, &key),
-              "100:f 101:f 102:f 103:f 104:f 105:f 106:f 107:f 108:f 109:f 110:f");
-}
-
-INSTANTIATE_TEST_SUITE_P(DeviceTypes, Routing, ::testing::ValuesIn(route_cases()),
-                         [](const ::testing::TestParamInfo<RouteCase>& info) { return std::string(info.param.name); });
-
-// Two lines of one id, a third of another: a device is found by line id and
-// bus address, its values chained in file order; mid 656 is 65600 cut to 16 bits.
-TEST(RoutingKeys, EachEventReachesTheValuesOfItsLineAndAddress)
-{
-    Daemon daemon(line(2, value(2, 3, 1, 0) + value(2, 7, 1201, 0) + value(2, 7, 1202, 1) + value(2, 7, 1203, 2) +
-                              value(2, 656, 9, 0)) +
-                  line(2, value(2, 4, 2, 0)) + line(5, value(2, 3, 3, 0)));
-    const kesEnergyStringData at300 = {300, 1.0f, 2.0f}, at400 = {400, 4.0f, 2.0f}, at700 = {700, 230.5f, 1.5f},
-                              at64 = {64, 6.0f, 2.0f};
-    const unsigned int failed400 = (400u << 16) | 2, failed300onLine3 = (300u << 16) | 3;
-    const kesEnergyAlarmData alarm700 = {700, 0, 0, 3}, alarm500 = {500, 0, 0, 4};
     const struct {
         unsigned int source;
         int code;
         const void* data;
-        const char* texts;
+        const char* texts; // the datagrams, "iid:text"
     } rows[] = {
-        {2, 2, &at300, "1:1"},
-        {2, 2, &at400, "2:4"},
-        {5, 2, &at300, "3:1"},
-        {2, 2, &at700, "1201:230.5 1202:1.5 1203:345.8"},
-        {2, 2, &at64, "9:6"},
-        {3, 2, &at300, ""},  // a line without the device
-        {2, 4, &at300, ""},  // Ambient: never read
-        {2, 12, &at300, ""}, // no device type
+        {2, 1, &panel, "100:240 101:25"},
+        {2, 2, &string, "200:230.5 201:1.5 202:345.8"},
+        {2, 10, &one, "1000:230.5 1001:1.5 1002:345.8"},
+        {2, 6, &two, "600:200 601:1 602:200 603:2 604:400"},
+        {2, 11, &three, "1100:100 1101:1 1102:100 1103:2 1104:200 1105:3 1106:300"},
+        {2, 7, &four, "700:10 701:1 702:10 703:2 704:20 705:3 706:30 707:4.5 708:45"},
+        {2, 3, &alarm, "300:12 301:0.5 302:6 303:3"},
+        // a count goes out in thousands, a rate in pulses an hour
+        {2, 5, &pulse, "500:514.3 501:123.5"},
+        {2, 8, &pulse2, "800:0 801:1 802:2 803:2"},
+        {2, 9, &pulse5, "900:1 901:1.5 902:2 903:2.5 904:3 905:3.5 906:4 907:4.5 908:0 909:5.5"},
+        {2, 2, &at20, "1:1"},
+        {2, 2, &at21, "2:4"},
+        {5, 2, &at20, "3:1"},
+        {2, 2, &at22, "1201:230.5 1202:1.5 1203:345.8"},
+        {2, 2, &at656, "9:6"},
+        {3, 2, &at20, ""},   // a line without the device
+        {2, 4, &at20, ""},   // Ambient: never read
+        {2, 12, &at20, ""},  // no device type
         {2, 2, nullptr, ""}, // no reading
-        {2, kesEnergyEventCommunicationError, &failed400, "2:f"},
-        {2, kesEnergyEventCommunicationError, &failed300onLine3, ""},
-        {2, kesEnergyEventAlarmStatus, &alarm700, ""}, // to the file "a", as the first value of the device
-        {2, kesEnergyEventAlarmStatus, &alarm500, ""},
+        {2, kesEnergyEventCommunicationError, &failed200, "200:f 201:f 202:f 203:f 204:f 205:f 206:f 207:f 208:f 209:f 210:f"},
+        {2, kesEnergyEventCommunicationError, &failed21, "2:f"},
+        {2, kesEnergyEventCommunicationError, &failed20onLine3, ""},
+        {2, kesEnergyEventAlarmStatus, &status22, ""}, // to the file "a", as the first value of the device
+        {2, kesEnergyEventAlarmStatus, &status23, ""},
     };
-    for (const auto& row : rows)
-        EXPECT_EQ(daemon.Publish(row.source, row.code, row.data), row.texts) << row.source << "/" << row.code;
-    const std::string alarms = kes_test::ReadFile(daemon.dir.File("a"));
+    // clang-format on
+    for (const auto& row : rows) {
+        kesEnergy::on_event(kesEvent{row.source, row.code, const_cast<void*>(row.data)});
+        // the datagrams of the event as "iid:text", up to an empty one sent after them
+        kesEnergySendToMira(0, "", receiver.Port());
+        std::string texts, datagram;
+        for (unsigned int iid; receiver.Receive(&datagram) && datagram.size() > 5;) {
+            memcpy(&iid, datagram.data(), 4);
+            EXPECT_EQ(static_cast<unsigned char>(datagram[4]), datagram.size() - 5);
+            texts += (texts.empty() ? "" : " ") + std::to_string(iid) + ":" + datagram.substr(5);
+        }
+        EXPECT_EQ(texts, row.texts) << row.source << "/" << row.code;
+    }
+    kesEnergy::MiraPort = MIRA_PORT;
+    const std::string alarms = kes_test::ReadFile(dir.File("a"));
     EXPECT_TRUE(std::regex_match(alarms, std::regex("[0-9]{12}\\|1201\\|3\n"))) << alarms;
+    // Powers as energy rows, Panel values as value rows, counts, taken in pulses,
+    // as totals in thousands; the status goes as a whole number, which no file shows.
+    std::string day = "202|345.8|345.8|345.8|345.8\n302|6|6|6|6\n602|200|200|200|200\n604|400|400|400|400\n"
+                      "702|10|10|10|10\n704|20|20|20|20\n706|30|30|30|30\n708|45|45|45|45\n"
+                      "1002|345.8|345.8|345.8|345.8\n1102|100|100|100|100\n1104|200|200|200|200\n"
+                      "1106|300|300|300|300\n1203|345.8|345.8|345.8|345.8\n100|240|240|240\n101|25|25|25\n";
+    for (int iid = 102; iid <= 110; ++iid)
+        day += std::to_string(iid) + "|f|f|f\n";
+    // one tick over an interval of a millisecond: each average is then the middle of its range
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    kesEnegyHistoryItem::MS_TIME = 1;
+    energy.GetHistory().OnTimer();
+    const std::string file = kes_test::ReadFile(dir.File("d"));
+    EXPECT_EQ(file.substr(file.find('\n') + 1), // behind the header of the hour
+              day + "501|123.5\n801|1\n803|2\n901|1.5\n903|2.5\n905|3.5\n907|4.5\n909|5.5\n");
 }
 
-// A record: the item number in host byte order, the length byte, the text; a
+// A record (as on a little-endian host): the item number in host byte order, the length byte, the text; a
 // text the length byte can not count is refused whole, with a report.
 TEST(MiraDatagram, ReceiverGetsTheExactRecord)
 {
-    const unsigned int one = 1;
-    if (*reinterpret_cast<const unsigned char*>(&one) != 1)
-        GTEST_SKIP() << "expected bytes are written for a little-endian host";
     // clang-format off
     const struct {
         unsigned int iid;
         std::string text, bytes;
     } rows[] = {
         {1201, "230.5", std::string("\xB1\x04\x00\x00\x05" "230.5", 10)},
-        {1201, "f", std::string("\xB1\x04\x00\x00\x01" "f", 6)},
-        {7, "0", std::string("\x07\x00\x00\x00\x01" "0", 6)},
         {0x12345678u, "1", std::string("\x78\x56\x34\x12\x01" "1", 6)},
         {0xFFFFFFFFu, "", std::string("\xFF\xFF\xFF\xFF\x00", 5)},
         {3, std::string(255, 'a'), std::string("\x03\x00\x00\x00\xFF", 5) + std::string(255, 'a')},
