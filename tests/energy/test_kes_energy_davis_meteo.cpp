@@ -59,14 +59,11 @@ Texts Split(const std::string& text, char separator)
     return parts;
 }
 
-const std::string GOOD = "1,2,180,3.4,21.5,56,0.3,412,0.0,9,10,23.1,1013.2";
-const std::string GR = "1|2|180|3.4|21.5|56|0.3|412|0.0|9|10|23.1|1013.2";
-const std::string GV = "180|3.4|21.5|56|0.3|412|0.0|23.1|1013.2";
-const std::string OTHER = "7|8|270|1.1|-3.5|91|0|0|0.2|9|10|19.8|998.4";
-const std::string OV = "270|1.1|-3.5|91|0|0|0.2|19.8|998.4";
-const std::string ZERO("1\0"
-                       "80",
-                       4);
+// clang-format off
+const std::string GOOD = "1,2,180,3.4,21.5,56,0.3,412,0.0,9,10,23.1,1013.2", ZERO("1\0" "80", 4);
+const std::string GR = "1|2|180|3.4|21.5|56|0.3|412|0.0|9|10|23.1|1013.2", GV = "180|3.4|21.5|56|0.3|412|0.0|23.1|1013.2";
+const std::string OTHER = "7|8|270|1.1|-3.5|91|0|0|0.2|9|10|19.8|998.4", OV = "270|1.1|-3.5|91|0|0|0.2|19.8|998.4";
+// clang-format on
 
 // Records and values as "\n"-separated lists; values are the nine a record
 // put in the files, "" for a record dropped.
@@ -75,11 +72,6 @@ struct StreamCase {
     std::string stream, records, values;
     unsigned int pause; // between two bytes, in milliseconds
 };
-
-std::ostream& operator<<(std::ostream& out, const StreamCase& c)
-{
-    return out << c.name;
-}
 
 // clang-format off
 const StreamCase STREAM_CASES[] = {
@@ -162,7 +154,6 @@ TEST(DavisMeteoConnection, AddressIsKeptWhileRunningAndStopIsPrompt)
     kesEnergyDavisMeteo idle;
     EXPECT_EQ(idle.Stop(), kes::kesErrorOk);
     kes_test::LoopbackServer gone;
-    std::string goneAddress = gone.Address();
     gone.StopListening();
 
     kes_test::LoopbackServer station;
@@ -170,14 +161,14 @@ TEST(DavisMeteoConnection, AddressIsKeptWhileRunningAndStopIsPrompt)
     kesEnergyDavisMeteo meteo(1);
     meteo.SetAddress(station.Address(), 0);
     ASSERT_EQ(meteo.Start(), kes::kesErrorOk);
-    meteo.SetAddress(goneAddress, 0);
+    meteo.SetAddress(gone.Address(), 0);
     EXPECT_EQ(captured.CountContaining("You must stop the line before to reset the address"), 1u);
     EXPECT_EQ(meteo.Stop(), kes::kesErrorOk);
     EXPECT_EQ(meteo.Start(), kes::kesErrorOk); // the old address held
     EXPECT_EQ(meteo.Stop(), kes::kesErrorOk);
     station.Join();
     EXPECT_EQ(station.Accepted(), 2);
-    meteo.SetAddress(goneAddress, 0);
+    meteo.SetAddress(gone.Address(), 0);
     EXPECT_EQ(meteo.Start(), kes::kesErrorFailed);
     EXPECT_EQ(captured.CountContaining("Can not open socket for davis meteo"), 1u);
 

@@ -83,40 +83,6 @@ protected:
     kesEnergyLine m_line{7};
 };
 
-TEST_F(EnergyLineTest, DeviceListsAndTheRunningState)
-{
-    for (int type : {1, 1, 2, 6})
-        EXPECT_EQ(kesErrorOk, m_line.AddDevice(type, 300));
-    EXPECT_EQ(4u, m_line.GetDeviceCount());
-    ASSERT_EQ(kesErrorOk, m_line.Start(50, 5, 30));
-    // one entry per device; one address in two lists stays in both
-    EXPECT_EQ(3u, m_line.GetDeviceCount());
-    EXPECT_EQ(kesErrorFailed, m_line.AddDevice(kesEnergyDevicePanel, 100));
-    EXPECT_TRUE(m_log.Contains("You must stop the line before to add others devices"));
-    m_line.SetAddress("127.0.0.1:1", 0);
-    EXPECT_TRUE(m_log.Contains("You must stop the line before to reset the address"));
-    // connected: nothing to do, and no second of sleep
-    auto start = Clock::now();
-    EXPECT_EQ(kesErrorOk, m_line.Reset());
-    EXPECT_LT(ms_since(start), 500);
-    EXPECT_EQ(kesErrorOk, m_line.Stop());
-    EXPECT_EQ(3u, m_line.GetDeviceCount());
-    EXPECT_EQ(kesErrorOk, m_line.AddDevice(kesEnergyDevicePanel, 100));
-    m_line.clear_all_devices();
-    EXPECT_EQ(0u, m_line.GetDeviceCount());
-
-    // without a gateway the start fails and the repeats stay
-    kesEnergyLine line(9);
-    EXPECT_EQ(kesErrorOk, line.Stop()); // never started
-    line.SetAddress(m_gateway.GetAddress(), 0);
-    m_gateway.Stop();
-    line.AddDevice(kesEnergyDevicePanel, 300);
-    line.AddDevice(kesEnergyDevicePanel, 300);
-    EXPECT_EQ(kesErrorFailed, line.Start(50, 5, 30));
-    EXPECT_TRUE(m_log.Contains("Can not start line 9 communication ip " + m_gateway.GetAddress())) << m_log.Dump();
-    EXPECT_EQ(2u, line.GetDeviceCount());
-}
-
 TEST_F(EnergyLineTest, CycleReadsEveryListInItsOrderAndASilentDeviceGetsOneErrorEach)
 {
     // every type with a read, as type * 1000 + address; Panel 200 is silent
@@ -138,10 +104,21 @@ TEST_F(EnergyLineTest, CycleReadsEveryListInItsOrderAndASilentDeviceGetsOneError
          {5100, 4700, 1300, 3500, 1300, 6300, 1100, 2300, 1200, 1300, 4700, 9100, 7300, 11300, 8100, 10300})
         ASSERT_EQ(kesErrorOk, m_line.AddDevice(device / 1000, static_cast<unsigned short>(device % 1000)));
 
+    EXPECT_EQ(16u, m_line.GetDeviceCount());
+
     testing::internal::CaptureStdout();
     ASSERT_EQ(kesErrorOk, m_line.Start(50, 5, 30));
+    // one entry per device; one address in several lists stays in each
+    EXPECT_EQ(13u, m_line.GetDeviceCount());
+    EXPECT_EQ(kesErrorFailed, m_line.AddDevice(kesEnergyDevicePanel, 400));
+    EXPECT_TRUE(m_log.Contains("You must stop the line before to add others devices"));
+    m_line.SetAddress("127.0.0.1:1", 0);
+    EXPECT_TRUE(m_log.Contains("You must stop the line before to reset the address"));
+    auto reset = Clock::now();
+    EXPECT_EQ(kesErrorOk, m_line.Reset()); // connected: nothing to do, and no second of sleep
+    EXPECT_LT(ms_since(reset), 500);
     const bool arrived = wait_events(2 * cycle.size());
-    m_line.Stop();
+    EXPECT_EQ(kesErrorOk, m_line.Stop());
     const std::string out = testing::internal::GetCapturedStdout();
     ASSERT_TRUE(arrived) << m_log.Dump();
     const Texts events = seen();
@@ -156,6 +133,11 @@ TEST_F(EnergyLineTest, CycleReadsEveryListInItsOrderAndASilentDeviceGetsOneError
     EXPECT_FALSE(m_log.Contains("[Communication Error]"));
     // Ambient has no read: one record per address and cycle, no event
     EXPECT_NEAR(m_log.CountContaining("Device Ambient still not supported"), errors, 1);
+    // the lists outlive the stop
+    EXPECT_EQ(13u, m_line.GetDeviceCount());
+    EXPECT_EQ(kesErrorOk, m_line.AddDevice(kesEnergyDevicePanel, 400));
+    m_line.clear_all_devices();
+    EXPECT_EQ(0u, m_line.GetDeviceCount());
 }
 
 TEST_F(EnergyLineTest, ClosedChannelEndsTheCycleAndTheLineReconnectsAfterItsPauseOrStops)
@@ -191,6 +173,16 @@ TEST_F(EnergyLineTest, ClosedChannelEndsTheCycleAndTheLineReconnectsAfterItsPaus
     EXPECT_EQ(kesErrorOk, m_line.Stop());
     EXPECT_LT(ms_since(stop), 300);
     EXPECT_EQ(1u, m_log.CountContaining("Can not start line 7")) << m_log.Dump();
+
+    // without a gateway a start fails, and the repeats stay
+    kesEnergyLine line(9);
+    EXPECT_EQ(kesErrorOk, line.Stop()); // never started
+    line.SetAddress(m_gateway.GetAddress(), 0);
+    line.AddDevice(kesEnergyDevicePanel, 300);
+    line.AddDevice(kesEnergyDevicePanel, 300);
+    EXPECT_EQ(kesErrorFailed, line.Start(50, 5, 30));
+    EXPECT_TRUE(m_log.Contains("Can not start line 9 communication ip " + m_gateway.GetAddress())) << m_log.Dump();
+    EXPECT_EQ(2u, line.GetDeviceCount());
 }
 
 } // namespace
