@@ -76,11 +76,7 @@ protected:
         for (int code : {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, int(kesEnergyEventCommunicationError)})
             m_line.AddListener(code, &on_event);
     }
-    void TearDown() override
-    {
-        m_line.Stop();
-        kesEnergySystem::EXECUTION_COUNT = m_savedCount;
-    }
+    void TearDown() override { kesEnergySystem::EXECUTION_COUNT = m_savedCount; }
     bool wait_events(size_t count)
     {
         return wait_for([count] { return seen().size() >= count; });
@@ -105,14 +101,13 @@ TEST_F(EnergyLineTest, CycleReadsEveryListInItsOrderAndASilentDeviceGetsOneError
                          "7/6/300/240|1|240|2|480", "7/11/300/100|1|100|2|200|3|300", "7/7/300/100|1|100|2|200|3|300|4.5|450",
                          "7/3/500/230|1.5|345|0", "7/5/100/360|65538", "7/8/100/0|1000|2|2000",
                          "7/9/100/1|1500|2|2500|3|3500|4|4500|0|5500"};
+    // Lists filled out of order and with repeats, the way the configuration file fills them.
+    const int devices[] = {5100, 4700, 1300, 3500, 1300, 6300, 1100, 2300, 1200, 1300, 4700, 9100, 7300, 11300, 8100, 10300};
     // clang-format on
     for (const auto& r : registers)
         m_gateway.SetRegisters(r.first / 1000, r.first % 1000, r.second);
-    // Lists filled out of order and with repeats, the way the configuration file fills them.
-    for (int device :
-         {5100, 4700, 1300, 3500, 1300, 6300, 1100, 2300, 1200, 1300, 4700, 9100, 7300, 11300, 8100, 10300})
+    for (int device : devices)
         ASSERT_EQ(kesErrorOk, m_line.AddDevice(device / 1000, static_cast<unsigned short>(device % 1000)));
-
     EXPECT_EQ(16u, m_line.GetDeviceCount());
 
     testing::internal::CaptureStdout();
@@ -350,26 +345,22 @@ TEST(DavisMeteoConnection, AddressIsKeptWhileRunningAndStopIsPrompt)
     hangUp.Open();
 }
 
-// A folder that is missing, shown as stored (one separator, always), or a
-// "meteo" that is no file: the record is lost with a report, "meteo_c" left empty.
+// A missing folder, shown as stored (one separator, always), or a "meteo"
+// that is no file: the record is lost with a report, "meteo_c" left empty.
 TEST(DavisMeteoFiles, AFileThatCanNotBeOpenedLosesTheRecordWithAReport)
 {
-    // clang-format off
-    const char* rows[][2] = {{"missing", "missing/meteo_c"}, {"missing/", "missing/meteo_c"},
-                             {"missing///", "missing/meteo_c"}, {"", "meteo"}};
-    // clang-format on
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row[0]);
-        kes_test::ErrorCapture captured;
-        TempDir folder;
-        std::filesystem::create_directory(folder.File("meteo"));
-        kesEnergyDavisMeteo meteo;
-        meteo.SetHistoryFolder(folder.File(row[0]));
+    kes_test::ErrorCapture captured;
+    TempDir folder;
+    std::filesystem::create_directory(folder.File("meteo"));
+    kesEnergyDavisMeteo meteo;
+    for (const char* at : {"missing///", ""}) {
+        meteo.SetHistoryFolder(folder.File(at));
         meteo.OnData(GR);
-        EXPECT_EQ(captured.CountContaining("Can not open file " + folder.File(row[1]) + "\n"), 1u) << captured.Dump();
-        EXPECT_EQ(captured.CountContaining("kesError Number : 3"), 1u);
-        EXPECT_EQ(ReadFile(folder.File("meteo_c")), "");
     }
+    EXPECT_EQ(captured.CountContaining("Can not open file " + folder.File("missing/meteo_c\n")), 1u) << captured.Dump();
+    EXPECT_EQ(captured.CountContaining("Can not open file " + folder.File("meteo\n")), 1u);
+    EXPECT_EQ(captured.CountContaining("kesError Number : 3"), 2u);
+    EXPECT_EQ(ReadFile(folder.File("meteo_c")), "");
 }
 
 } // namespace
