@@ -29,16 +29,9 @@ std::string line(int id, const std::string& values)
     return "<line id=\"" + std::to_string(id) + "\" adr=\"a:1\">" + values + "</line>";
 }
 
-struct ConfigCase {
-    const char* name;
-    std::string xml; // "" leaves the file missing
-    bool ok;
-    const char* record; // a text the log must hold, or ""
-    size_t lines;
-    bool davis;
-};
-
+// xml "" leaves the file missing; record is a text the log must hold, or "".
 // clang-format off
+struct ConfigCase { const char* name; std::string xml; bool ok; const char* record; size_t lines; bool davis; };
 const ConfigCase CONFIG_CASES[] = {
     {"missing_file", "", false, "Can not read configuration file: ", 0, false},
     {"malformed", "<energy><line id=\"1\"></energy>", false, "Error", 0, false},
@@ -133,12 +126,8 @@ TEST(Routing, EachEventReachesTheValuesOfItsLineAndAddressOnly)
     const kesEnergyPulseCounterTwoData pulse2 = {800, 1000, 0, 2000, 1800};
     const kesEnergyPulseCounterFiveData pulse5 = {900, 1500, 3600, 2500, 1800, 3500, 1200, 4500, 900, 5500, 0};
     const unsigned int failed200 = (200u << 16) | 2, failed21 = (2100u << 16) | 2, failed20onLine3 = (2000u << 16) | 3;
-    const struct {
-        unsigned int source;
-        int code;
-        const void* data;
-        const char* texts; // the datagrams, "iid:text"
-    } rows[] = {
+    // the datagrams of each event as "iid:text"
+    const struct { unsigned int source; int code; const void* data; const char* texts; } rows[] = {
         {2, 1, &panel, "100:240 101:25"},
         {2, 2, &string, "200:230.5 201:1.5 202:345.8"},
         {2, 10, &one, "1000:230.5 1001:1.5 1002:345.8"},
@@ -182,10 +171,7 @@ TEST(Routing, EachEventReachesTheValuesOfItsLineAndAddressOnly)
     // A record (as on a little-endian host): the item number in host byte order, the
     // length byte, the text; a text the length byte can not count is refused whole, with a report.
     // clang-format off
-    const struct {
-        unsigned int iid;
-        std::string text, bytes;
-    } records[] = {
+    const struct { unsigned int iid; std::string text, bytes; } records[] = {
         {1201, "230.5", std::string("\xB1\x04\x00\x00\x05" "230.5", 10)},
         {0x12345678u, "1", std::string("\x78\x56\x34\x12\x01" "1", 6)},
         {0xFFFFFFFFu, "", std::string("\xFF\xFF\xFF\xFF\x00", 5)},
@@ -210,8 +196,7 @@ TEST(Routing, EachEventReachesTheValuesOfItsLineAndAddressOnly)
                       "702|10|10|10|10\n704|20|20|20|20\n706|30|30|30|30\n708|45|45|45|45\n"
                       "1002|345.8|345.8|345.8|345.8\n1102|100|100|100|100\n1104|200|200|200|200\n"
                       "1106|300|300|300|300\n1203|345.8|345.8|345.8|345.8\n100|240|240|240\n101|25|25|25\n";
-    for (int iid = 102; iid <= 110; ++iid)
-        day += std::to_string(iid) + "|f|f|f\n";
+    day += "102|f|f|f\n103|f|f|f\n104|f|f|f\n105|f|f|f\n106|f|f|f\n107|f|f|f\n108|f|f|f\n109|f|f|f\n110|f|f|f\n";
     // one tick over an interval of a millisecond: each average is then the middle of its range
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
     kesEnegyHistoryItem::MS_TIME = 1;
@@ -230,14 +215,13 @@ const char* const HELP = "\nKes. Energy Command Help\n"
                          "-fversion fremwork version ---- [e.g - 1.0.0]\n"
                          "-log log file name ------------ [file application log]\n\n";
 
-// CONF, DIR and LOG stand for a file, a folder and a log file of the test.
-struct RunCase {
-    std::vector<std::string> args;
-    int status;
-    std::vector<std::string> texts; // in this order in the output, or in the log file if one is asked for
-    bool whole = false;             // the only text is the whole output
-    bool sigterm = false;           // sent once the daemon waits; it must end within a second
-};
+// CONF, DIR and LOG stand for a file, a folder and a log file of the test. The
+// texts come in this order in the output, or in the log file if one is asked
+// for; whole: the only text is the whole output; sigterm: sent once the daemon
+// waits, which must then end within a second.
+// clang-format off
+struct RunCase { std::vector<std::string> args; int status; std::vector<std::string> texts; bool whole = false, sigterm = false; };
+// clang-format on
 
 class DaemonCommandLine : public ::testing::TestWithParam<RunCase> {};
 

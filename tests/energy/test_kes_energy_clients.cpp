@@ -229,14 +229,9 @@ const std::string OTHER = "7|8|270|1.1|-3.5|91|0|0|0.2|9|10|19.8|998.4", OV = "2
 // clang-format on
 
 // Records and values as "\n"-separated lists; values are the nine a record
-// put in the files, "" for a record dropped.
-struct StreamCase {
-    const char* name;
-    std::string stream, records, values;
-    unsigned int pause; // between two bytes, in milliseconds
-};
-
+// put in the files, "" for a record dropped; pause is between two bytes, in ms.
 // clang-format off
+struct StreamCase { const char* name; std::string stream, records, values; unsigned int pause; };
 const StreamCase STREAM_CASES[] = {
     {"commas", "<" + GOOD + ">", GR, GV, 1},
     {"mixed_separators", "<1|2,180|3.4,21.5|56,0.3|412,0.0|9,10|23.1,1013.2>", GR, GV, 0},
