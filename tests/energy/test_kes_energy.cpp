@@ -32,6 +32,7 @@ std::string line(int id, const std::string& values)
 // xml "" leaves the file missing; record is a text the log must hold, or "".
 // clang-format off
 struct ConfigCase { const char* name; std::string xml; bool ok; const char* record; size_t lines; bool davis; };
+std::ostream& operator<<(std::ostream& out, const ConfigCase& c) { return out << c.name; }
 const ConfigCase CONFIG_CASES[] = {
     {"missing_file", "", false, "Can not read configuration file: ", 0, false},
     {"malformed", "<energy><line id=\"1\"></energy>", false, "Error", 0, false},
@@ -221,6 +222,7 @@ const char* const HELP = "\nKes. Energy Command Help\n"
 // waits, which must then end within a second.
 // clang-format off
 struct RunCase { std::vector<std::string> args; int status; std::vector<std::string> texts; bool whole = false, sigterm = false; };
+std::ostream& operator<<(std::ostream& out, const RunCase& c) { return out << ::testing::PrintToString(c.args); }
 // clang-format on
 
 class DaemonCommandLine : public ::testing::TestWithParam<RunCase> {};

@@ -19,8 +19,6 @@
 
 using namespace kes;
 using namespace kes::Energy;
-using kes_test::ReadFile;
-using kes_test::TempDir;
 using kes_test::TestGateway;
 using Clock = std::chrono::steady_clock;
 typedef std::vector<std::string> Texts;
@@ -232,6 +230,7 @@ const std::string OTHER = "7|8|270|1.1|-3.5|91|0|0|0.2|9|10|19.8|998.4", OV = "2
 // put in the files, "" for a record dropped; pause is between two bytes, in ms.
 // clang-format off
 struct StreamCase { const char* name; std::string stream, records, values; unsigned int pause; };
+std::ostream& operator<<(std::ostream& out, const StreamCase& c) { return out << c.name; }
 const StreamCase STREAM_CASES[] = {
     {"commas", "<" + GOOD + ">", GR, GV, 1},
     {"mixed_separators", "<1|2,180|3.4,21.5|56,0.3|412,0.0|9,10|23.1,1013.2>", GR, GV, 0},
@@ -265,7 +264,7 @@ TEST_P(DavisMeteoStream, CutsRecordsAndWritesFiles)
 {
     const StreamCase& c = GetParam();
     kes_test::ErrorCapture captured;
-    TempDir folder;
+    kes_test::TempDir folder;
     std::string before = LocalStamp();
     kes_test::LoopbackServer station; // plays the stream, then hangs up
     station.Serve([&c](int fd, int) { kes_test::WriteAll(fd, c.stream.data(), c.stream.size()); });
@@ -295,8 +294,8 @@ TEST_P(DavisMeteoStream, CutsRecordsAndWritesFiles)
     }
     // the stamp is the local time of the record, the same in both files
     Texts stamps;
-    EXPECT_EQ(Unstamped(ReadFile(folder.File("meteo")), &stamps), log);
-    EXPECT_EQ(Unstamped(ReadFile(folder.File("meteo_c")), &stamps), current);
+    EXPECT_EQ(Unstamped(kes_test::ReadFile(folder.File("meteo")), &stamps), log);
+    EXPECT_EQ(Unstamped(kes_test::ReadFile(folder.File("meteo_c")), &stamps), current);
     for (const std::string& stamp : stamps)
         EXPECT_TRUE(before <= stamp && stamp <= after) << stamp;
     EXPECT_TRUE(current.empty() || stamps.back() == stamps[stamps.size() - 2]);
@@ -345,7 +344,7 @@ TEST(DavisMeteoConnection, AddressIsKeptWhileRunningAndStopIsPrompt)
 TEST(DavisMeteoFiles, AFileThatCanNotBeOpenedLosesTheRecordWithAReport)
 {
     kes_test::ErrorCapture captured;
-    TempDir folder;
+    kes_test::TempDir folder;
     std::filesystem::create_directory(folder.File("meteo"));
     kesEnergyDavisMeteo meteo;
     for (const char* at : {"missing///", ""}) {
@@ -355,7 +354,7 @@ TEST(DavisMeteoFiles, AFileThatCanNotBeOpenedLosesTheRecordWithAReport)
     EXPECT_EQ(captured.CountContaining("Can not open file " + folder.File("missing/meteo_c\n")), 1u) << captured.Dump();
     EXPECT_EQ(captured.CountContaining("Can not open file " + folder.File("meteo\n")), 1u);
     EXPECT_EQ(captured.CountContaining("kesError Number : 3"), 2u);
-    EXPECT_EQ(ReadFile(folder.File("meteo_c")), "");
+    EXPECT_EQ(kes_test::ReadFile(folder.File("meteo_c")), "");
 }
 
 } // namespace
