@@ -666,7 +666,7 @@ TEST_P(LateReplies, NeverLendAValueToAnotherDevice)
     {
         FaultyBus bus(peerFd, row.serial, row.share, registers);
         auto start = std::chrono::steady_clock::now();
-        for (unsigned short mid = 1; elapsed_ms(start) < 4000 && system.IsConnected(); mid = mid % 4 + 1) {
+        for (unsigned short mid = 1; elapsed_ms(start) < 1500 && system.IsConnected(); mid = mid % 4 + 1) {
             float voltage = -1;
             kesEError r = system.ReadStringVoltAmpere(static_cast<unsigned short>(100 * mid), &voltage, nullptr);
             if (r != kesErrorOk)
