@@ -213,11 +213,11 @@ std::string Unstamped(const std::string& text, Texts* stamps)
 
 Texts Split(const std::string& text, char separator)
 {
-    Texts parts;
+    Texts pieces;
     std::istringstream in(text + separator);
-    for (std::string part; std::getline(in, part, separator);)
-        parts.push_back(part);
-    return parts;
+    for (std::string piece; std::getline(in, piece, separator);)
+        pieces.push_back(piece);
+    return pieces;
 }
 
 // clang-format off
