@@ -1,15 +1,25 @@
-// The daemon process end to end: a gateway on loopback, the datagram port of
-// the local receiver, and SIGTERM.
+// The daemon process end to end: its configuration in, datagrams and history
+// files out; lines that misbehave, and SIGTERM in every phase of its life.
+// The daemon's clock is faked (faketime) so that a minute tick comes seconds
+// after the start.
 #include <gtest/gtest.h>
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
-#include <cstring>
+#include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kes_net_test_support.h"
@@ -18,175 +28,248 @@
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
 using Datagram = kes_test::PublishedDatagram;
 
-std::vector<Datagram> receive_for(kes_test::DatagramReceiver& receiver, unsigned int milliseconds)
+double since(Clock::time_point i_start)
 {
-    std::vector<Datagram> got;
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-    std::string datagram;
-    while (std::chrono::steady_clock::now() < end) {
-        if (!receiver.Receive(&datagram, 50))
-            continue;
-        Datagram d;
-        EXPECT_TRUE(kes_test::ParseDatagram(datagram, &d)) << datagram.size() << " bytes";
-        EXPECT_EQ(d.length, d.text.size());
-        got.push_back(d);
+    return std::chrono::duration<double>(Clock::now() - i_start).count();
+}
+
+std::string value(unsigned int i_type, unsigned int i_mid, unsigned int i_iid, unsigned int i_fid)
+{
+    return "<v type=\"" + std::to_string(i_type) + "\" mid=\"" + std::to_string(i_mid) + "\" iid=\"" +
+           std::to_string(i_iid) + "\" fid=\"" + std::to_string(i_fid) + "\"/>";
+}
+
+std::string line(unsigned int i_id, const std::string& i_address, const std::string& i_values)
+{
+    return "<line id=\"" + std::to_string(i_id) + "\" adr=\"" + i_address + "\">" + i_values + "</line>";
+}
+
+std::string local(uint16_t i_port)
+{
+    return "127.0.0.1:" + std::to_string(i_port);
+}
+
+// The peers of a test live in the test process; a child that inherited a
+// listener would keep a "stopped" gateway accepting connections.
+void keep_descriptors_from_children()
+{
+    DIR* dir = opendir("/proc/self/fd");
+    while (dirent* entry = dir ? readdir(dir) : nullptr) {
+        int fd = atoi(entry->d_name);
+        if (fd > 2 && fd != dirfd(dir))
+            fcntl(fd, F_SETFD, fcntl(fd, F_GETFD) | FD_CLOEXEC);
     }
-    return got;
+    if (dir)
+        closedir(dir);
 }
 
-TEST(DaemonEndToEnd, PublishesReadingsAndFailuresOnTheDatagramPort)
+int open_descriptors(pid_t i_pid)
+{
+    DIR* dir = opendir(("/proc/" + std::to_string(i_pid) + "/fd").c_str());
+    int count = 0;
+    while (dirent* entry = dir ? readdir(dir) : nullptr)
+        count += entry->d_name[0] != '.';
+    if (dir)
+        closedir(dir);
+    return dir ? count : -1;
+}
+
+// A folder with dev/ and data/, the datagram port, and the daemon on
+// conf.xml; stopped with SIGTERM it must end in order.
+class Daemon : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(m_receiver.Port(), 16549) << "the datagram port is taken";
+        ASSERT_EQ(mkdir(m_dir.File("dev").c_str(), 0755), 0);
+        ASSERT_EQ(mkdir(m_dir.File("data").c_str(), 0755), 0);
+        keep_descriptors_from_children();
+    }
+
+    // On the fake clock given ("@2026-06-15 10:00:50 x20"), or "" for the real one.
+    void Start(const std::string& i_conf, const std::string& i_fake = "")
+    {
+        kes_test::WriteFile(m_dir.File("conf.xml"), "<energy>" + i_conf + "</energy>");
+        std::vector<std::string> argv = {"/usr/bin/env"};
+        if (!i_fake.empty())
+            argv.insert(argv.end(), {"LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1",
+                                     "FAKETIME=" + i_fake, "ASAN_OPTIONS=verify_asan_link_order=0"});
+        argv.insert(argv.end(), {kes_test::BinPath("kes_energy"), "-conf", m_dir.File("conf.xml"), "-dir",
+                                 m_dir.File("data/"), "-history", "1"});
+        ASSERT_TRUE(m_daemon.Start(argv));
+    }
+
+    // Takes datagrams until the condition holds of them or the time is up.
+    void Receive(double i_seconds, const std::function<bool()>& i_done)
+    {
+        const Clock::time_point start = Clock::now();
+        std::string raw;
+        while (!i_done() && since(start) < i_seconds) {
+            m_daemon.Output(); // keeps its pipe from filling up
+            if (!m_receiver.Receive(&raw, 10))
+                continue;
+            Datagram d;
+            ASSERT_TRUE(kes_test::ParseDatagram(raw, &d));
+            EXPECT_EQ(d.length, d.text.size());
+            d.at = since(m_start);
+            m_got.push_back(d);
+            m_raw.push_back(raw);
+        }
+    }
+
+    void Stop(int i_status = 0, double i_within = 3)
+    {
+        const Clock::time_point signalled = Clock::now();
+        m_daemon.Signal(SIGTERM);
+        EXPECT_EQ(m_daemon.Wait(5000), i_status) << m_daemon.Output();
+        EXPECT_LT(since(signalled), i_within) << m_daemon.Output();
+    }
+
+    std::string Sim(const std::string& i_lines, std::vector<std::string> i_options = {})
+    {
+        kes_test::WriteFile(m_dir.File("sim.xml"), "<energy>" + i_lines + "</energy>");
+        i_options.insert(i_options.begin(), {kes_test::BinPath("kes_bus_sim"), "-conf", m_dir.File("sim.xml")});
+        EXPECT_TRUE(m_sim.Start(i_options) && m_sim.WaitForOutput("ready", 5000)) << m_sim.Output();
+        return i_lines;
+    }
+
+    kes_test::DatagramReceiver m_receiver{16549};
+    kes_test::TempDir m_dir;
+    kes_test::ChildProcess m_sim, m_daemon;
+    Clock::time_point m_start = Clock::now();
+    std::vector<Datagram> m_got;
+    std::vector<std::string> m_raw;
+};
+
+// Line 2: a gateway of known registers, one device silent. Line 3: the
+// simulator with every value of every type.
+TEST_F(Daemon, ConfigurationInDatagramsAndFilesOut)
 {
     kes_test::TestGateway gateway;
     ASSERT_TRUE(gateway.Start());
-    // String mid 3: 230.5 V, 1.5 A. String mid 4 is silent. Pulse counters mid 5
-    // (count 123456, period 7) and mid 6 (period 0).
-    gateway.SetRegisters(2, 300, {2305, 150});
-    gateway.SetRegisters(5, 500, {0x0001, 0xE240, 7});
-    gateway.SetRegisters(5, 600, {0x0000, 0x0010, 0});
-
-    kes_test::DatagramReceiver receiver(16549);
-    ASSERT_EQ(receiver.Port(), 16549) << "the datagram port is taken";
-    kes_test::TempDir dir;
-    kes_test::WriteFile(
-        dir.File("conf.xml"),
-        "<energy><line id=\"2\" adr=\"" + gateway.GetAddress() +
-            "\">"
-            "<v type=\"2\" mid=\"3\" iid=\"1201\" fid=\"0\"/><v type=\"2\" mid=\"3\" iid=\"1202\" fid=\"1\"/>"
-            "<v type=\"2\" mid=\"3\" iid=\"1203\" fid=\"2\"/>"
-            "<v type=\"2\" mid=\"4\" iid=\"1301\" fid=\"0\"/><v type=\"2\" mid=\"4\" iid=\"1302\" fid=\"1\"/>"
-            "<v type=\"5\" mid=\"5\" iid=\"1401\" fid=\"0\"/><v type=\"5\" mid=\"5\" iid=\"1402\" fid=\"1\"/>"
-            "<v type=\"5\" mid=\"6\" iid=\"1501\" fid=\"0\"/>"
-            "</line></energy>");
-    kes_test::ChildProcess daemon;
-    ASSERT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir", dir.Path()}));
-
-    // One cycle costs the silent device two attempts of 600 ms: 4 s holds two cycles.
-    std::vector<Datagram> got = receive_for(receiver, 4000);
-    daemon.Signal(SIGTERM);
-    EXPECT_EQ(daemon.Wait(3000), 0) << daemon.Output();
-
-    std::map<unsigned int, std::vector<std::string>> texts;
-    for (const Datagram& d : got)
-        texts[d.iid].push_back(d.text);
-    ASSERT_FALSE(texts[1201].empty()) << daemon.Output();
-    EXPECT_EQ(texts[1201][0], "230.5");
-    EXPECT_EQ(texts[1202][0], "1.5");
-    EXPECT_EQ(texts[1203][0], "345.8");
-    ASSERT_FALSE(texts[1301].empty());
-    EXPECT_EQ(texts[1301][0], "f");
-    EXPECT_EQ(texts[1302][0], "f");
-    ASSERT_FALSE(texts[1401].empty());
-    EXPECT_EQ(texts[1401][0], "514.3");
-    EXPECT_EQ(texts[1402][0], "123.5");
-    EXPECT_EQ(texts[1501][0], "0");
-    // The order of the file within a device, and of the lists within a cycle.
-    ASSERT_GE(got.size(), 8u);
-    std::vector<unsigned int> first;
-    for (size_t i = 0; i < 8; ++i)
-        first.push_back(got[i].iid);
-    EXPECT_EQ(first, (std::vector<unsigned int>{1201, 1202, 1203, 1301, 1302, 1401, 1402, 1501}));
-    EXPECT_NE(daemon.Output().find("[Communication Error]"), std::string::npos);
-}
-
-TEST(DaemonEndToEnd, ExactBytesOfOneDatagram)
-{
-    kes_test::TestGateway gateway;
-    ASSERT_TRUE(gateway.Start());
-    gateway.SetRegisters(2, 300, {2305, 150});
-    kes_test::DatagramReceiver receiver(16549);
-    ASSERT_EQ(receiver.Port(), 16549);
-    kes_test::TempDir dir;
-    kes_test::WriteFile(dir.File("conf.xml"),
-                        "<energy><line id=\"2\" adr=\"" + gateway.GetAddress() +
-                            "\"><v type=\"2\" mid=\"3\" iid=\"1201\" fid=\"0\"/></line></energy>");
-    kes_test::ChildProcess daemon;
-    ASSERT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir", dir.Path()}));
-    std::string datagram;
-    bool got = receiver.Receive(&datagram, 3000);
-    daemon.Signal(SIGTERM);
-    EXPECT_EQ(daemon.Wait(3000), 0);
-    ASSERT_TRUE(got);
-    EXPECT_EQ(datagram, std::string("\xB1\x04\x00\x00\x05"
-                                    "230.5",
-                                    10));
-}
-
-TEST(DaemonEndToEnd, LineThatCanNotConnectIsReportedAndTheDaemonRunsOn)
-{
-    kes_test::TempDir dir;
-    kes_test::WriteFile(dir.File("conf.xml"), "<energy><line id=\"7\" adr=\"127.0.0.1\">"
-                                              "<v type=\"2\" mid=\"3\" iid=\"1\" fid=\"0\"/></line></energy>");
-    kes_test::ChildProcess daemon;
-    ASSERT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir", dir.Path()}));
-    EXPECT_TRUE(daemon.WaitForOutput("Can not start line 7", 3000)) << daemon.Output();
-    daemon.Signal(SIGTERM);
-    EXPECT_EQ(daemon.Wait(3000), 0) << daemon.Output();
-}
-
-TEST(DaemonEndToEnd, BadConfigurationEndsWithStatusTwo)
-{
-    kes_test::TempDir dir;
-    kes_test::WriteFile(dir.File("conf.xml"), "<ENERGY/>");
-    kes_test::ChildProcess daemon;
-    ASSERT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", dir.File("conf.xml"), "-dir", dir.Path()}));
-    EXPECT_EQ(daemon.Wait(3000), 2);
-    const std::string& out = daemon.Output();
-    size_t a = out.find("Main energy node not found in file:");
-    size_t b = out.find("Configuration failed");
-    size_t c = out.find("Energy Execute");
-    EXPECT_TRUE(a != std::string::npos && b != std::string::npos && c != std::string::npos && a < b && b < c) << out;
-}
-
-// Items of the file that got no value from the daemon in 4 s.
-std::set<unsigned int> items_without_value(const std::string& i_conf, const std::string& i_dir)
-{
-    std::set<unsigned int> items;
-    const std::string text = kes_test::ReadFile(i_conf);
-    for (size_t at = text.find("iid=\""); at != std::string::npos; at = text.find("iid=\"", at + 1))
-        items.insert(static_cast<unsigned int>(strtoul(text.c_str() + at + 5, nullptr, 10)));
-    EXPECT_EQ(items.size(), 49u); // 2 + 3 + 4 + 0 + 2 + 5 + 9 + 4 + 10 + 3 + 7 values
-    kes_test::DatagramReceiver receiver(16549);
-    EXPECT_EQ(receiver.Port(), 16549) << "the datagram port is taken";
-    kes_test::ChildProcess daemon;
-    EXPECT_TRUE(daemon.Start({kes_test::BinPath("kes_energy"), "-conf", i_conf, "-dir", i_dir}));
-    for (const Datagram& d : receive_for(receiver, 4000))
-        if (d.text != "f")
-            items.erase(d.iid);
-    daemon.Signal(SIGTERM);
-    EXPECT_EQ(daemon.Wait(3000), 0) << daemon.Output();
-    return items;
-}
-
-// A plant of every type, three devices on the factory number 9, behind a
-// serial adapter with a stable name: kes_bus numbers it and writes the file,
-// on which the daemon reads every value, from that plant and from the
-// simulator started on the file.
-TEST(DaemonEndToEnd, ReadsEveryValueOfTheFileKesBusWrote)
-{
-    kes_test::TempDir dir;
-    mkdir(dir.File("dev").c_str(), 0755);
-    const std::string adapter = dir.File("dev/ttyUSB-plant-north"), conf = dir.File("conf.xml");
-    std::string plant = "<energy><line id=\"1\" adr=\"" + adapter + "\">";
-    const unsigned int mids[12] = {0, 9, 9, 9, 4, 5, 6, 7, 8, 10, 11, 12}; // by type
+    gateway.SetRegisters(2, 300, {2305, 150});         // String mid 3: 230.5 V, 1.5 A
+    gateway.SetRegisters(5, 500, {0x0001, 0xE240, 7}); // pulse counter mid 5: 123456 pulses, period 7
+    gateway.SetRegisters(5, 600, {0x0000, 0x0010, 0}); // mid 6: period 0
+    const std::map<unsigned int, std::string> first = {{1201, "230.5"}, {1202, "1.5"},   {1203, "345.8"}, {1301, "f"},
+                                                       {1302, "f"},     {1401, "514.3"}, {1402, "123.5"}, {1501, "0"}};
+    std::string known;
+    for (const auto& item : first)
+        known += value(item.first < 1400 ? 2 : 5, item.first / 100 - 9, item.first, item.first % 100 - 1);
+    const unsigned int counts[12] = {0, 2, 3, 4, 0, 2, 5, 9, 4, 10, 3, 7}; // values by type
+    std::string every;
+    std::set<unsigned int> silent;
     for (unsigned int type = 1; type <= 11; ++type)
-        plant += "<v type=\"" + std::to_string(type) + "\" mid=\"" + std::to_string(mids[type]) + "\" iid=\"1\"/>";
-    kes_test::WriteFile(dir.File("plant.xml"), plant + "</line></energy>");
-    kes_test::ChildProcess sims[2], bus;
-    ASSERT_TRUE(sims[0].Start({kes_test::BinPath("kes_bus_sim"), "-conf", dir.File("plant.xml")}));
-    ASSERT_TRUE(sims[0].WaitForOutput("ready", 5000)) << sims[0].Output();
-    ASSERT_TRUE(bus.Start({kes_test::BinPath("kes_bus"), "-adr", adapter, "-timeout", "50", "-answer", "5", "-failure",
-                           "30", "-attempts", "1", "number", "1", "-conf", conf}));
-    ASSERT_EQ(bus.Wait(90000), 0) << bus.Output();
-    EXPECT_NE(kes_test::ReadFile(conf).find("<!-- [Ambient] serial 10104004 module 1: never read, no value -->"),
-              std::string::npos);
-    EXPECT_EQ(items_without_value(conf, dir.Path()), std::set<unsigned int>());
-    sims[0].Signal(SIGTERM);
-    EXPECT_EQ(sims[0].Wait(5000), 0);
-    ASSERT_TRUE(sims[1].Start({kes_test::BinPath("kes_bus_sim"), "-conf", conf}));
-    ASSERT_TRUE(sims[1].WaitForOutput("ready", 5000)) << sims[1].Output();
-    EXPECT_EQ(items_without_value(conf, dir.Path()), std::set<unsigned int>());
+        for (unsigned int fid = 0; fid < counts[type]; ++fid) {
+            every += value(type, type, 30000 + type * 100 + fid, fid);
+            silent.insert(30000 + type * 100 + fid);
+        }
+    const std::string simulated =
+        Sim(line(3, local(kes_test::FreePort()), every) + "<davis adr=\"" + local(kes_test::FreePort()) + "\"/>",
+            {"-hour", "12", "-weather", "100"});
+    Start(line(2, gateway.GetAddress(), known) + simulated, "@2026-06-15 10:00:50 x20");
+    auto seen = [&](unsigned int i_iid, bool i_valued) {
+        return std::any_of(m_got.begin(), m_got.end(),
+                           [&](const Datagram& d) { return d.iid == i_iid && !(i_valued && d.text == "f"); });
+    };
+    Receive(8, [&] {
+        return std::all_of(first.begin(), first.end(), [&](const auto& item) { return seen(item.first, false); }) &&
+               std::all_of(silent.begin(), silent.end(), [&](unsigned int iid) { return seen(iid, true); });
+    });
+    // the minute tick, and a weather record read a byte at a time
+    for (auto end = Clock::now() + std::chrono::seconds(3);
+         (kes_test::ReadFile(m_dir.File("data/d")).find("\n1402|") == std::string::npos ||
+          kes_test::ReadFile(m_dir.File("data/meteo")).empty()) &&
+         Clock::now() < end;)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    Stop();
+    std::map<unsigned int, std::string> texts;
+    std::vector<unsigned int> order; // of the gateway's line, in the first cycle
+    for (size_t i = 0; i < m_got.size(); ++i) {
+        if (m_got[i].iid < 10000 && texts.emplace(m_got[i].iid, m_got[i].text).second)
+            order.push_back(m_got[i].iid);
+        if (m_got[i].iid == 1201 && order.size() == 1) {
+            EXPECT_EQ(m_raw[i], std::string("\xB1\x04\x00\x00\x05"
+                                            "230.5",
+                                            10));
+        }
+        silent.erase(m_got[i].text != "f" ? m_got[i].iid : 0);
+    }
+    EXPECT_EQ(first, texts);
+    EXPECT_EQ(order, (std::vector<unsigned int>{1201, 1202, 1203, 1301, 1302, 1401, 1402, 1501}));
+    EXPECT_EQ(silent, std::set<unsigned int>());
+    EXPECT_NE(m_daemon.Output().find("[Communication Error]"), std::string::npos);
+    const std::string day = kes_test::ReadFile(m_dir.File("data/d"));
+    EXPECT_EQ(day.rfind("H|10\n1203|", 0), 0u) << day;
+    EXPECT_NE(day.find("\n1402|0\n"), std::string::npos) << day;
+    EXPECT_NE(kes_test::ReadFile(m_dir.File("data/meteo")), "");
+}
+
+// Line 1 (TCP): a clean panel first in the cycle, then devices with faults
+// and one that never answers; its gateway drops every 1.2 s. Line 2 (serial):
+// a clean string module first; its adapter is pulled every 1.5 s. It ends
+// with SIGTERM while the minute tick writes its files.
+TEST_F(Daemon, RidesThroughDropsAndFaultsAndStopsInTheTick)
+{
+    const std::string serial = m_dir.File("dev/ttyUSB0");
+    const std::string lines =
+        line(1, local(kes_test::FreePort()),
+             value(1, 1, 1101, 0) + value(1, 1, 1102, 1) + value(2, 2, 1201, 0) + value(2, 2, 1203, 2) +
+                 value(2, 4, 1401, 0) + value(6, 5, 1501, 0) + value(6, 5, 1504, 4) + value(5, 6, 1601, 0) +
+                 value(5, 6, 1602, 1) + value(2, 9, 1901, 0)) +
+        line(2, serial, value(7, 1, 2101, 0) + value(7, 1, 2108, 8) + value(5, 2, 2201, 1) + value(8, 3, 2301, 1));
+    Sim(lines, {"-hour", "12", "-drop", "1:1.2:0.4", "-drop", "2:1.5:0.4", "-fault", "garbage:1:4:30", "-fault",
+                "late:1:5:20:200", "-fault", "unit:1:6:30", "-fault", "silent:1:9", "-fault", "crc:2:2:30", "-fault",
+                "exception:2:3:30"});
+    m_start = Clock::now();
+    Start(lines, "@2026-06-15 10:00:56"); // the tick 4 s from now
+    std::map<std::string, double> back;   // "line L back (n)" -> seconds
+    std::vector<int> descriptors;
+    std::vector<long> resident;
+    while (since(m_start) < 3.8) {
+        Receive(0.25, [] { return false; });
+        ASSERT_EQ(m_daemon.Wait(0), -1) << "the daemon ended\n" << m_daemon.Output();
+        descriptors.push_back(open_descriptors(m_daemon.Pid()));
+        resident.push_back(kes_test::StatusKb(m_daemon.Pid(), "VmRSS"));
+        for (unsigned int n = 1; n <= 9; ++n)
+            for (const char* line : {"line 1 back (", "line 2 back ("}) {
+                const std::string text = line + std::to_string(n) + ")";
+                if (!back.count(text) && m_sim.Output().find(text) != std::string::npos)
+                    back[text] = since(m_start);
+            }
+    }
+    const std::string before = kes_test::ReadFile(m_dir.File("data/d"));
+    for (auto end = Clock::now() + std::chrono::seconds(1);
+         kes_test::ReadFile(m_dir.File("data/d")) == before && Clock::now() < end;)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    Stop();
+    m_sim.Signal(SIGTERM);
+    EXPECT_EQ(m_sim.Wait(5000), 0) << m_sim.Output();
+
+    // Publishing came back soon after every return.
+    EXPECT_GE(back.size(), 3u) << m_sim.Output();
+    for (const auto& event : back) {
+        auto resumed = std::find_if(m_got.begin(), m_got.end(), [&](const Datagram& d) {
+            return d.at > event.second && d.iid / 1000 == unsigned(event.first[5] - '0') && d.text != "f";
+        });
+        if (event.second < 2.6) {
+            EXPECT_TRUE(resumed != m_got.end() && resumed->at - event.second < 1.2)
+                << event.first << " at " << event.second << " s";
+        }
+    }
+    // The silent device never publishes more than its failures.
+    EXPECT_TRUE(std::any_of(m_got.begin(), m_got.end(), [](const Datagram& d) { return d.iid == 1901; }));
+    for (const Datagram& d : m_got)
+        EXPECT_TRUE(d.iid != 1901 || d.text == "f") << d.text;
+    // Descriptors and memory stay flat once the first drops are behind.
+    ASSERT_GE(descriptors.size(), 12u);
+    EXPECT_LE(*std::max_element(descriptors.end() - 6, descriptors.end()),
+              *std::max_element(descriptors.begin(), descriptors.begin() + 6) + 2);
+    EXPECT_LE(resident.back(), resident[5] + 512) << "resident memory grows";
+    struct stat link;
+    EXPECT_NE(lstat(serial.c_str(), &link), 0) << "the simulator left its link";
 }
 
 } // namespace

@@ -55,161 +55,140 @@ uint16_t reg(const Bytes& i_reply, size_t i_index)
     return static_cast<uint16_t>((i_reply[3 + 2 * i_index] << 8) | i_reply[4 + 2 * i_index]);
 }
 
-// A String mid 3 and a PulseCounter mid 4 on line 1 (TCP), a String mid 3 on
-// line 2 (serial).
-std::string configuration(uint16_t i_port, const std::string& i_serial)
-{
-    return "<energy><line id=\"1\" adr=\"127.0.0.1:" + std::to_string(i_port) +
-           "\"><v type=\"2\" mid=\"3\" iid=\"1\" fid=\"0\"/><v type=\"5\" mid=\"4\" iid=\"2\" fid=\"0\"/></line>"
-           "<line id=\"2\" adr=\"" +
-           i_serial + "\"><v type=\"2\" mid=\"3\" iid=\"3\" fid=\"0\"/></line></energy>";
-}
-
-struct Sim {
-    kes_test::TempDir dir;
-    uint16_t port = kes_test::FreePort();
-    std::string serial = dir.File("dev/ttyUSB0");
-    kes_test::ChildProcess process;
-
-    bool Start(std::vector<std::string> i_options)
-    {
-        mkdir(dir.File("dev").c_str(), 0755);
-        kes_test::WriteFile(dir.File("conf.xml"), configuration(port, serial));
-        std::vector<std::string> argv = {kes_test::BinPath("kes_bus_sim"), "-conf", dir.File("conf.xml"), "-hour",
-                                         "12"};
-        argv.insert(argv.end(), i_options.begin(), i_options.end());
-        return process.Start(argv) && process.WaitForOutput("ready", 5000);
-    }
-};
-
 TEST(BusSimCommandLine, RefusesWhatItCanNotServe)
 {
-    const std::vector<std::string> cases[] = {
-        {"-fault", "bogus:1"}, {"-fault", "late:1:3:50:20000"},
-        {"-fault", "silent"},  {"-fault", "crc:1:x"},
-        {"-drop", "1:2:3"},    {"-drop", "1:2"},
-        {"-speed", "0"},       {"-conf"},
-        {"-nonsense", "1"},
+    struct Row {
+        std::vector<std::string> options;
+        int status;
+        const char* text; // a part of the output
+        bool help;
     };
-    for (const auto& options : cases) {
+    const Row rows[] = {
+        {{"-fault", "bogus:1"}, 2, "kes_bus_sim: bad fault \"bogus:1\": KIND:LINE[:MID[:PERCENT[:VALUE]]]\n", true},
+        {{"-fault", "late:1:3:50:20000"}, 2, "kes_bus_sim: a late reply waits at most 10000 ms\n", true},
+        {{"-fault", "silent"}, 2, "kes_bus_sim: bad fault \"silent\"", true},
+        {{"-fault", "crc:1:x"}, 2, "kes_bus_sim: bad number \"x\" in fault \"crc:1:x\"\n", true},
+        {{"-drop", "1:2:3"}, 2, "kes_bus_sim: bad drop \"1:2:3\": LINE:EVERY:FOR[:TIMES] with EVERY > FOR > 0\n", true},
+        {{"-drop", "1:2"}, 2, "kes_bus_sim: bad drop \"1:2\"", true},
+        {{"-speed", "0"}, 2, "kes_bus_sim: Option -speed takes a number in its range: \"0\"\n", true},
+        {{"-conf"}, 2, "kes_bus_sim: Option -conf needs a value\n", true},
+        {{"-nonsense", "1"}, 2, "kes_bus_sim: Unknown option -nonsense\n", true},
+        {{"-conf", "/nonexistent/conf.xml"},
+         2,
+         "kes_bus_sim: Failed to open file in file: /nonexistent/conf.xml",
+         false},
+        {{"-h"}, 0, "-fault KIND:LINE", true},
+    };
+    for (const Row& row : rows) {
         std::vector<std::string> argv = {kes_test::BinPath("kes_bus_sim")};
-        argv.insert(argv.end(), options.begin(), options.end());
+        argv.insert(argv.end(), row.options.begin(), row.options.end());
         kes_test::ChildProcess sim;
         ASSERT_TRUE(sim.Start(argv));
-        EXPECT_EQ(sim.Wait(3000), 2) << options[0] << " " << (options.size() > 1 ? options[1] : "");
-        EXPECT_NE(sim.Output().find("Bus Simulator Help"), std::string::npos);
+        SCOPED_TRACE(row.options.back());
+        EXPECT_EQ(sim.Wait(3000), row.status);
+        EXPECT_NE(sim.Output().find(row.text), std::string::npos) << sim.Output();
+        EXPECT_EQ(sim.Output().find("Bus Simulator Help") != std::string::npos, row.help);
     }
-    kes_test::ChildProcess missing;
-    ASSERT_TRUE(missing.Start({kes_test::BinPath("kes_bus_sim"), "-conf", "/nonexistent/conf.xml"}));
-    EXPECT_EQ(missing.Wait(3000), 2);
-    kes_test::ChildProcess help;
-    ASSERT_TRUE(help.Start({kes_test::BinPath("kes_bus_sim"), "-h"}));
-    EXPECT_EQ(help.Wait(3000), 0);
-    EXPECT_NE(help.Output().find("-fault KIND:LINE"), std::string::npos);
 }
 
-struct FaultCase {
-    const char* fault;
-    size_t length; // of the reply to the spoiled device, 0 for none
-    bool validCrc;
-    uint8_t unit; // of that reply, when the CRC is valid
-    uint8_t function;
-};
-
-TEST(BusSimFaults, SpoilOnlyTheirDevice)
+// One simulator: line 1 (TCP) has a String module for each fault and a clean
+// PulseCounter mid 4; line 2 (serial) a clean String mid 3.
+TEST(BusSim, ServesItsLinesWithTheirFaults)
 {
-    const FaultCase cases[] = {
-        {"silent:1:3", 0, false, 0, 0},
-        {"crc:1:3", 9, false, 0, 0},
-        {"unit:1:3", 9, true, 3, 3},
-        {"exception:1:3", 5, true, 2, 0x83},
-        {"garbage:1:3:100:17", 17, false, 0, 0},
-        {"late:1:3:100:300", 9, true, 2, 3},
+    struct Row {
+        unsigned int mid;
+        const char* fault;
+        size_t length; // of the reply, 0 for none
+        bool validCrc;
+        uint8_t unit; // of the reply, when its CRC is valid
+        uint8_t function;
     };
-    for (const FaultCase& c : cases) {
-        SCOPED_TRACE(c.fault);
-        Sim sim;
-        ASSERT_TRUE(sim.Start({"-fault", c.fault})) << sim.process.Output();
-        int fd = connect_to(sim.port);
-        ASSERT_GE(fd, 0);
-        auto sent = std::chrono::steady_clock::now();
-        ASSERT_TRUE(kes_test::WriteAll(fd, read_request(2, 300, 2)));
-        Bytes reply = kes_test::ReadFor(fd, c.length ? c.length : 1, c.length ? 2000 : 300);
-        ASSERT_EQ(reply.size(), c.length) << kes_test::ToHex(reply);
-        if (c.length) {
-            EXPECT_EQ(crc_ok(reply), c.validCrc) << kes_test::ToHex(reply);
-            if (c.validCrc) {
-                EXPECT_EQ(reply[0], c.unit);
-                EXPECT_EQ(reply[1], c.function);
-            }
-        }
-        if (std::string(c.fault).rfind("late", 0) == 0) {
-            EXPECT_GE(std::chrono::steady_clock::now() - sent, std::chrono::milliseconds(290));
-        }
-        // the other device of the line is not touched
-        ASSERT_TRUE(kes_test::WriteAll(fd, read_request(5, 400, 3)));
-        reply = kes_test::ReadFor(fd, 11, 2000);
-        EXPECT_EQ(reply.size(), 11u);
-        EXPECT_TRUE(crc_ok(reply));
-        close(fd);
-        sim.process.Signal(SIGTERM);
-        EXPECT_EQ(sim.process.Wait(5000), 0);
+    const Row rows[] = {
+        {3, "silent:1:3", 0, false, 0, 0},
+        {5, "crc:1:5", 9, false, 0, 0},
+        {6, "unit:1:6", 9, true, 3, 3},
+        {7, "exception:1:7", 5, true, 2, 0x83},
+        {8, "garbage:1:8:100:17", 17, false, 0, 0},
+        {9, "late:1:9:100:200", 9, true, 2, 3},
+    };
+    kes_test::TempDir dir;
+    mkdir(dir.File("dev").c_str(), 0755);
+    const uint16_t port = kes_test::FreePort();
+    const std::string serial = dir.File("dev/ttyUSB0");
+    std::string conf = "<energy><line id=\"1\" adr=\"127.0.0.1:" + std::to_string(port) +
+                       "\"><v type=\"5\" mid=\"4\" iid=\"2\" fid=\"0\"/>";
+    std::vector<std::string> argv = {
+        kes_test::BinPath("kes_bus_sim"), "-conf", dir.File("conf.xml"), "-hour", "12", "-speed", "7200"};
+    for (const Row& row : rows) {
+        conf += "<v type=\"2\" mid=\"" + std::to_string(row.mid) + "\" iid=\"1\" fid=\"0\"/>";
+        argv.insert(argv.end(), {"-fault", row.fault});
     }
-}
+    kes_test::WriteFile(dir.File("conf.xml"), conf + "</line><line id=\"2\" adr=\"" + serial +
+                                                  "\"><v type=\"2\" mid=\"3\" iid=\"3\" fid=\"0\"/></line></energy>");
+    kes_test::ChildProcess sim;
+    ASSERT_TRUE(sim.Start(argv) && sim.WaitForOutput("ready", 5000)) << sim.Output();
 
-TEST(BusSim, SerialLineEchoesAndAnswersAndLeavesNoLink)
-{
-    Sim sim;
-    ASSERT_TRUE(sim.Start({}));
-    int fd = open(sim.serial.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    ASSERT_GE(fd, 0) << sim.serial;
+    // The serial line echoes the request before the reply: at noon a string of
+    // some 600 V carrying current.
+    int fd = open(serial.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(fd, 0) << serial;
     termios settings;
     ASSERT_EQ(tcgetattr(fd, &settings), 0);
     cfmakeraw(&settings);
     tcsetattr(fd, TCSANOW, &settings);
-    Bytes request = read_request(2, 300, 2);
+    const Bytes request = read_request(2, 300, 2);
     ASSERT_TRUE(kes_test::WriteAll(fd, request));
     Bytes got = kes_test::ReadFor(fd, 8 + 9, 2000);
+    close(fd);
     ASSERT_EQ(got.size(), 17u) << kes_test::ToHex(got);
     EXPECT_EQ(Bytes(got.begin(), got.begin() + 8), request);
-    Bytes reply(got.begin() + 8, got.end());
-    EXPECT_TRUE(crc_ok(reply));
-    EXPECT_EQ(reply[0], 2);
-    // noon: a string of some 600 V carrying current
-    EXPECT_GT(reg(reply, 0), 5000);
-    EXPECT_GT(reg(reply, 1), 100);
-    close(fd);
-    sim.process.Signal(SIGTERM);
-    EXPECT_EQ(sim.process.Wait(5000), 0);
-    struct stat link;
-    EXPECT_NE(lstat(sim.serial.c_str(), &link), 0);
-}
+    const Bytes answer(got.begin() + 8, got.end());
+    EXPECT_TRUE(crc_ok(answer) && answer[0] == 2 && reg(answer, 0) > 5000 && reg(answer, 1) > 100)
+        << kes_test::ToHex(answer);
 
-TEST(BusSim, PulseCountRisesAtTheRateOfItsPeriod)
-{
-    Sim sim;
-    // an hour of simulated time per second
-    ASSERT_TRUE(sim.Start({"-speed", "3600"}));
-    int fd = connect_to(sim.port);
+    fd = connect_to(port);
     ASSERT_GE(fd, 0);
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.fault);
+        const auto sent = std::chrono::steady_clock::now();
+        ASSERT_TRUE(kes_test::WriteAll(fd, read_request(2, static_cast<uint16_t>(row.mid * 100), 2)));
+        const Bytes reply = kes_test::ReadFor(fd, row.length ? row.length : 1, row.length ? 2000 : 150);
+        ASSERT_EQ(reply.size(), row.length) << kes_test::ToHex(reply);
+        if (row.length) {
+            EXPECT_EQ(crc_ok(reply), row.validCrc) << kes_test::ToHex(reply);
+        }
+        if (row.validCrc) {
+            EXPECT_EQ(reply[0], row.unit);
+            EXPECT_EQ(reply[1], row.function);
+        }
+        if (std::string(row.fault).rfind("late", 0) == 0) {
+            EXPECT_GE(std::chrono::steady_clock::now() - sent, std::chrono::milliseconds(190));
+        }
+    }
+    // The clean device of the line: its count rises at the rate of its period.
     auto count = [&](uint16_t* o_period) {
         kes_test::WriteAll(fd, read_request(5, 400, 3));
-        Bytes reply = kes_test::ReadFor(fd, 11, 2000);
+        const Bytes reply = kes_test::ReadFor(fd, 11, 2000);
+        EXPECT_TRUE(reply.size() == 11 && crc_ok(reply)) << kes_test::ToHex(reply);
         if (reply.size() != 11)
             return 0.0;
         *o_period = reg(reply, 2);
         return static_cast<double>((static_cast<uint32_t>(reg(reply, 0)) << 16) | reg(reply, 1));
     };
     uint16_t period = 0;
-    double first = count(&period);
-    auto start = std::chrono::steady_clock::now();
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    double second = count(&period);
-    double hours = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const double first = count(&period);
+    const auto start = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    const double second = count(&period);
+    const double hours = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() * 2;
     ASSERT_GT(period, 0);
-    double expected = hours * 3600000.0 / period;
+    const double expected = hours * 3600000.0 / period;
     EXPECT_NEAR(second - first, expected, expected * 0.2) << "period " << period << " ms";
     close(fd);
+    sim.Signal(SIGTERM);
+    EXPECT_EQ(sim.Wait(5000), 0);
+    struct stat link;
+    EXPECT_NE(lstat(serial.c_str(), &link), 0);
 }
 
 } // namespace
