@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -52,20 +51,6 @@ std::string local(uint16_t i_port)
     return "127.0.0.1:" + std::to_string(i_port);
 }
 
-// The peers of a test live in the test process; a child that inherited a
-// listener would keep a "stopped" gateway accepting connections.
-void keep_descriptors_from_children()
-{
-    DIR* dir = opendir("/proc/self/fd");
-    while (dirent* entry = dir ? readdir(dir) : nullptr) {
-        int fd = atoi(entry->d_name);
-        if (fd > 2 && fd != dirfd(dir))
-            fcntl(fd, F_SETFD, fcntl(fd, F_GETFD) | FD_CLOEXEC);
-    }
-    if (dir)
-        closedir(dir);
-}
-
 int open_descriptors(pid_t i_pid)
 {
     DIR* dir = opendir(("/proc/" + std::to_string(i_pid) + "/fd").c_str());
@@ -77,22 +62,28 @@ int open_descriptors(pid_t i_pid)
     return dir ? count : -1;
 }
 
-// A folder with dev/ and data/, the datagram port, and the daemon on
-// conf.xml; stopped with SIGTERM it must end in order.
-class Daemon : public ::testing::Test {
+// A phase of the daemon's life for SIGTERM to come in.
+enum Phase { Reading, Refused, Unplugged, Unanswered, StartUnanswered, BadConfiguration };
+struct Moment {
+    Phase phase;
+    unsigned int delayUs; // from the signal handler, or from the event of the phase
+};
+
+// A folder with dev/ and data/, the datagram port, the simulator on sim.xml
+// and the daemon on conf.xml.
+class Daemon : public ::testing::TestWithParam<Moment> {
 protected:
     void SetUp() override
     {
         ASSERT_EQ(m_receiver.Port(), 16549) << "the datagram port is taken";
         ASSERT_EQ(mkdir(m_dir.File("dev").c_str(), 0755), 0);
         ASSERT_EQ(mkdir(m_dir.File("data").c_str(), 0755), 0);
-        keep_descriptors_from_children();
     }
 
     // On the fake clock given ("@2026-06-15 10:00:50 x20"), or "" for the real one.
     void Start(const std::string& i_conf, const std::string& i_fake = "")
     {
-        kes_test::WriteFile(m_dir.File("conf.xml"), "<energy>" + i_conf + "</energy>");
+        kes_test::WriteFile(m_dir.File("conf.xml"), i_conf);
         std::vector<std::string> argv = {"/usr/bin/env"};
         if (!i_fake.empty())
             argv.insert(argv.end(), {"LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1",
@@ -102,17 +93,16 @@ protected:
         ASSERT_TRUE(m_daemon.Start(argv));
     }
 
-    // Takes datagrams until the condition holds of them or the time is up.
+    // Takes datagrams until the condition holds or the time is up.
     void Receive(double i_seconds, const std::function<bool()>& i_done)
     {
         const Clock::time_point start = Clock::now();
         std::string raw;
         while (!i_done() && since(start) < i_seconds) {
             m_daemon.Output(); // keeps its pipe from filling up
-            if (!m_receiver.Receive(&raw, 10))
-                continue;
             Datagram d;
-            ASSERT_TRUE(kes_test::ParseDatagram(raw, &d));
+            if (!m_receiver.Receive(&raw, 10) || !kes_test::ParseDatagram(raw, &d))
+                continue;
             EXPECT_EQ(d.length, d.text.size());
             d.at = since(m_start);
             m_got.push_back(d);
@@ -120,12 +110,12 @@ protected:
         }
     }
 
-    void Stop(int i_status = 0, double i_within = 3)
+    void Stop(int i_status = 0)
     {
         const Clock::time_point signalled = Clock::now();
         m_daemon.Signal(SIGTERM);
         EXPECT_EQ(m_daemon.Wait(5000), i_status) << m_daemon.Output();
-        EXPECT_LT(since(signalled), i_within) << m_daemon.Output();
+        EXPECT_LT(since(signalled), 2) << m_daemon.Output();
     }
 
     std::string Sim(const std::string& i_lines, std::vector<std::string> i_options = {})
@@ -169,7 +159,7 @@ TEST_F(Daemon, ConfigurationInDatagramsAndFilesOut)
     const std::string simulated =
         Sim(line(3, local(kes_test::FreePort()), every) + "<davis adr=\"" + local(kes_test::FreePort()) + "\"/>",
             {"-hour", "12", "-weather", "100"});
-    Start(line(2, gateway.GetAddress(), known) + simulated, "@2026-06-15 10:00:50 x20");
+    Start("<energy>" + line(2, gateway.GetAddress(), known) + simulated + "</energy>", "@2026-06-15 10:00:50 x20");
     auto seen = [&](unsigned int i_iid, bool i_valued) {
         return std::any_of(m_got.begin(), m_got.end(),
                            [&](const Datagram& d) { return d.iid == i_iid && !(i_valued && d.text == "f"); });
@@ -224,8 +214,8 @@ TEST_F(Daemon, RidesThroughDropsAndFaultsAndStopsInTheTick)
                 "late:1:5:20:200", "-fault", "unit:1:6:30", "-fault", "silent:1:9", "-fault", "crc:2:2:30", "-fault",
                 "exception:2:3:30"});
     m_start = Clock::now();
-    Start(lines, "@2026-06-15 10:00:56"); // the tick 4 s from now
-    std::map<std::string, double> back;   // "line L back (n)" -> seconds
+    Start("<energy>" + lines + "</energy>", "@2026-06-15 10:00:56"); // the tick 4 s from now
+    std::map<std::string, double> back;                              // "line L back (n)" -> seconds
     std::vector<int> descriptors;
     std::vector<long> resident;
     while (since(m_start) < 3.8) {
@@ -271,5 +261,88 @@ TEST_F(Daemon, RidesThroughDropsAndFaultsAndStopsInTheTick)
     struct stat link;
     EXPECT_NE(lstat(serial.c_str(), &link), 0) << "the simulator left its link";
 }
+
+// A port whose connection attempts go unanswered, as behind a gateway with
+// its power cut: a listener that accepts nothing and a full backlog.
+struct Blackhole {
+    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    std::vector<int> queued;
+    explicit Blackhole(uint16_t i_port)
+    {
+        int on = 1;
+        setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(i_port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 && listen(listener, 0) == 0)
+            for (int i = 0; i < 3; ++i) {
+                queued.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+                connect(queued.back(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
+            }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    ~Blackhole()
+    {
+        for (int fd : queued)
+            close(fd);
+        close(listener);
+    }
+};
+
+// SIGTERM while a large configuration is read, while a line waits for its
+// gateway or adapter to come back, and while connection attempts go
+// unanswered at the start or on a reconnection: the daemon ends in order
+// within 2 s. A configuration it can not use ends it with status 2.
+TEST_P(Daemon, EndsInOrderOnSigterm)
+{
+    const Moment moment = GetParam();
+    const uint16_t port = kes_test::FreePort();
+    const std::string address = moment.phase == Unplugged ? m_dir.File("dev/ttyUSB0") : local(port);
+    std::string lines = line(1, address, value(2, 3, 1301, 0));
+    std::unique_ptr<Blackhole> blackhole;
+    if (moment.phase == Reading) // ports that refuse, so that the start does not wait for a gateway
+        for (unsigned int id = 2; id <= 5; ++id) {
+            std::string values;
+            for (unsigned int i = 0; i < 150; ++i)
+                values += value(2, i / 3 + 1, id * 100000 + i, i % 3);
+            lines += line(id, local(kes_test::FreePort()), values);
+        }
+    if (moment.phase == BadConfiguration) {
+        Start("<ENERGY/>");
+        EXPECT_EQ(m_daemon.Wait(3000), 2);
+        const std::string& out = m_daemon.Output();
+        const size_t a = out.find("Main energy node not found in file:"), b = out.find("Configuration failed");
+        EXPECT_TRUE(a < b && b < out.find("Energy Execute") && out.find("Energy Execute") != std::string::npos) << out;
+        return;
+    }
+    if (moment.phase == StartUnanswered) {
+        blackhole.reset(new Blackhole(port));
+        lines += line(2, address, value(2, 3, 2301, 0));
+    }
+    if (moment.phase == Refused || moment.phase == Unplugged || moment.phase == Unanswered) {
+        // a line that can not start is told and the daemon runs on
+        Start("<energy>" + Sim(lines) + line(7, "127.0.0.1", value(2, 3, 1, 0)) + "</energy>");
+        Receive(3, [&] { return !m_got.empty(); });
+        ASSERT_FALSE(m_got.empty()) << m_daemon.Output();
+        EXPECT_NE(m_daemon.Output().find("Can not start line 7"), std::string::npos) << m_daemon.Output();
+        m_sim.Signal(SIGTERM);
+        EXPECT_EQ(m_sim.Wait(5000), 0) << m_sim.Output();
+        if (moment.phase == Unanswered)
+            blackhole.reset(new Blackhole(port));
+    } else {
+        Start("<energy>" + lines + "</energy>");
+        ASSERT_TRUE(kes_test::CatchesSigterm(m_daemon.Pid(), 3000)) << m_daemon.Output();
+    }
+    std::this_thread::sleep_for(std::chrono::microseconds(moment.delayUs));
+    Stop();
+}
+
+// Unanswered: past the pause before a reconnection, into the attempt.
+INSTANTIATE_TEST_SUITE_P(Phases, Daemon,
+                         ::testing::Values(Moment{Reading, 0}, Moment{Reading, 500}, Moment{Reading, 3000},
+                                           Moment{Refused, 300000}, Moment{Unplugged, 300000},
+                                           Moment{Unanswered, 1200000}, Moment{StartUnanswered, 300000},
+                                           Moment{BadConfiguration, 0}));
 
 } // namespace
