@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 
 #include <array>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -24,7 +25,7 @@ bool contains(const std::string& i_text, const std::string& i_part)
 }
 
 // The text with each ADR and CONF put in place.
-std::string fill(std::string i_text, const std::string& i_address, const std::string& i_conf)
+std::string fill(std::string i_text, const std::string& i_address, const std::string& i_conf = "")
 {
     for (size_t at; (at = i_text.find("ADR")) != std::string::npos;)
         i_text.replace(at, 3, i_address);
@@ -36,10 +37,7 @@ std::string fill(std::string i_text, const std::string& i_address, const std::st
 std::vector<std::string> words(const std::string& i_text)
 {
     std::istringstream in(i_text);
-    std::vector<std::string> words;
-    for (std::string word; in >> word;)
-        words.push_back(word);
-    return words;
+    return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
 
 // A key nobody answers gets a frame of another unit at once: the search takes
@@ -76,7 +74,6 @@ protected:
 TEST(KesBusTool, CommandLine)
 {
     QuickGateway gateway;
-    const std::string closed = "127.0.0.1:" + std::to_string(kes_test::FreePort());
     struct Row {
         const char* arguments;
         int status;
@@ -90,18 +87,18 @@ TEST(KesBusTool, CommandLine)
         {"-adr ADR -speed 9600 scan", 2, "kes_bus: Unknown option -speed\n"},
         {"-adr ADR -timeout soon scan", 2, "kes_bus: Option -timeout takes a number from 1 to 3600000: \"soon\"\n"},
         {"-adr ADR -id 42950 number 1", 2, "kes_bus: Option -id takes a number from 0 to 42949: \"42950\"\n"},
-        {"-adr CONF enable", 2, "Can not open the bus at CONF\n"},
+        {"-adr 127.0.0.1:1 enable", 2, "Can not open the bus at 127.0.0.1:1\n"},
         // a check that outlasts its wait is no failure
         {"-adr ADR -wait 0 alarm 5 1 2 3", 0,
          "Alarm Cycle Check: In Progress\nThe check did not end within 0 ms; ask again with alarm-status\n"},
     };
     for (const Row& row : rows) {
-        std::vector<std::string> argv = words(fill(row.arguments, gateway.GetAddress(), closed));
+        std::vector<std::string> argv = words(fill(row.arguments, gateway.GetAddress()));
         argv.insert(argv.begin(), kes_test::BinPath("kes_bus"));
         kes_test::ChildProcess child;
         ASSERT_TRUE(child.Start(argv));
         const int status = child.Wait(10000);
-        const std::string output = child.Output(), expected = fill(row.output, gateway.GetAddress(), closed);
+        const std::string output = child.Output(), expected = fill(row.output, gateway.GetAddress());
         SCOPED_TRACE(std::string(row.arguments) + "\n" + output);
         EXPECT_EQ(row.status, status);
         EXPECT_TRUE(row.status == 0 && argv[1] != "-h" ? output == expected : contains(output, expected));
@@ -142,50 +139,49 @@ TEST(KesBusTool, CommandsOnTheBus)
         const char* command;
         int outcome;
         std::string out, err; // err: the error of bad arguments
-        int mutes;            // mute frames sent, -1: not counted
     };
     const Row rows[] = {
-        {"", 3, "", "No command given", -1},
-        {"sing", 3, "", "Unknown command \"sing\"", -1},
-        {"read Lamp 3", 3, "", "TYPE must be a number from 1 to 11 or a device type name: \"Lamp\"", -1},
-        {"read 0 3", 3, "", "TYPE must be a number from 1 to 11 or a device type name: \"0\"", -1},
-        {"info panel 256", 3, "", "MID must be a number from 0 to 255: \"256\"", -1},
-        {"read ambient 3", 3, "", "An Ambient device has no measurement to read; try info", -1},
-        {"mute 12x", 3, "", "SERIAL must be a number from 0 to 4294967295: \"12x\"", -1},
-        {"set-address 7 101", 3, "", "MID must be a number from 1 to 100: \"101\"", -1},
-        {"alarm 1 2 3 70000", 3, "", "T3 must be a number from 0 to 65535: \"70000\"", -1},
-        {"scan-fine 10001", 3, "", "COUNT must be a number from 1 to 10000: \"10001\"", -1},
-        {"-conf read 1 3", 3, "", "-conf goes with scan, scan-nomute, scan-fine and number", -1},
-        {"read string 3", 0, "[String][3]\n" + string, "", -1},
+        {"", 3, "", "No command given"},
+        {"sing", 3, "", "Unknown command \"sing\""},
+        {"read Lamp 3", 3, "", "TYPE must be a number from 1 to 11 or a device type name: \"Lamp\""},
+        {"read 0 3", 3, "", "TYPE must be a number from 1 to 11 or a device type name: \"0\""},
+        {"info panel 256", 3, "", "MID must be a number from 0 to 255: \"256\""},
+        {"read ambient 3", 3, "", "An Ambient device has no measurement to read; try info"},
+        {"mute 12x", 3, "", "SERIAL must be a number from 0 to 4294967295: \"12x\""},
+        {"set-address 7 101", 3, "", "MID must be a number from 1 to 100: \"101\""},
+        {"alarm 1 2 3 70000", 3, "", "T3 must be a number from 0 to 65535: \"70000\""},
+        {"scan-fine 10001", 3, "", "COUNT must be a number from 1 to 10000: \"10001\""},
+        {"-conf read 1 3", 3, "", "-conf goes with scan, scan-nomute, scan-fine and number"},
+        {"read string 3", 0, "[String][3]\n" + string, ""},
         {"read 8 4", 0,
          "[PulseCounterTwo][4]\nOA Pulse Count 1500\nOA Last Time 3600 ms\nOR Pulse Count 65536\nOR Last Time 0 ms\n",
-         "", -1},
+         ""},
         {"info String 3", 0,
          "[String][3]\n\tHardware Serial ------------:0\n\tModbus Address -------------:300\n\tModel "
          "----------------------:STR-1\n\tSerial ---------------------:SN-1001\n\tTest Date ------------------:2024-02-"
          "03\n\tVoltage --------------------:230.00 V\n\tAmpere ---------------------:1.50 A\n\tInstantaneous Power "
          "--------:345.00 W\n",
-         "", -1},
-        {"alarm 5 10 20 30", 0, status, "", -1},
-        {"alarm-status 5", 0, status, "", -1},
-        {"set-address 2002 9", 2, "", "Set address failed\n", -1}, // refused once
-        {"set-address 0x3E9 9", 0, "Device 1001 has the module number 9\n", "", -1},
-        {"read String 9", 0, "[String][9]\n" + string, "", -1},
-        {"read String 3", 2, "", "Read failed\n", -1},
-        {"mute 1001", 0, "Device 1001 muted\n", "", 1},
-        {"find 1001", 2, "", "No device answers for serial 1001\n", -1},
-        {"enable", 0, "All devices answer searches\n", "", 0},
-        {"scan-nomute", 0, scan, found, 0}, // it does not enable first
-        {"find 1001", 0, "[String] serial 1001 module 9\n", "found [String] serial 1001 module 9\n", 1},
+         ""},
+        {"alarm 5 10 20 30", 0, status, ""},
+        {"alarm-status 5", 0, status, ""},
+        {"set-address 2002 9", 2, "", "Set address failed\n"}, // refused once
+        {"set-address 0x3E9 9", 0, "Device 1001 has the module number 9\n", ""},
+        {"read String 9", 0, "[String][9]\n" + string, ""},
+        {"read String 3", 2, "", "Read failed\n"},
+        {"mute 1001", 0, "Device 1001 muted\n", ""},
+        {"find 1001", 2, "", "No device answers for serial 1001\n"},
+        {"enable", 0, "All devices answer searches\n", ""},
+        {"scan-nomute", 0, scan, found}, // it neither enables nor mutes
+        {"find 1001", 0, "[String] serial 1001 module 9\n", "found [String] serial 1001 module 9\n"},
         {"scan-fine 10", 0, "[Panel] serial 20007 module 9\n",
-         "Searching the bus at ADR...\nfound [Panel] serial 20007 module 9\n1 device(s) found\n", 1},
-        {"scan", 0, scan, found, 4},
+         "Searching the bus at ADR...\nfound [Panel] serial 20007 module 9\n1 device(s) found\n"},
+        {"scan", 0, scan, found},
         {"-conf number 5", 0,
          "[String] serial 1001 module 9 -> 5\n[PulseCounterTwo] serial 2002 module 4 -> 6\n[Alarm] serial 3003 module "
          "5 "
          "-> 7\n[Panel] serial 20007 module 9 -> 8\n",
-         found + "Line 1 at ADR written to CONF: 4 device(s), 13 value(s)\n", 4},
-        {"read string 5", 0, "[String][5]\n" + string, "", -1},
+         found + "Line 1 at ADR written to CONF: 4 device(s), 13 value(s)\n"},
+        {"read string 5", 0, "[String][5]\n" + string, ""},
     };
     kes_test::ErrorCapture records;
     for (const Row& row : rows) {
@@ -200,7 +196,6 @@ TEST(KesBusTool, CommandsOnTheBus)
             options.conf = dir.File("conf.xml");
             command.erase(command.begin());
         }
-        gateway.ClearRequests();
         QuickTool tool;
         std::string error;
         testing::internal::CaptureStdout();
@@ -208,12 +203,8 @@ TEST(KesBusTool, CommandsOnTheBus)
         const kes::kesEBusOutcome outcome = kes::kesBusRun(options, command, &error, tool);
         const std::string out = testing::internal::GetCapturedStdout(), err = testing::internal::GetCapturedStderr();
         EXPECT_EQ(row.outcome, outcome);
-        EXPECT_EQ(fill(row.out, options.address, options.conf), out);
+        EXPECT_EQ(fill(row.out, options.address), out);
         EXPECT_EQ(fill(row.err, options.address, options.conf), outcome == kes::kesBusBadArguments ? error : err);
-        int mutes = 0;
-        for (const kes_test::Bytes& request : gateway.GetRequests())
-            mutes += request.size() > 1 && request[0] == 0xFF && request[1] == 0x0C;
-        EXPECT_TRUE(row.mutes < 0 || row.mutes == mutes) << mutes << " mutes";
     }
     kes::kesEnergySystem::EXECUTION_COUNT = 1;
     kes_test::TestBusGateway::Device alarm;
