@@ -21,48 +21,41 @@ using kes_test::WriteFile;
 namespace {
 
 typedef std::pair<double, double> Point; // time (minute of the day, or day + 0.5 in a month), figure
+typedef std::vector<std::vector<Point>> Runs;
 
 struct Plot {
     std::string kind, title;
-    std::vector<std::vector<Point>> averages; // runs of joined averages
-    std::vector<Point> band;                  // minimum and maximum of each interval
-    std::vector<Point> bars;                  // middle and height
+    Runs averages;    // runs of joined averages
+    Runs band = {{}}; // minimum and maximum of each interval
+    Runs bars = {{}}; // middle and height
     double sy = 1;
 };
 
-struct ToolRun {
-    int status;
-    std::string output;
-};
-
-ToolRun run_chart(const std::vector<std::string>& i_arguments)
+std::pair<int, std::string> run_chart(std::vector<std::string> i_arguments)
 {
-    std::vector<std::string> argv = {BinPath("kes_chart")};
-    argv.insert(argv.end(), i_arguments.begin(), i_arguments.end());
+    i_arguments.insert(i_arguments.begin(), BinPath("kes_chart"));
     ChildProcess child;
-    ToolRun run = {-1, std::string()};
-    if (child.Start(argv)) {
-        run.status = child.Wait(20000);
-        run.output = child.Output();
-    }
-    return run;
+    const int status = child.Start(i_arguments) ? child.Wait(20000) : -1;
+    return {status, child.Output()};
 }
 
-std::vector<std::vector<std::pair<double, double>>> subpaths(const char* i_d)
+// "x,y x,y | x,y" and the d of a path ("Mx,y Lx,y Z Mx,y"): runs of points.
+Runs runs(const char* i_text)
 {
-    std::vector<std::vector<std::pair<double, double>>> paths;
+    Runs runs;
     char command;
     double x, y;
     int used = 0;
-    for (const char* p = i_d; sscanf(p, " %c%n", &command, &used) == 1; p += used) {
-        if (command == 'M')
-            paths.emplace_back();
-        if ((command == 'M' || command == 'L') && sscanf(p += used, "%lf,%lf%n", &x, &y, &used) == 2)
-            paths.back().emplace_back(x, y);
-        else if (command != 'Z')
-            used = 0;
+    for (const char* p = i_text; sscanf(p, " %c%n", &command, &used) == 1; p += used) {
+        if (runs.empty() || command == 'M' || command == '|')
+            runs.emplace_back();
+        if (command != 'Z' && command != '|' &&
+            sscanf(p += command == 'M' || command == 'L' ? used : 0, "%lf,%lf%n", &x, &y, &used) == 2)
+            runs.back().emplace_back(x, y);
+        else if (command != 'Z' && command != '|')
+            break;
     }
-    return paths;
+    return runs;
 }
 
 // Every plot of the picture by item number; a picture that is no XML fails the test.
@@ -94,55 +87,35 @@ std::map<unsigned int, Plot> read_plots(const std::string& i_path)
                 e->QueryDoubleAttribute("y", &b) == TIXML_SUCCESS &&
                 e->QueryDoubleAttribute("width", &w) == TIXML_SUCCESS &&
                 e->QueryDoubleAttribute("height", &h) == TIXML_SUCCESS)
-                plot.bars.emplace_back(t(a + w / 2), v(b) - v(b + h));
-            if (name == "path" && kind == "average")
-                for (const auto& path : subpaths(e->Attribute("d"))) {
+                plot.bars[0].emplace_back(t(a + w / 2), v(b) - v(b + h));
+            for (const auto& path : name == "path" ? runs(e->Attribute("d")) : Runs()) {
+                if (kind == "average")
                     plot.averages.emplace_back();
-                    for (const auto& xy : path)
-                        plot.averages.back().emplace_back(t(xy.first), v(xy.second));
-                }
-            // The band runs along the maxima, two corners an interval, and back along the minima.
-            if (name == "path" && kind == "band")
-                for (const auto& path : subpaths(e->Attribute("d")))
-                    for (size_t i = 0; i < path.size() / 2; i += 2)
-                        plot.band.emplace_back(v(path[path.size() - 1 - i].second), v(path[i].second));
+                for (size_t i = 0; kind == "average" && i < path.size(); ++i)
+                    plot.averages.back().emplace_back(t(path[i].first), v(path[i].second));
+                // The band runs along the maxima, two corners an interval, and back along the minima.
+                for (size_t i = 0; kind == "band" && i < path.size() / 2; i += 2)
+                    plot.band[0].emplace_back(v(path[path.size() - 1 - i].second), v(path[i].second));
+            }
         }
         std::sort(plot.averages.begin(), plot.averages.end());
     }
     return plots;
 }
 
-// "x,y x,y | x,y": runs of points, split at each bar.
-std::vector<std::vector<Point>> runs(const std::string& i_text)
+void expect_runs(const char* i_expected, const Runs& i_drawn, double i_tolerance, const std::string& i_what)
 {
-    std::vector<std::vector<Point>> runs(i_text.empty() ? 0 : 1);
-    double x, y;
-    int used = 0;
-    for (const char* p = i_text.c_str(); *p; p += used) {
-        if (sscanf(p, " %lf,%lf%n", &x, &y, &used) == 2)
-            runs.back().emplace_back(x, y);
-        else if (sscanf(p, " |%n", &used) == 0 && used)
-            runs.emplace_back();
-        else
-            break;
+    Runs expected = runs(i_expected);
+    if (expected.empty() && i_drawn.size() == 1)
+        expected.emplace_back();
+    ASSERT_EQ(expected.size(), i_drawn.size()) << i_what;
+    for (size_t r = 0; r < expected.size(); ++r) {
+        ASSERT_EQ(expected[r].size(), i_drawn[r].size()) << i_what << " run " << r;
+        for (size_t i = 0; i < expected[r].size(); ++i) {
+            EXPECT_NEAR(expected[r][i].first, i_drawn[r][i].first, 0.01) << i_what << " point " << i;
+            EXPECT_NEAR(expected[r][i].second, i_drawn[r][i].second, i_tolerance) << i_what << " point " << i;
+        }
     }
-    return runs;
-}
-
-void expect_points(const std::vector<Point>& i_expected, const std::vector<Point>& i_drawn, double i_tolerance,
-                   const std::string& i_what)
-{
-    ASSERT_EQ(i_expected.size(), i_drawn.size()) << i_what;
-    for (size_t i = 0; i < i_expected.size(); ++i) {
-        EXPECT_NEAR(i_expected[i].first, i_drawn[i].first, 0.01) << i_what << " point " << i;
-        EXPECT_NEAR(i_expected[i].second, i_drawn[i].second, i_tolerance) << i_what << " point " << i;
-    }
-}
-
-std::vector<Point> points(const char* i_text)
-{
-    const std::vector<std::vector<Point>> all = runs(i_text);
-    return all.empty() ? std::vector<Point>() : all[0];
 }
 
 struct Expected {
@@ -231,9 +204,9 @@ TEST(KesChart, DrawsWhatTheFilesHold)
                                             dir.File("out")};
         for (const std::string& option : c.options)
             options.push_back(option == "CONF" ? dir.File("conf.xml") : option);
-        const ToolRun run = run_chart(options);
-        EXPECT_EQ(0, run.status) << c.name << "\n" << run.output;
-        EXPECT_NE(std::string::npos, run.output.find(c.output)) << c.name << "\n" << run.output;
+        const auto run = run_chart(options);
+        EXPECT_EQ(0, run.first) << c.name << "\n" << run.second;
+        EXPECT_NE(std::string::npos, run.second.find(c.output)) << c.name << "\n" << run.second;
         const std::map<unsigned int, Plot> plots = read_plots(dir.File(c.day ? "out/day.svg" : "out/month.svg"));
         EXPECT_EQ(c.plots.size(), plots.size()) << c.name;
         for (const Expected& e : c.plots) {
@@ -244,13 +217,10 @@ TEST(KesChart, DrawsWhatTheFilesHold)
             const double tolerance = 0.01 / p.sy + 1e-9; // coordinates carry two decimals
             EXPECT_EQ(e.kind, p.kind) << what;
             EXPECT_NE(std::string::npos, p.title.find(e.title)) << what << ": " << p.title;
-            const std::vector<std::vector<Point>> averages = runs(e.averages);
-            ASSERT_EQ(averages.size(), p.averages.size()) << what;
-            for (size_t s = 0; s < averages.size(); ++s)
-                expect_points(averages[s], p.averages[s], tolerance, what + " averages");
+            expect_runs(e.averages, p.averages, tolerance, what + " averages");
             if (*e.band)
-                expect_points(points(e.band), p.band, tolerance, what + " band");
-            expect_points(points(e.bars), p.bars, tolerance, what + " bars");
+                expect_runs(e.band, p.band, tolerance, what + " band");
+            expect_runs(e.bars, p.bars, tolerance, what + " bars");
         }
     }
 }
@@ -267,10 +237,9 @@ TEST(KesChart, RefusesWhatItCanNotUse)
         {"-out", dir.File("none/out"), "-dir", dir.Path()},
     };
     for (const std::vector<std::string>& row : rows)
-        EXPECT_EQ(2, run_chart(row).status) << row.back();
+        EXPECT_EQ(2, run_chart(row).first) << row.back();
     // Before the daemon's first tick there are no files: the pictures say so.
-    const ToolRun run = run_chart({"-out", dir.File("out"), "-dir", dir.Path()});
-    EXPECT_EQ(0, run.status) << run.output;
+    EXPECT_EQ(0, run_chart({"-out", dir.File("out"), "-dir", dir.Path()}).first);
     EXPECT_NE(std::string::npos, kes_test::ReadFile(dir.File("out/day.svg")).find("No history file"));
     EXPECT_NE(std::string::npos, kes_test::ReadFile(dir.File("out/index.html")).find("month.svg"));
 }
@@ -286,7 +255,7 @@ TEST(KesChart, PicturesRenderNotBlank)
     kes_test::GenerateHistory(2, 23, 12, 12, 28, 0, 0, &history);
     WriteFile(dir.File("d"), history.day);
     WriteFile(dir.File("m"), history.month);
-    ASSERT_EQ(0, run_chart({"-dir", dir.Path(), "-out", dir.File("out")}).status);
+    ASSERT_EQ(0, run_chart({"-dir", dir.Path(), "-out", dir.File("out")}).first);
     for (const char* picture : {"day", "month"}) {
         const std::string svg = dir.File(std::string("out/") + picture + ".svg");
         const std::string png = dir.File(std::string(picture) + ".png");
