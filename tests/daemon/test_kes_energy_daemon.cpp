@@ -106,15 +106,14 @@ protected:
             EXPECT_EQ(d.length, d.text.size());
             d.at = since(m_start);
             m_got.push_back(d);
-            m_raw.push_back(raw);
         }
     }
 
-    void Stop(int i_status = 0)
+    void Stop()
     {
         const Clock::time_point signalled = Clock::now();
         m_daemon.Signal(SIGTERM);
-        EXPECT_EQ(m_daemon.Wait(5000), i_status) << m_daemon.Output();
+        EXPECT_EQ(m_daemon.Wait(5000), 0) << m_daemon.Output();
         EXPECT_LT(since(signalled), 2) << m_daemon.Output();
     }
 
@@ -131,7 +130,6 @@ protected:
     kes_test::ChildProcess m_sim, m_daemon;
     Clock::time_point m_start = Clock::now();
     std::vector<Datagram> m_got;
-    std::vector<std::string> m_raw;
 };
 
 // Line 2: a gateway of known registers, one device silent. Line 3: the
@@ -177,15 +175,10 @@ TEST_F(Daemon, ConfigurationInDatagramsAndFilesOut)
     Stop();
     std::map<unsigned int, std::string> texts;
     std::vector<unsigned int> order; // of the gateway's line, in the first cycle
-    for (size_t i = 0; i < m_got.size(); ++i) {
-        if (m_got[i].iid < 10000 && texts.emplace(m_got[i].iid, m_got[i].text).second)
-            order.push_back(m_got[i].iid);
-        if (m_got[i].iid == 1201 && order.size() == 1) {
-            EXPECT_EQ(m_raw[i], std::string("\xB1\x04\x00\x00\x05"
-                                            "230.5",
-                                            10));
-        }
-        silent.erase(m_got[i].text != "f" ? m_got[i].iid : 0);
+    for (const Datagram& d : m_got) {
+        if (d.iid < 10000 && texts.emplace(d.iid, d.text).second)
+            order.push_back(d.iid);
+        silent.erase(d.text != "f" ? d.iid : 0);
     }
     EXPECT_EQ(first, texts);
     EXPECT_EQ(order, (std::vector<unsigned int>{1201, 1202, 1203, 1301, 1302, 1401, 1402, 1501}));
@@ -215,7 +208,7 @@ TEST_F(Daemon, RidesThroughDropsAndFaultsAndStopsInTheTick)
                 "exception:2:3:30"});
     m_start = Clock::now();
     Start("<energy>" + lines + "</energy>", "@2026-06-15 10:00:56"); // the tick 4 s from now
-    std::map<std::string, double> back;                              // "line L back (n)" -> seconds
+    std::vector<double> back[2];                                     // when each line came back, in seconds
     std::vector<int> descriptors;
     std::vector<long> resident;
     while (since(m_start) < 3.8) {
@@ -223,12 +216,14 @@ TEST_F(Daemon, RidesThroughDropsAndFaultsAndStopsInTheTick)
         ASSERT_EQ(m_daemon.Wait(0), -1) << "the daemon ended\n" << m_daemon.Output();
         descriptors.push_back(open_descriptors(m_daemon.Pid()));
         resident.push_back(kes_test::StatusKb(m_daemon.Pid(), "VmRSS"));
-        for (unsigned int n = 1; n <= 9; ++n)
-            for (const char* line : {"line 1 back (", "line 2 back ("}) {
-                const std::string text = line + std::to_string(n) + ")";
-                if (!back.count(text) && m_sim.Output().find(text) != std::string::npos)
-                    back[text] = since(m_start);
-            }
+        const std::string events = m_sim.Output();
+        for (unsigned int l = 0; l < 2; ++l) {
+            const std::string text = "line " + std::to_string(l + 1) + " back (";
+            size_t n = 0;
+            for (size_t at = events.find(text); at != std::string::npos; at = events.find(text, at + 1))
+                ++n;
+            back[l].resize(n, since(m_start));
+        }
     }
     const std::string before = kes_test::ReadFile(m_dir.File("data/d"));
     for (auto end = Clock::now() + std::chrono::seconds(1);
@@ -239,16 +234,15 @@ TEST_F(Daemon, RidesThroughDropsAndFaultsAndStopsInTheTick)
     EXPECT_EQ(m_sim.Wait(5000), 0) << m_sim.Output();
 
     // Publishing came back soon after every return.
-    EXPECT_GE(back.size(), 3u) << m_sim.Output();
-    for (const auto& event : back) {
-        auto resumed = std::find_if(m_got.begin(), m_got.end(), [&](const Datagram& d) {
-            return d.at > event.second && d.iid / 1000 == unsigned(event.first[5] - '0') && d.text != "f";
-        });
-        if (event.second < 2.6) {
-            EXPECT_TRUE(resumed != m_got.end() && resumed->at - event.second < 1.2)
-                << event.first << " at " << event.second << " s";
+    EXPECT_GE(back[0].size() + back[1].size(), 3u) << m_sim.Output();
+    for (unsigned int l = 0; l < 2; ++l)
+        for (double at : back[l]) {
+            auto resumed = std::find_if(m_got.begin(), m_got.end(), [&](const Datagram& d) {
+                return d.at > at && d.iid / 1000 == l + 1 && d.text != "f";
+            });
+            EXPECT_TRUE(at > 2.6 || (resumed != m_got.end() && resumed->at - at < 1.2))
+                << "line " << l + 1 << " at " << at;
         }
-    }
     // The silent device never publishes more than its failures.
     EXPECT_TRUE(std::any_of(m_got.begin(), m_got.end(), [](const Datagram& d) { return d.iid == 1901; }));
     for (const Datagram& d : m_got)
