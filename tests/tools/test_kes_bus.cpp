@@ -164,7 +164,8 @@ TEST(KesBusTool, CommandsOnTheBus)
          ""},
         {"alarm 5 10 20 30", 0, status, ""},
         {"alarm-status 5", 0, status, ""},
-        {"set-address 2002 9", 2, "", "Set address failed\n"}, // refused once
+        {"set-address 2002 9", 2, "", "Set address failed\n"},  // refused once
+        {"set-address 0x7D1 9", 2, "", "Set address failed\n"}, // nobody has 2001: a second in vain
         {"set-address 0x3E9 9", 0, "Device 1001 has the module number 9\n", ""},
         {"read String 9", 0, "[String][9]\n" + string, ""},
         {"read String 3", 2, "", "Read failed\n"},
