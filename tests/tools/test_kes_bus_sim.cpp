@@ -149,6 +149,12 @@ TEST(BusSim, ServesItsLinesWithTheirFaults)
     const double expected = hours * 3600000.0 / second.second;
     EXPECT_NEAR(second.first - first.first, expected, expected * 0.2) << "period " << second.second << " ms";
     close(fd);
+    // Its devices answer the bus's own frames under serials made of line, type and module.
+    kes_test::ChildProcess bus;
+    ASSERT_TRUE(bus.Start({kes_test::BinPath("kes_bus"), "-adr", "127.0.0.1:" + std::to_string(port), "-timeout", "50",
+                           "-attempts", "1", "find", "10105004"}));
+    EXPECT_EQ(bus.Wait(5000), 0);
+    EXPECT_EQ(bus.Output(), "found [PulseCounter] serial 10105004 module 4\n[PulseCounter] serial 10105004 module 4\n");
     sim.Signal(SIGTERM);
     EXPECT_EQ(sim.Wait(5000), 0);
     struct stat link;
