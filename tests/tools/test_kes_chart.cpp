@@ -77,17 +77,17 @@ std::map<unsigned int, Plot> read_plots(const std::string& i_path)
         plot.sy = sy;
         for (const TiXmlElement* e = g->FirstChildElement(); e; e = e->NextSiblingElement()) {
             const std::string name = e->Value(), kind = e->Attribute("class") ? e->Attribute("class") : "";
-            double a = 0, b = 0, w = 0, h = 0;
+            auto at = [&](const char* i_name) {
+                double number = 0;
+                e->QueryDoubleAttribute(i_name, &number);
+                return number;
+            };
             if (name == "text" && plot.title.empty() && e->GetText())
                 plot.title = e->GetText();
-            if (name == "circle" && e->QueryDoubleAttribute("cx", &a) == TIXML_SUCCESS &&
-                e->QueryDoubleAttribute("cy", &b) == TIXML_SUCCESS)
-                plot.averages.push_back({{t(a), v(b)}});
-            if (name == "rect" && kind == "bar" && e->QueryDoubleAttribute("x", &a) == TIXML_SUCCESS &&
-                e->QueryDoubleAttribute("y", &b) == TIXML_SUCCESS &&
-                e->QueryDoubleAttribute("width", &w) == TIXML_SUCCESS &&
-                e->QueryDoubleAttribute("height", &h) == TIXML_SUCCESS)
-                plot.bars[0].emplace_back(t(a + w / 2), v(b) - v(b + h));
+            if (name == "circle")
+                plot.averages.push_back({{t(at("cx")), v(at("cy"))}});
+            if (name == "rect" && kind == "bar")
+                plot.bars[0].emplace_back(t(at("x") + at("width") / 2), v(at("y")) - v(at("y") + at("height")));
             for (const auto& path : name == "path" ? runs(e->Attribute("d")) : Runs()) {
                 if (kind == "average")
                     plot.averages.emplace_back();
