@@ -16,6 +16,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <set>
 #include <string>
 #include <thread>
@@ -68,6 +69,11 @@ struct Moment {
     Phase phase;
     unsigned int delayUs; // from the signal handler, or from the event of the phase
 };
+std::ostream& operator<<(std::ostream& out, const Moment& i_moment)
+{
+    const char* const NAMES[] = {"reading", "refused", "unplugged", "unanswered", "start unanswered", "bad conf"};
+    return out << NAMES[i_moment.phase] << " +" << i_moment.delayUs << " us";
+}
 
 // A folder with dev/ and data/, the datagram port, the simulator on sim.xml
 // and the daemon on conf.xml.
