@@ -86,7 +86,7 @@ protected:
         ASSERT_EQ(mkdir(m_dir.File("data").c_str(), 0755), 0);
     }
 
-    // On the fake clock given ("@2026-06-15 10:00:50 x20"), or "" for the real one.
+    // On the fake clock given ("@2026-06-15 10:00:55 x10"), or "" for the real one.
     void Start(const std::string& i_conf, const std::string& i_fake = "")
     {
         kes_test::WriteFile(m_dir.File("conf.xml"), i_conf);
@@ -163,7 +163,7 @@ TEST_F(Daemon, ConfigurationInDatagramsAndFilesOut)
     const std::string simulated =
         Sim(line(3, local(kes_test::FreePort()), every) + "<davis adr=\"" + local(kes_test::FreePort()) + "\"/>",
             {"-hour", "12", "-weather", "100"});
-    Start("<energy>" + line(2, gateway.GetAddress(), known) + simulated + "</energy>", "@2026-06-15 10:00:50 x20");
+    Start("<energy>" + line(2, gateway.GetAddress(), known) + simulated + "</energy>", "@2026-06-15 10:00:55 x10");
     auto seen = [&](unsigned int i_iid, bool i_valued) {
         return std::any_of(m_got.begin(), m_got.end(),
                            [&](const Datagram& d) { return d.iid == i_iid && !(i_valued && d.text == "f"); });
