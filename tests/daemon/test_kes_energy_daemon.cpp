@@ -168,16 +168,13 @@ TEST_F(Daemon, ConfigurationInDatagramsAndFilesOut)
         return std::any_of(m_got.begin(), m_got.end(),
                            [&](const Datagram& d) { return d.iid == i_iid && !(i_valued && d.text == "f"); });
     };
+    // and the minute tick, and a weather record read a byte at a time
     Receive(8, [&] {
         return std::all_of(first.begin(), first.end(), [&](const auto& item) { return seen(item.first, false); }) &&
-               std::all_of(silent.begin(), silent.end(), [&](unsigned int iid) { return seen(iid, true); });
+               std::all_of(silent.begin(), silent.end(), [&](unsigned int iid) { return seen(iid, true); }) &&
+               kes_test::ReadFile(m_dir.File("data/d")).find("\n1402|") != std::string::npos &&
+               !kes_test::ReadFile(m_dir.File("data/meteo")).empty();
     });
-    // the minute tick, and a weather record read a byte at a time
-    for (auto end = Clock::now() + std::chrono::seconds(3);
-         (kes_test::ReadFile(m_dir.File("data/d")).find("\n1402|") == std::string::npos ||
-          kes_test::ReadFile(m_dir.File("data/meteo")).empty()) &&
-         Clock::now() < end;)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     Stop();
     std::map<unsigned int, std::string> texts;
     std::vector<unsigned int> order; // of the gateway's line, in the first cycle
