@@ -1,229 +1,219 @@
-// kes_bus run as a process against the simulated bus.
+// kes_bus: its command line as a process, its commands in-process on an
+// engine that does not sleep, and the configuration file it writes.
 #include <gtest/gtest.h>
 
 #include <signal.h>
 #include <sys/resource.h>
 
 #include <array>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "error_capture.h"
 #include "kes_bus_conf.h"
-#include "kes_enerysystem.h"
+#include "kes_bus_tool.h"
 #include "test_gateway_bus.h"
 #include "test_process.h"
 
-using kes_test::BinPath;
-using kes_test::ChildProcess;
-using kes_test::TestBusGateway;
-
 namespace {
-
-const char* const HELP_TITLE = "Kes. Bus Command Help";
-
-struct ToolRun {
-    int status;
-    std::string output;
-};
-
-ToolRun run_kes_bus(const std::vector<std::string>& i_arguments, unsigned int i_timeoutMs = 10000)
-{
-    std::vector<std::string> argv = {BinPath("kes_bus")};
-    argv.insert(argv.end(), i_arguments.begin(), i_arguments.end());
-    ChildProcess child;
-    ToolRun run = {-1, std::string()};
-    if (!child.Start(argv))
-        return run;
-    run.status = child.Wait(i_timeoutMs);
-    run.output = child.Output();
-    return run;
-}
-
-// The engine's floors: a silent search key costs two frames of 50 ms.
-std::vector<std::string> fast(const TestBusGateway& i_gateway, std::vector<std::string> i_command)
-{
-    std::vector<std::string> arguments = {
-        "-adr", i_gateway.GetAddress(), "-timeout", "50", "-answer", "5", "-failure", "30", "-attempts", "1"};
-    arguments.insert(arguments.end(), i_command.begin(), i_command.end());
-    return arguments;
-}
 
 bool contains(const std::string& i_text, const std::string& i_part)
 {
     return i_text.find(i_part) != std::string::npos;
 }
 
-TEST(KesBusTool, HelpAndBadArguments)
+// The text with each ADR and CONF put in place.
+std::string fill(std::string i_text, const std::string& i_address, const std::string& i_conf = "")
 {
-    ToolRun help = run_kes_bus({"-h"});
-    EXPECT_EQ(0, help.status);
-    EXPECT_TRUE(contains(help.output, HELP_TITLE));
+    for (size_t at; (at = i_text.find("ADR")) != std::string::npos;)
+        i_text.replace(at, 3, i_address);
+    for (size_t at; (at = i_text.find("CONF")) != std::string::npos;)
+        i_text.replace(at, 4, i_conf);
+    return i_text;
+}
 
-    struct Row {
-        std::vector<std::string> arguments;
-        const char* error;
-    };
-    const Row rows[] = {
-        {{"scan"}, "kes_bus: -adr ADDRESS is required\n"},
-        {{"-adr", "127.0.0.1:1"}, "kes_bus: No command given\n"},
-        {{"-adr", "127.0.0.1:1", "sing"}, "kes_bus: Unknown command \"sing\"\n"},
-        {{"-adr", "127.0.0.1:1", "read", "1"}, "kes_bus: Wrong number of arguments for read\n"},
-        {{"-adr", "127.0.0.1:1", "read", "Lamp", "3"}, "TYPE must be a number from 1 to 11 or a device type name"},
-        {{"-adr", "127.0.0.1:1", "read", "0", "3"}, "TYPE must be"},
-        {{"-adr", "127.0.0.1:1", "info", "panel", "256"}, "MID must be a number from 0 to 255: \"256\""},
-        {{"-adr", "127.0.0.1:1", "read", "ambient", "3"}, "An Ambient device has no measurement to read"},
-        {{"-adr", "127.0.0.1:1", "mute", "12x"}, "SERIAL must be a number"},
-        {{"-adr", "127.0.0.1:1", "find", "-5"}, "Option -5 needs a value"},
-        {{"-adr", "127.0.0.1:1", "set-address", "7", "101"}, "MID must be a number from 1 to 100"},
-        {{"-adr", "127.0.0.1:1", "alarm", "1", "2", "3", "70000"}, "T3 must be a number from 0 to 65535"},
-        {{"-adr", "127.0.0.1:1", "-speed", "9600", "scan"}, "kes_bus: Unknown option -speed\n"},
-        {{"-adr", "127.0.0.1:1", "-timeout", "soon", "scan"}, "Option -timeout takes a number"},
-        {{"-adr", "127.0.0.1:1", "scan-fine", "10001"}, "COUNT must be a number from 1 to 10000"},
-        {{"-adr", "127.0.0.1:1", "-conf", "c.xml", "read", "1", "3"}, "-conf goes with scan, scan-nomute, scan-fine"},
-        {{"-adr", "127.0.0.1:1", "-id", "42950", "number", "1"}, "Option -id takes a number from 0 to 42949"},
-    };
-    for (const Row& row : rows) {
-        ToolRun run = run_kes_bus(row.arguments);
-        EXPECT_EQ(2, run.status) << row.error;
-        EXPECT_TRUE(contains(run.output, row.error)) << run.output;
-        EXPECT_TRUE(contains(run.output, HELP_TITLE)) << row.error;
-        // one line of error before the help
-        EXPECT_EQ(0u, run.output.find("kes_bus: ")) << run.output;
+std::vector<std::string> words(const std::string& i_text)
+{
+    std::istringstream in(i_text);
+    return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
+}
+
+// A key nobody answers gets a frame of another unit at once: the search takes
+// it for silence without waiting out its time-out.
+class QuickGateway : public kes_test::TestBusGateway {
+public:
+    QuickGateway()
+    {
+        AddDevice(kes::kesEnergyDeviceString, 1001, 3);
+        SetDeviceRegisters(1001, 0, {2300, 150});
+        SetIdentity(1001, "STR-1", "SN-1001", "2024-02-03");
+        AddDevice(kes::kesEnergyDevicePulseCounterTwo, 2002, 4);
+        SetDeviceRegisters(2002, 0, {0, 1500, 3600, 1, 0, 0});
+        SetRefusals(2002, 1);
+        AddDevice(kes::kesEnergyDeviceAlarm, 3003, 5);
+        SetDeviceRegisters(3003, 0, {2300, 150, 0, 0});
+        SetAlarmCycle(3003, 2, kes::kesEnergyAlarmPowerAboveMaximum, 321);
+        AddDevice(kes::kesEnergyDevicePanel, 20007, 9); // fine key 7
+        Start();
     }
-}
+    ~QuickGateway() { Stop(); }
 
-TEST(KesBusTool, UnreachableBusFails)
+protected:
+    kes_test::Bytes Reply(const kes_test::Bytes& i_request) override
+    {
+        kes_test::Bytes reply = TestBusGateway::Reply(i_request);
+        if (reply.empty() && i_request.size() == 6 && i_request[0] == 0xFF && (i_request[1] == 3 || i_request[1] == 4))
+            return kes_test::WithCrc({0xFE, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+        return reply;
+    }
+};
+
+// What the program itself reads: options, the help, the exit status.
+TEST(KesBusTool, CommandLine)
 {
-    TestBusGateway gateway;
-    ASSERT_TRUE(gateway.Start());
-    std::string address = gateway.GetAddress();
-    gateway.Stop();
-    ToolRun run = run_kes_bus({"-adr", address, "enable"});
-    EXPECT_EQ(2, run.status);
-    EXPECT_TRUE(contains(run.output, "Can not open the bus at " + address)) << run.output;
-    EXPECT_FALSE(contains(run.output, HELP_TITLE));
-}
-
-TEST(KesBusTool, ReadsReportsAndAlarm)
-{
-    TestBusGateway gateway;
-    gateway.AddDevice(kes::kesEnergyDeviceString, 1001, 3);
-    gateway.SetDeviceRegisters(1001, 0, {2300, 150});
-    gateway.SetIdentity(1001, "STR-1", "SN-1001", "2024-02-03");
-    gateway.AddDevice(kes::kesEnergyDevicePulseCounterTwo, 2002, 4);
-    gateway.SetDeviceRegisters(2002, 0, {0, 1500, 3600, 1, 0, 0});
-    gateway.AddDevice(kes::kesEnergyDeviceAlarm, 3003, 5);
-    gateway.SetDeviceRegisters(3003, 0, {2300, 150, 0, 0});
-    gateway.SetAlarmCycle(3003, 2, kes::kesEnergyAlarmPowerAboveMaximum, 321);
-    ASSERT_TRUE(gateway.Start());
-
+    QuickGateway gateway;
     struct Row {
-        std::vector<std::string> command;
+        const char* arguments;
         int status;
-        std::string output;
+        const char* output; // a part of it; all of it for a success; "kes_bus: " comes with the help
     };
     const Row rows[] = {
-        {{"read", "string", "3"}, 0, "[String][3]\nVoltage 230.00 V\nAmpere 1.50 A\n"},
-        {{"read", "8", "4"},
-         0,
-         "[PulseCounterTwo][4]\nOA Pulse Count 1500\nOA Last Time 3600 ms\nOR Pulse Count 65536\nOR Last Time 0 ms\n"},
-        {{"info", "String", "3"},
-         0,
-         "[String][3]\n"
-         "\tHardware Serial ------------:0\n"
-         "\tModbus Address -------------:300\n"
-         "\tModel ----------------------:STR-1\n"
-         "\tSerial ---------------------:SN-1001\n"
-         "\tTest Date ------------------:2024-02-03\n"
-         "\tVoltage --------------------:230.00 V\n"
-         "\tAmpere ---------------------:1.50 A\n"
-         "\tInstantaneous Power --------:345.00 W\n"},
-        {{"alarm", "5", "10", "20", "30", "-wait", "3000"},
-         0,
-         "Alarm Cycle Check: Terminated\n"
-         "Alarm Status: Returned power greater than maximun, possible manumission\n"
-         "Alarm Returned Power: 321\n"},
-        {{"alarm-status", "5"},
-         0,
-         "Alarm Cycle Check: Terminated\n"
-         "Alarm Status: Returned power greater than maximun, possible manumission\n"
-         "Alarm Returned Power: 321\n"},
-        {{"set-address", "0x7D1", "9"}, 0, "Device 2001 has the module number 9\n"}, // nobody has 2001
-        {{"set-address", "1001", "9"}, 0, "Device 1001 has the module number 9\n"},
-        {{"read", "String", "9"}, 0, "[String][9]\nVoltage 230.00 V\nAmpere 1.50 A\n"},
-        {{"read", "String", "3"}, 2, "Read failed\n"},
-        {{"mute", "1001"}, 0, "Device 1001 muted\n"},
-        {{"find", "1001"}, 2, "No device answers for serial 1001\n"},
-        {{"enable"}, 0, "All devices answer searches\n"},
-        {{"find", "1001"}, 0, "found [String] serial 1001 module 9\n[String] serial 1001 module 9\n"},
+        {"-h", 0, "\nKes. Bus Command Help\nkes_bus -adr ADDRESS [options] COMMAND [ARGUMENTS]\n"},
+        {"scan", 2, "kes_bus: -adr ADDRESS is required\n"},
+        {"-adr ADR read 1", 2, "kes_bus: Wrong number of arguments for read\n"},
+        {"-adr ADR find -5", 2, "kes_bus: Option -5 needs a value\n"},
+        {"-adr ADR -speed 9600 scan", 2, "kes_bus: Unknown option -speed\n"},
+        {"-adr ADR -timeout soon scan", 2, "kes_bus: Option -timeout takes a number from 1 to 3600000: \"soon\"\n"},
+        {"-adr ADR -id 42950 number 1", 2, "kes_bus: Option -id takes a number from 0 to 42949: \"42950\"\n"},
+        {"-adr 127.0.0.1:1 enable", 2, "Can not open the bus at 127.0.0.1:1\n"},
+        // a check that outlasts its wait is no failure
+        {"-adr ADR -wait 0 alarm 5 1 2 3", 0,
+         "Alarm Cycle Check: In Progress\nThe check did not end within 0 ms; ask again with alarm-status\n"},
     };
     for (const Row& row : rows) {
-        ToolRun run = run_kes_bus(fast(gateway, row.command));
-        std::string what = row.command[0] + " " + (row.command.size() > 1 ? row.command[1] : "");
-        // set-address of a serial nobody has waits for its reply in vain
-        if (row.command[0] == "set-address" && row.command[1] == "0x7D1") {
-            EXPECT_EQ(2, run.status) << run.output;
-            EXPECT_TRUE(contains(run.output, "Set address failed")) << run.output;
-            continue;
-        }
-        EXPECT_EQ(row.status, run.status) << what << "\n" << run.output;
-        if (row.status == 0)
-            EXPECT_EQ(row.output, run.output) << what;
-        else
-            EXPECT_TRUE(contains(run.output, row.output)) << what << "\n" << run.output;
+        std::vector<std::string> argv = words(fill(row.arguments, gateway.GetAddress()));
+        argv.insert(argv.begin(), kes_test::BinPath("kes_bus"));
+        kes_test::ChildProcess child;
+        ASSERT_TRUE(child.Start(argv));
+        const int status = child.Wait(10000);
+        const std::string output = child.Output(), expected = fill(row.output, gateway.GetAddress());
+        SCOPED_TRACE(std::string(row.arguments) + "\n" + output);
+        EXPECT_EQ(row.status, status);
+        EXPECT_TRUE(row.status == 0 && argv[1] != "-h" ? output == expected : contains(output, expected));
+        EXPECT_EQ(argv[1] == "-h" || expected.rfind("kes_bus: ", 0) == 0, contains(output, "Kes. Bus Command Help"));
     }
-    TestBusGateway::Device alarm;
+}
+
+// The engine of the tool without its pauses: the gateway's replies are all
+// there when they are read.
+class QuickTool : public kes::kesBusTool {
+public:
+    QuickTool() : kes::kesBusTool(stderr) {}
+
+protected:
+    void pause_after_answer() const override {}
+    void pause_after_failure() const override {}
+    int drop_arriving(kes::kesEnergySocket* io_pChannel, unsigned int) const override
+    {
+        return io_pChannel->Discard(0);
+    }
+};
+
+// One gateway through all the rows: each finds the bus as the rows before it
+// left it.
+TEST(KesBusTool, CommandsOnTheBus)
+{
+    QuickGateway gateway;
+    kes_test::TempDir dir;
+    const std::string status = "Alarm Cycle Check: Terminated\nAlarm Status: Returned power greater than maximun, "
+                               "possible manumission\nAlarm Returned Power: 321\n";
+    const std::string scan = "[String] serial 1001 module 9\n[PulseCounterTwo] serial 2002 module 4\n[Alarm] serial "
+                             "3003 module 5\n[Panel] serial 20007 module 9\n";
+    const std::string found = "Searching the bus at ADR...\nfound [String] serial 1001 module 9\nfound "
+                              "[PulseCounterTwo] serial 2002 module 4\nfound [Alarm] serial 3003 module 5\nfound "
+                              "[Panel] serial 20007 module 9\n4 device(s) found\n";
+    const std::string string = "Voltage 230.00 V\nAmpere 1.50 A\n";
+    struct Row {
+        const char* command;
+        int outcome;
+        std::string out, err; // err: the error of bad arguments
+    };
+    const Row rows[] = {
+        {"", 3, "", "No command given"},
+        {"sing", 3, "", "Unknown command \"sing\""},
+        {"read Lamp 3", 3, "", "TYPE must be a number from 1 to 11 or a device type name: \"Lamp\""},
+        {"read 0 3", 3, "", "TYPE must be a number from 1 to 11 or a device type name: \"0\""},
+        {"info panel 256", 3, "", "MID must be a number from 0 to 255: \"256\""},
+        {"read ambient 3", 3, "", "An Ambient device has no measurement to read; try info"},
+        {"mute 12x", 3, "", "SERIAL must be a number from 0 to 4294967295: \"12x\""},
+        {"set-address 7 101", 3, "", "MID must be a number from 1 to 100: \"101\""},
+        {"alarm 1 2 3 70000", 3, "", "T3 must be a number from 0 to 65535: \"70000\""},
+        {"scan-fine 10001", 3, "", "COUNT must be a number from 1 to 10000: \"10001\""},
+        {"-conf read 1 3", 3, "", "-conf goes with scan, scan-nomute, scan-fine and number"},
+        {"read string 3", 0, "[String][3]\n" + string, ""},
+        {"read 8 4", 0,
+         "[PulseCounterTwo][4]\nOA Pulse Count 1500\nOA Last Time 3600 ms\nOR Pulse Count 65536\nOR Last Time 0 ms\n",
+         ""},
+        {"info String 3", 0,
+         "[String][3]\n\tHardware Serial ------------:0\n\tModbus Address -------------:300\n\tModel "
+         "----------------------:STR-1\n\tSerial ---------------------:SN-1001\n\tTest Date ------------------:2024-02-"
+         "03\n\tVoltage --------------------:230.00 V\n\tAmpere ---------------------:1.50 A\n\tInstantaneous Power "
+         "--------:345.00 W\n",
+         ""},
+        {"alarm 5 10 20 30", 0, status, ""},
+        {"alarm-status 5", 0, status, ""},
+        {"set-address 2002 9", 2, "", "Set address failed\n"},  // refused once
+        {"set-address 0x7D1 9", 2, "", "Set address failed\n"}, // nobody has 2001: a second in vain
+        {"set-address 0x3E9 9", 0, "Device 1001 has the module number 9\n", ""},
+        {"read String 9", 0, "[String][9]\n" + string, ""},
+        {"read String 3", 2, "", "Read failed\n"},
+        {"mute 1001", 0, "Device 1001 muted\n", ""},
+        {"find 1001", 2, "", "No device answers for serial 1001\n"},
+        {"enable", 0, "All devices answer searches\n", ""},
+        {"scan-nomute", 0, scan, found}, // it neither enables nor mutes
+        {"find 1001", 0, "[String] serial 1001 module 9\n", "found [String] serial 1001 module 9\n"},
+        {"scan-fine 10", 0, "[Panel] serial 20007 module 9\n",
+         "Searching the bus at ADR...\nfound [Panel] serial 20007 module 9\n1 device(s) found\n"},
+        {"scan", 0, scan, found},
+        {"-conf number 5", 0,
+         "[String] serial 1001 module 9 -> 5\n[PulseCounterTwo] serial 2002 module 4 -> 6\n[Alarm] serial 3003 module "
+         "5 "
+         "-> 7\n[Panel] serial 20007 module 9 -> 8\n",
+         found + "Line 1 at ADR written to CONF: 4 device(s), 13 value(s)\n"},
+        {"read string 5", 0, "[String][5]\n" + string, ""},
+    };
+    kes_test::ErrorCapture records;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.command);
+        std::vector<std::string> command = words(row.command);
+        kes::kesBusOptions options;
+        options.address = gateway.GetAddress();
+        options.receiveTimeOut = 50;
+        options.attempts = 1;
+        options.wait = 3000;
+        if (!command.empty() && command[0] == "-conf") {
+            options.conf = dir.File("conf.xml");
+            command.erase(command.begin());
+        }
+        QuickTool tool;
+        std::string error;
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        const kes::kesEBusOutcome outcome = kes::kesBusRun(options, command, &error, tool);
+        const std::string out = testing::internal::GetCapturedStdout(), err = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(row.outcome, outcome);
+        EXPECT_EQ(fill(row.out, options.address), out);
+        EXPECT_EQ(fill(row.err, options.address, options.conf), outcome == kes::kesBusBadArguments ? error : err);
+    }
+    // the searches leave the engine's mode as they found it
+    EXPECT_EQ(2, kes::kesEnergySystem::MODE);
+    kes::kesEnergySystem::EXECUTION_COUNT = 1;
+    kes::kesEnergySystem::MODE = 2;
+    kes_test::TestBusGateway::Device alarm;
     ASSERT_TRUE(gateway.GetDevice(3003, &alarm));
     EXPECT_EQ((std::vector<uint16_t>{1, 10, 20, 30}), alarm.tuning);
-}
-
-// scan mutes each device it finds; scan-nomute, for buses whose devices can
-// not be muted, sends no mute at all.
-TEST(KesBusTool, ScanListsEveryDevice)
-{
-    const bool muting[] = {true, false};
-    for (bool mute : muting) {
-        SCOPED_TRACE(mute ? "scan" : "scan-nomute");
-        TestBusGateway gateway;
-        gateway.AddDevice(kes::kesEnergyDeviceStringFour, 16909060, 9);
-        gateway.AddDevice(kes::kesEnergyDevicePanel, 12345678, 9);
-        ASSERT_TRUE(gateway.Start());
-        ToolRun run = run_kes_bus(fast(gateway, {mute ? "scan" : "scan-nomute"}), 120000);
-        EXPECT_EQ(0, run.status) << run.output;
-        EXPECT_TRUE(contains(run.output, "Searching the bus at " + gateway.GetAddress())) << run.output;
-        EXPECT_TRUE(contains(run.output, "[StringFour] serial 16909060 module 9\n")) << run.output;
-        EXPECT_TRUE(contains(run.output, "[Panel] serial 12345678 module 9\n")) << run.output;
-        EXPECT_TRUE(contains(run.output, "2 device(s) found\n")) << run.output;
-        size_t mutes = 0;
-        for (const kes_test::Bytes& request : gateway.GetRequests())
-            mutes += request.size() > 1 && request[1] == 0x0C;
-        if (mute) {
-            EXPECT_EQ(2u, mutes);
-        } else {
-            EXPECT_EQ(0u, mutes);
-        }
-    }
-}
-
-TEST(KesBusTool, NumberGivesConsecutiveModuleNumbers)
-{
-    TestBusGateway gateway;
-    gateway.AddDevice(kes::kesEnergyDeviceString, 1011, 1);
-    gateway.AddDevice(kes::kesEnergyDeviceAlarm, 2022, 1);
-    gateway.AddDevice(kes::kesEnergyDevicePulseCounter, 3033, 1);
-    ASSERT_TRUE(gateway.Start());
-    ToolRun run = run_kes_bus(fast(gateway, {"number", "5"}), 120000);
-    EXPECT_EQ(0, run.status) << run.output;
-    EXPECT_TRUE(contains(run.output, "[String] serial 1011 module 1 -> 5\n"
-                                     "[Alarm] serial 2022 module 1 -> 6\n"
-                                     "[PulseCounter] serial 3033 module 1 -> 7\n"))
-        << run.output;
-    const unsigned int serials[] = {1011, 2022, 3033};
-    for (unsigned int i = 0; i < 3; ++i) {
-        TestBusGateway::Device device;
-        ASSERT_TRUE(gateway.GetDevice(serials[i], &device));
-        EXPECT_EQ(5 + i, device.module);
-    }
 }
 
 // Devices as {type, module number, serial number}.

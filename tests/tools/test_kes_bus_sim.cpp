@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,30 +25,15 @@ using kes_test::Bytes;
 
 namespace {
 
-int connect_to(uint16_t i_port)
-{
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(i_port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 Bytes read_request(uint8_t i_unit, uint16_t i_first, uint16_t i_count)
 {
-    return kes_test::WithCrc({i_unit, 3, static_cast<uint8_t>(i_first >> 8), static_cast<uint8_t>(i_first & 0xFF),
-                              static_cast<uint8_t>(i_count >> 8), static_cast<uint8_t>(i_count & 0xFF)});
+    return kes_test::WithCrc({i_unit, 3, static_cast<uint8_t>(i_first >> 8), static_cast<uint8_t>(i_first),
+                              static_cast<uint8_t>(i_count >> 8), static_cast<uint8_t>(i_count)});
 }
 
 bool crc_ok(const Bytes& i_frame)
 {
-    return i_frame.size() >= 4 && kes_test::Crc16(i_frame.data(), i_frame.size() - 2) ==
-                                      (i_frame[i_frame.size() - 2] | (i_frame[i_frame.size() - 1] << 8));
+    return i_frame.size() >= 4 && kes_test::WithCrc(Bytes(i_frame.begin(), i_frame.end() - 2)) == i_frame;
 }
 
 uint16_t reg(const Bytes& i_reply, size_t i_index)
@@ -55,161 +41,124 @@ uint16_t reg(const Bytes& i_reply, size_t i_index)
     return static_cast<uint16_t>((i_reply[3 + 2 * i_index] << 8) | i_reply[4 + 2 * i_index]);
 }
 
-// A String mid 3 and a PulseCounter mid 4 on line 1 (TCP), a String mid 3 on
-// line 2 (serial).
-std::string configuration(uint16_t i_port, const std::string& i_serial)
-{
-    return "<energy><line id=\"1\" adr=\"127.0.0.1:" + std::to_string(i_port) +
-           "\"><v type=\"2\" mid=\"3\" iid=\"1\" fid=\"0\"/><v type=\"5\" mid=\"4\" iid=\"2\" fid=\"0\"/></line>"
-           "<line id=\"2\" adr=\"" +
-           i_serial + "\"><v type=\"2\" mid=\"3\" iid=\"3\" fid=\"0\"/></line></energy>";
-}
-
-struct Sim {
-    kes_test::TempDir dir;
-    uint16_t port = kes_test::FreePort();
-    std::string serial = dir.File("dev/ttyUSB0");
-    kes_test::ChildProcess process;
-
-    bool Start(std::vector<std::string> i_options)
-    {
-        mkdir(dir.File("dev").c_str(), 0755);
-        kes_test::WriteFile(dir.File("conf.xml"), configuration(port, serial));
-        std::vector<std::string> argv = {kes_test::BinPath("kes_bus_sim"), "-conf", dir.File("conf.xml"), "-hour",
-                                         "12"};
-        argv.insert(argv.end(), i_options.begin(), i_options.end());
-        return process.Start(argv) && process.WaitForOutput("ready", 5000);
-    }
-};
-
+// Every refusal of an option comes with the help.
 TEST(BusSimCommandLine, RefusesWhatItCanNotServe)
 {
-    const std::vector<std::string> cases[] = {
-        {"-fault", "bogus:1"}, {"-fault", "late:1:3:50:20000"},
-        {"-fault", "silent"},  {"-fault", "crc:1:x"},
-        {"-drop", "1:2:3"},    {"-drop", "1:2"},
-        {"-speed", "0"},       {"-conf"},
-        {"-nonsense", "1"},
+    const std::pair<const char*, const char*> rows[] = {
+        {"-fault bogus:1", "kes_bus_sim: bad fault \"bogus:1\": KIND:LINE[:MID[:PERCENT[:VALUE]]]\n"},
+        {"-fault late:1:3:50:20000", "kes_bus_sim: a late reply waits at most 10000 ms\n"},
+        {"-fault silent", "kes_bus_sim: bad fault \"silent\""},
+        {"-fault crc:1:x", "kes_bus_sim: bad number \"x\" in fault \"crc:1:x\"\n"},
+        {"-drop 1:2:3", "kes_bus_sim: bad drop \"1:2:3\": LINE:EVERY:FOR[:TIMES] with EVERY > FOR > 0\n"},
+        {"-drop 1:2", "kes_bus_sim: bad drop \"1:2\""},
+        {"-speed 0", "kes_bus_sim: Option -speed takes a number in its range: \"0\"\n"},
+        {"-conf", "kes_bus_sim: Option -conf needs a value\n"},
+        {"-nonsense 1", "kes_bus_sim: Unknown option -nonsense\n"},
+        {"-conf /nonexistent/conf.xml", "kes_bus_sim: Failed to open file in file: /nonexistent/conf.xml"},
+        {"-h", "-fault KIND:LINE"},
     };
-    for (const auto& options : cases) {
+    for (const auto& row : rows) {
+        std::istringstream words(row.first);
         std::vector<std::string> argv = {kes_test::BinPath("kes_bus_sim")};
-        argv.insert(argv.end(), options.begin(), options.end());
+        for (std::string word; words >> word;)
+            argv.push_back(word);
         kes_test::ChildProcess sim;
         ASSERT_TRUE(sim.Start(argv));
-        EXPECT_EQ(sim.Wait(3000), 2) << options[0] << " " << (options.size() > 1 ? options[1] : "");
-        EXPECT_NE(sim.Output().find("Bus Simulator Help"), std::string::npos);
+        SCOPED_TRACE(row.first);
+        EXPECT_EQ(sim.Wait(3000), argv[1] == "-h" ? 0 : 2);
+        EXPECT_NE(sim.Output().find(row.second), std::string::npos) << sim.Output();
+        EXPECT_EQ(sim.Output().find("Bus Simulator Help") != std::string::npos, argv.size() != 3 || argv[1] != "-conf");
     }
-    kes_test::ChildProcess missing;
-    ASSERT_TRUE(missing.Start({kes_test::BinPath("kes_bus_sim"), "-conf", "/nonexistent/conf.xml"}));
-    EXPECT_EQ(missing.Wait(3000), 2);
-    kes_test::ChildProcess help;
-    ASSERT_TRUE(help.Start({kes_test::BinPath("kes_bus_sim"), "-h"}));
-    EXPECT_EQ(help.Wait(3000), 0);
-    EXPECT_NE(help.Output().find("-fault KIND:LINE"), std::string::npos);
 }
 
-struct FaultCase {
-    const char* fault;
-    size_t length; // of the reply to the spoiled device, 0 for none
-    bool validCrc;
-    uint8_t unit; // of that reply, when the CRC is valid
-    uint8_t function;
-};
-
-TEST(BusSimFaults, SpoilOnlyTheirDevice)
+// One simulator: line 1 (TCP) has a String module for each fault and a clean
+// PulseCounter mid 4; line 2 (serial) a clean String mid 3.
+TEST(BusSim, ServesItsLinesWithTheirFaults)
 {
-    const FaultCase cases[] = {
-        {"silent:1:3", 0, false, 0, 0},
-        {"crc:1:3", 9, false, 0, 0},
-        {"unit:1:3", 9, true, 3, 3},
-        {"exception:1:3", 5, true, 2, 0x83},
-        {"garbage:1:3:100:17", 17, false, 0, 0},
-        {"late:1:3:100:300", 9, true, 2, 3},
+    struct Row {
+        unsigned int mid;
+        const char* fault;
+        size_t length;    // of the reply, 0 for none
+        const char* head; // its unit and function when its CRC is valid
     };
-    for (const FaultCase& c : cases) {
-        SCOPED_TRACE(c.fault);
-        Sim sim;
-        ASSERT_TRUE(sim.Start({"-fault", c.fault})) << sim.process.Output();
-        int fd = connect_to(sim.port);
-        ASSERT_GE(fd, 0);
-        auto sent = std::chrono::steady_clock::now();
-        ASSERT_TRUE(kes_test::WriteAll(fd, read_request(2, 300, 2)));
-        Bytes reply = kes_test::ReadFor(fd, c.length ? c.length : 1, c.length ? 2000 : 300);
-        ASSERT_EQ(reply.size(), c.length) << kes_test::ToHex(reply);
-        if (c.length) {
-            EXPECT_EQ(crc_ok(reply), c.validCrc) << kes_test::ToHex(reply);
-            if (c.validCrc) {
-                EXPECT_EQ(reply[0], c.unit);
-                EXPECT_EQ(reply[1], c.function);
-            }
-        }
-        if (std::string(c.fault).rfind("late", 0) == 0) {
-            EXPECT_GE(std::chrono::steady_clock::now() - sent, std::chrono::milliseconds(290));
-        }
-        // the other device of the line is not touched
-        ASSERT_TRUE(kes_test::WriteAll(fd, read_request(5, 400, 3)));
-        reply = kes_test::ReadFor(fd, 11, 2000);
-        EXPECT_EQ(reply.size(), 11u);
-        EXPECT_TRUE(crc_ok(reply));
-        close(fd);
-        sim.process.Signal(SIGTERM);
-        EXPECT_EQ(sim.process.Wait(5000), 0);
+    const Row rows[] = {{3, "silent:1:3", 0, ""},          {5, "crc:1:5", 9, ""},
+                        {6, "unit:1:6", 9, "03 03"},       {7, "exception:1:7", 5, "02 83"},
+                        {8, "garbage:1:8:100:17", 17, ""}, {9, "late:1:9:100:200", 9, "02 03"}};
+    kes_test::TempDir dir;
+    mkdir(dir.File("dev").c_str(), 0755);
+    const uint16_t port = kes_test::FreePort();
+    const std::string serial = dir.File("dev/ttyUSB0");
+    std::string conf = "<energy><line id=\"1\" adr=\"127.0.0.1:" + std::to_string(port) +
+                       "\"><v type=\"5\" mid=\"4\" iid=\"2\" fid=\"0\"/>";
+    std::vector<std::string> argv = {
+        kes_test::BinPath("kes_bus_sim"), "-conf", dir.File("conf.xml"), "-hour", "12", "-speed", "7200"};
+    for (const Row& row : rows) {
+        conf += "<v type=\"2\" mid=\"" + std::to_string(row.mid) + "\" iid=\"1\" fid=\"0\"/>";
+        argv.insert(argv.end(), {"-fault", row.fault});
     }
-}
+    kes_test::WriteFile(dir.File("conf.xml"), conf + "</line><line id=\"2\" adr=\"" + serial +
+                                                  "\"><v type=\"2\" mid=\"3\" iid=\"3\" fid=\"0\"/></line></energy>");
+    kes_test::ChildProcess sim;
+    ASSERT_TRUE(sim.Start(argv) && sim.WaitForOutput("ready", 5000)) << sim.Output();
 
-TEST(BusSim, SerialLineEchoesAndAnswersAndLeavesNoLink)
-{
-    Sim sim;
-    ASSERT_TRUE(sim.Start({}));
-    int fd = open(sim.serial.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    ASSERT_GE(fd, 0) << sim.serial;
+    // The serial line echoes the request before the reply: at noon a string of
+    // some 600 V carrying current.
+    int fd = open(serial.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     termios settings;
-    ASSERT_EQ(tcgetattr(fd, &settings), 0);
+    ASSERT_TRUE(fd >= 0 && tcgetattr(fd, &settings) == 0) << serial;
     cfmakeraw(&settings);
     tcsetattr(fd, TCSANOW, &settings);
-    Bytes request = read_request(2, 300, 2);
+    const Bytes request = read_request(2, 300, 2);
     ASSERT_TRUE(kes_test::WriteAll(fd, request));
-    Bytes got = kes_test::ReadFor(fd, 8 + 9, 2000);
+    const Bytes got = kes_test::ReadFor(fd, 8 + 9, 2000);
+    close(fd);
     ASSERT_EQ(got.size(), 17u) << kes_test::ToHex(got);
+    const Bytes answer(got.begin() + 8, got.end());
     EXPECT_EQ(Bytes(got.begin(), got.begin() + 8), request);
-    Bytes reply(got.begin() + 8, got.end());
-    EXPECT_TRUE(crc_ok(reply));
-    EXPECT_EQ(reply[0], 2);
-    // noon: a string of some 600 V carrying current
-    EXPECT_GT(reg(reply, 0), 5000);
-    EXPECT_GT(reg(reply, 1), 100);
-    close(fd);
-    sim.process.Signal(SIGTERM);
-    EXPECT_EQ(sim.process.Wait(5000), 0);
-    struct stat link;
-    EXPECT_NE(lstat(sim.serial.c_str(), &link), 0);
-}
+    EXPECT_TRUE(crc_ok(answer) && answer[0] == 2 && reg(answer, 0) > 5000 && reg(answer, 1) > 100)
+        << kes_test::ToHex(answer);
 
-TEST(BusSim, PulseCountRisesAtTheRateOfItsPeriod)
-{
-    Sim sim;
-    // an hour of simulated time per second
-    ASSERT_TRUE(sim.Start({"-speed", "3600"}));
-    int fd = connect_to(sim.port);
-    ASSERT_GE(fd, 0);
-    auto count = [&](uint16_t* o_period) {
+    fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    for (const Row& row : rows) {
+        const auto sent = std::chrono::steady_clock::now();
+        ASSERT_TRUE(kes_test::WriteAll(fd, read_request(2, static_cast<uint16_t>(row.mid * 100), 2)));
+        const Bytes reply = kes_test::ReadFor(fd, row.length ? row.length : 1, row.length ? 2000 : 150);
+        EXPECT_EQ(reply.size(), row.length) << row.fault;
+        EXPECT_EQ(crc_ok(reply) ? kes_test::ToHex(Bytes(reply.begin(), reply.begin() + 2)) : "", row.head) << row.fault;
+        EXPECT_TRUE(row.mid != 9 || std::chrono::steady_clock::now() - sent >= std::chrono::milliseconds(190));
+    }
+    // The clean device of the line: its count rises at the rate of its period,
+    // two simulated hours a second.
+    auto count = [&]() {
         kes_test::WriteAll(fd, read_request(5, 400, 3));
-        Bytes reply = kes_test::ReadFor(fd, 11, 2000);
-        if (reply.size() != 11)
-            return 0.0;
-        *o_period = reg(reply, 2);
-        return static_cast<double>((static_cast<uint32_t>(reg(reply, 0)) << 16) | reg(reply, 1));
+        const Bytes reply = kes_test::ReadFor(fd, 11, 2000);
+        EXPECT_TRUE(reply.size() == 11 && crc_ok(reply)) << kes_test::ToHex(reply);
+        return reply.size() == 11 ? std::make_pair((reg(reply, 0) << 16 | reg(reply, 1)) * 1.0, reg(reply, 2))
+                                  : std::make_pair(0.0, uint16_t(1));
     };
-    uint16_t period = 0;
-    double first = count(&period);
-    auto start = std::chrono::steady_clock::now();
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    double second = count(&period);
-    double hours = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    ASSERT_GT(period, 0);
-    double expected = hours * 3600000.0 / period;
-    EXPECT_NEAR(second - first, expected, expected * 0.2) << "period " << period << " ms";
+    const auto first = count();
+    const auto start = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    const auto second = count();
+    const double hours = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() * 2;
+    const double expected = hours * 3600000.0 / second.second;
+    EXPECT_NEAR(second.first - first.first, expected, expected * 0.2) << "period " << second.second << " ms";
     close(fd);
+    // Its devices answer the bus's own frames under serials made of line, type and module.
+    kes_test::ChildProcess bus;
+    ASSERT_TRUE(bus.Start({kes_test::BinPath("kes_bus"), "-adr", "127.0.0.1:" + std::to_string(port), "-timeout", "50",
+                           "-attempts", "1", "find", "10105004"}));
+    EXPECT_EQ(bus.Wait(5000), 0);
+    EXPECT_EQ(bus.Output(), "found [PulseCounter] serial 10105004 module 4\n[PulseCounter] serial 10105004 module 4\n");
+    sim.Signal(SIGTERM);
+    EXPECT_EQ(sim.Wait(5000), 0);
+    struct stat link;
+    EXPECT_NE(lstat(serial.c_str(), &link), 0);
 }
 
 } // namespace

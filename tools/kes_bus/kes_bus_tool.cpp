@@ -402,6 +402,13 @@ std::string kesBusDeviceLine(const kesEnergyDevice& i_device)
 kesEBusOutcome kesBusRun(const kesBusOptions& i_options, const std::vector<std::string>& i_command,
                          std::string* o_error)
 {
+    kesBusTool tool(stderr);
+    return kesBusRun(i_options, i_command, o_error, tool);
+}
+
+kesEBusOutcome kesBusRun(const kesBusOptions& i_options, const std::vector<std::string>& i_command,
+                         std::string* o_error, kesBusTool& io_tool)
+{
     if (i_command.empty()) {
         *o_error = "No command given";
         return kesBusBadArguments;
@@ -418,8 +425,7 @@ kesEBusOutcome kesBusRun(const kesBusOptions& i_options, const std::vector<std::
             *o_error = "-conf goes with scan, scan-nomute, scan-fine and number";
             return kesBusBadArguments;
         }
-        kesBusTool tool(stderr);
-        kesBusContext context = {&i_options, &arguments, &tool, o_error, kesEnergyDevicePanel, {0, 0, 0, 0}};
+        kesBusContext context = {&i_options, &arguments, &io_tool, o_error, kesEnergyDevicePanel, {0, 0, 0, 0}};
         const kesEBusOutcome outcome = prepare(command, context);
         return outcome == kesBusOk ? command.run(context) : outcome;
     }

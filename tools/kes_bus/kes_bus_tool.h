@@ -47,6 +47,9 @@ enum kesEBusOutcome { kesBusOk = 0, kesBusFailed = 2, kesBusBadArguments = 3 };
 // bad arguments.
 kesEBusOutcome kesBusRun(const kesBusOptions& i_options, const std::vector<std::string>& i_command,
                          std::string* o_error);
+// The same on an engine of the caller's, not open yet.
+kesEBusOutcome kesBusRun(const kesBusOptions& i_options, const std::vector<std::string>& i_command,
+                         std::string* o_error, kesBusTool& io_tool);
 
 } // namespace kes
 
