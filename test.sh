@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs the whole suite: a plain build and
-# the .deb made from it, then AddressSanitizer + UndefinedBehaviorSanitizer (a
-# clang build that also holds the fuzz targets) and every fuzz target for a short
-# bounded time. KES_TSAN=1 adds the threaded tests under ThreadSanitizer.
+# the .deb made from it, then AddressSanitizer + UndefinedBehaviorSanitizer, and
+# every fuzz target (a clang build of the library alone) for a short bounded time.
+# KES_TSAN=1 adds the threaded tests under ThreadSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")"
 source ./scripts/deps.sh
@@ -31,9 +31,9 @@ echo "== package =="
 ./scripts/package_check.sh build
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer =="
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  CC=clang CXX=clang++ run_suite build-san "" -DKES_SANITIZE=ON -DKES_FUZZ=ON
+  run_suite build-asan "" -DKES_SANITIZE=ON
 echo "== fuzzing =="
-KES_FUZZ_DIR=build-san ./scripts/fuzz.sh "${KES_FUZZ_SECONDS:-10}"
+./scripts/fuzz.sh "${KES_FUZZ_SECONDS:-10}"
 if [ "${KES_TSAN:-0}" = 1 ]; then
   echo "== ThreadSanitizer, threaded tests =="
   TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \

@@ -240,6 +240,7 @@ void kesEnergy::clear_line_list()
         delete m_aLines[i];
     }
     m_aLines.clear();
+    m_mKeyLine.clear();
     if (m_pDavisMeteo) {
         m_pDavisMeteo->Stop();
         delete m_pDavisMeteo;

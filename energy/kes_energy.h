@@ -82,6 +82,9 @@ private:
     kesEnergyHistorySystem m_History;
     unsigned char m_uHistoryTime;
     kesArray<kesEnergyLine*> m_aLines;
+    // the line that polls each key: two lines of one id must not share one,
+    // or each would fill the other's values
+    kesMap<unsigned int, const kesEnergyLine*> m_mKeyLine;
     kesEnergyDavisMeteo* m_pDavisMeteo;
     kesMap<unsigned int, DataAddress*> m_mDataAddress;
     kesOsThread* m_pSigtermRelay;

@@ -196,6 +196,14 @@ kesEError kesEnergy::configure_line(const TiXmlElement* element)
         const unsigned int iid = kesString::AsULong(attribute(value, "iid"), 10);
         const unsigned char fid = static_cast<unsigned char>(kesString::AsULong(attribute(value, "fid"), 10));
         const unsigned short address = static_cast<unsigned short>(mid * 100u);
+        const unsigned int key = (static_cast<unsigned int>(address) << 16) | id;
+        const kesEnergyLine* owner = m_mKeyLine.GetKeyValue(key);
+        if (owner && owner != line) {
+            KES_LOG(kesErrorFailed, kesString("Module ") + kesString::FromULong(mid) +
+                                        " is already on another line of id " + kesString::FromInt(id) + ", value " +
+                                        kesString::FromULong(iid) + " skipped");
+            continue;
+        }
 
         if (iid != 0 && address != 0) {
             DataAddress* record = new (std::nothrow) DataAddress;
@@ -204,7 +212,7 @@ kesEError kesEnergy::configure_line(const TiXmlElement* element)
                 return KES_LOG(kesErrorOutOfMemory, "Can not create DataAddress");
             }
             record->fid = fid;
-            record->key = (static_cast<unsigned int>(address) << 16) | id;
+            record->key = key;
             record->iid = iid;
             record->next = nullptr;
             if (!add_to_dataaddress_map(record)) {
@@ -217,7 +225,8 @@ kesEError kesEnergy::configure_line(const TiXmlElement* element)
             delete line;
             return KES_LOG(kesErrorFailed, kesString("Can not register parameter ") + kesString::FromULong(iid));
         }
-        line->AddDevice(type, address);
+        if (line->AddDevice(type, address) == kesErrorOk)
+            m_mKeyLine[key] = line;
     }
 
     if (line->GetDeviceCount() == 0) {

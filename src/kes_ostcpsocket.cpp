@@ -118,6 +118,10 @@ kesEError kesOsTcpSocket::Open(const kesString& i_address, unsigned short i_port
         return kesErrorNetwork;
     }
 
+    // A bus frame that follows one with no reply must not wait for the
+    // gateway's delayed acknowledgement: the reply time-outs are shorter.
+    int noDelay = 1;
+    setsockopt(m_hSocket, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay));
     m_uFlags |= FLAG_CONNECTED;
     m_uConnectionTime = kesTime::GetTime() / 1000;
     return kesErrorOk;

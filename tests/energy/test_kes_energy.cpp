@@ -63,6 +63,9 @@ const ConfigCase CONFIG_CASES[] = {
     {"same_fid_twice_on_a_device", "<energy>" + line(1, value(2, 3, 1, 0) + value(2, 3, 2, 0)) + "</energy>", true,
      "kesEnergy::DataAddress already exist with same setting, skip...", 1, false},
     {"same_line_id_twice", "<energy>" + line(1, value(2, 3, 1, 0)) + line(1, value(2, 4, 2, 0)) + "</energy>", true, "", 2, false},
+    // one module on two lines of one id would fill each other's values
+    {"same_module_on_two_lines_of_one_id", "<energy>" + line(1, value(2, 3, 1, 0)) + line(1, value(1, 3, 2, 1)) + "</energy>",
+     true, "Module 3 is already on another line of id 1, value 2 skipped", 1, false},
     {"mid_zero_and_656", "<energy>" + line(1, value(2, 0, 1, 0) + value(2, 656, 2, 0)) + "</energy>", true, "", 1, false},
     {"line_in_any_case_without_port", "<energy><LINE id=\"1\" adr=\"127.0.0.1\">" + value(2, 3, 1, 0) + "</LINE></energy>", true, "", 1, false},
     {"two_davis", "<energy><davis adr=\"a:1\"/><DAVIS adr=\"b:2\"/></energy>", true, "", 0, true},
