@@ -3,15 +3,11 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <pty.h>
-#include <sys/resource.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -151,16 +147,6 @@ void LoopbackServer::Serve(Script i_script, int i_connections, int i_acceptTimeo
     });
 }
 
-void LoopbackServer::ServeNotingFirstEnd(std::atomic<bool>* o_firstSawEnd, int i_connections)
-{
-    Serve(
-        [o_firstSawEnd](int fd, int index) {
-            if (index == 0)
-                *o_firstSawEnd = ReadFor(fd, 1, 3000).empty();
-        },
-        i_connections);
-}
-
 void LoopbackServer::Join()
 {
     if (m_thread.joinable())
@@ -209,38 +195,6 @@ bool PtyPair::Replug()
 {
     CloseMaster();
     return open_pair();
-}
-
-DescriptorFloor::DescriptorFloor(int i_floor) : m_reached(false)
-{
-    int floor = i_floor < 0 ? FD_SETSIZE : i_floor;
-    rlimit limit = {};
-    if (getrlimit(RLIMIT_NOFILE, &limit) == -1)
-        return;
-    if (limit.rlim_cur < (rlim_t)floor + 64) {
-        limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, (rlim_t)floor + 64);
-        setrlimit(RLIMIT_NOFILE, &limit);
-        getrlimit(RLIMIT_NOFILE, &limit);
-        if (limit.rlim_cur < (rlim_t)floor + 64)
-            return;
-    }
-    for (int guard = 0; guard < floor + 1; ++guard) {
-        int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        if (fd == -1)
-            return;
-        if (fd >= floor) {
-            close(fd);
-            m_reached = true;
-            return;
-        }
-        m_taken.push_back(fd);
-    }
-}
-
-DescriptorFloor::~DescriptorFloor()
-{
-    for (int fd : m_taken)
-        close(fd);
 }
 
 } // namespace kes_test

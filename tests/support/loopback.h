@@ -52,9 +52,6 @@ public:
     // "127.0.0.1:<port>"
     std::string Address() const;
     void Serve(Script i_script, int i_connections = 1, int i_acceptTimeoutMs = 5000);
-    // Serve() with scripts that only wait, the first one noting whether the
-    // client ended its connection (a second Open drops the first).
-    void ServeNotingFirstEnd(std::atomic<bool>* o_firstSawEnd, int i_connections);
     // waits for the scripts to end
     void Join();
     // connections accepted so far
@@ -82,7 +79,6 @@ public:
 
     bool IsValid() const { return m_master != -1; }
     int Master() const { return m_master; }
-    const std::string& SlavePath() const { return m_slavePath; }
     const std::string& LinkPath() const { return m_linkPath; }
     // Closes the master: the slave side then reads 0 and fails writes with EIO,
     // as a USB adapter that was pulled out.
@@ -97,22 +93,6 @@ private:
     int m_master;
     std::string m_slavePath;
     std::string m_linkPath;
-};
-
-// Takes every free descriptor below i_floor (FD_SETSIZE by default), so that
-// the next descriptor opened is at or above it; gives them back at the end.
-class DescriptorFloor {
-public:
-    explicit DescriptorFloor(int i_floor = -1);
-    ~DescriptorFloor();
-    DescriptorFloor(const DescriptorFloor&) = delete;
-    DescriptorFloor& operator=(const DescriptorFloor&) = delete;
-    // false when the descriptor limit is too low to reach the floor
-    bool IsReached() const { return m_reached; }
-
-private:
-    std::vector<int> m_taken;
-    bool m_reached;
 };
 
 // Runs a peer procedure on a thread and joins it in the destructor.
