@@ -85,20 +85,13 @@ TEST_F(DaemonHistory, TotalsGrowEachTickAndContinueAfterARestart)
         const double step = totals[i] - (i ? totals[i - 1] : 0.0);
         EXPECT_TRUE(step > 5.4 && step < 5.85) << i << "\n" << Data("d");
     }
-    const struct {
-        const char* name;
-        const char* begins;
-    } files[] = {{"d", "H|10\n"},
-                 {"m", "D|15\n"},
-                 {"y", "M|6\n"},
-                 {"b", "Y|2026\n"},
-                 {"2026_06_15", "H|10\n"},
-                 {"2026_06", "D|15\n"},
-                 {"2026", "M|6\n"},
-                 {"offset_energy_day", "15\n1203|"},
-                 {"offset_pulse", "1402|123456.00\n"}};
-    for (const auto& f : files)
-        EXPECT_EQ(0u, Data(f.name).find(f.begins)) << f.name << "\n" << Data(f.name);
+    // clang-format off
+    const char* const begins[][2] = {{"d", "H|10\n"}, {"m", "D|15\n"}, {"y", "M|6\n"}, {"b", "Y|2026\n"},
+        {"2026_06_15", "H|10\n"}, {"2026_06", "D|15\n"}, {"2026", "M|6\n"}, {"offset_energy_day", "15\n1203|"},
+        {"offset_pulse", "1402|123456.00\n"}};
+    // clang-format on
+    for (const auto& f : begins)
+        EXPECT_EQ(0u, Data(f[0]).find(f[1])) << f[0] << "\n" << Data(f[0]);
     EXPECT_NE(Data("d").find("\n1402|123.5"), std::string::npos) << Data("d");
 
     // Later the same day: the total goes on from where it stood.

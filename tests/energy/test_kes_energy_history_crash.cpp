@@ -31,75 +31,69 @@ const unsigned int BASES[] = {10000, 20000, 30000}; // energy, value, pulse
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     kes::kesError::Level = 0;
-    {
-        FakeClockHistory history;
+    FakeClockHistory history;
+    for (unsigned int i = 0; i < PER_CLASS; ++i) {
+        history.RegisterParameterDouble(BASES[0] + i, kes::kesEnergyDeviceString, 2);
+        history.RegisterParameterDouble(BASES[1] + i, kes::kesEnergyDevicePanel, 0);
+        history.RegisterParameterDouble(BASES[2] + i, kes::kesEnergyDevicePulseCounter, 1);
+    }
+    history.SetClock(start);
+    history.Init(5);
+    history.SetHistoryFolder(folder);
+    history.Start();
+    std::mt19937 random(seed);
+    // Bounded: the test kills the writer long before.
+    for (int tick = 1; tick < 2000; ++tick) {
         for (unsigned int i = 0; i < PER_CLASS; ++i) {
-            history.RegisterParameterDouble(BASES[0] + i, kes::kesEnergyDeviceString, 2);
-            history.RegisterParameterDouble(BASES[1] + i, kes::kesEnergyDevicePanel, 0);
-            history.RegisterParameterDouble(BASES[2] + i, kes::kesEnergyDevicePulseCounter, 1);
+            if (random() % 10 != 0)
+                history.SetValueAsDouble(BASES[0] + i, random() % 3000);
+            if (random() % 10 != 0)
+                history.SetValueAsDouble(BASES[1] + i, (random() % 4000) / 10.0);
+            history.SetValueAsDouble(BASES[2] + i, 1000.0 * tick + i);
         }
-        history.SetClock(start);
-        history.Init(5);
-        history.SetHistoryFolder(folder);
-        history.Start();
-        std::mt19937 random(seed);
-        // Bounded: the test kills the writer long before.
-        for (int tick = 1; tick < 2000; ++tick) {
-            for (unsigned int i = 0; i < PER_CLASS; ++i) {
-                if (random() % 10 != 0)
-                    history.SetValueAsDouble(BASES[0] + i, random() % 3000);
-                if (random() % 10 != 0)
-                    history.SetValueAsDouble(BASES[1] + i, (random() % 4000) / 10.0);
-                history.SetValueAsDouble(BASES[2] + i, 1000.0 * tick + i);
-            }
-            history.SetClock(start + tick * 300000ull);
-            history.Tick();
-            if (write(ticked, "t", 1) != 1)
-                _exit(1);
-        }
+        history.SetClock(start + tick * 300000ull);
+        history.Tick();
+        if (write(ticked, "t", 1) != 1)
+            break;
     }
     _exit(0);
 }
 
-// Empty when the text is whole: it ends with a line feed, and blocks of 'lines'
-// lines, each a header of 'letter' (if any) and rows, fill it exactly.
-std::string Whole(const std::string& text, size_t lines, char letter)
+// Empty when the file is whole: it ends with a line feed, and blocks of a
+// header (the level's letter) and 3 * PER_CLASS rows fill it exactly; the offset
+// files hold a line per total.
+std::string Problem(const std::string& name, const std::string& text)
 {
     if (text.empty() || text.back() != '\n')
         return "cut at the end";
+    if (name.compare(0, 7, "offset_") == 0)
+        return std::count(text.begin(), text.end(), '\n') >= long(PER_CLASS) ? "" : "lines missing";
+    // Dated copies by the length of their date: 2015_12_31, 2015_12, 2015.
+    const size_t level = name == "d" || name.size() == 10  ? 0
+                         : name == "m" || name.size() == 7 ? 1
+                         : name == "y" || name.size() == 4 ? 2
+                         : name == "b"                     ? 3
+                                                           : 4;
+    if (level == 4)
+        return "unexpected file";
+    const size_t lines = 1 + 3 * PER_CLASS;
     size_t count = 0;
     for (size_t at = 0; at < text.size(); at = text.find('\n', at) + 1, ++count)
-        if (letter && (count % lines == 0) != (text[at] == letter))
+        if ((count % lines == 0) != (text[at] == "HDMY"[level]))
             return "line " + std::to_string(count) + " begins wrong";
     return count % lines == 0 ? "" : "a block is cut";
 }
 
-// Every file of the folder, checked by its kind; the count of files checked.
+// Checks every file of the folder; the count of files checked.
 int CheckFolder(const std::string& folder)
 {
     int checked = 0;
     DIR* dir = opendir(folder.c_str());
     while (struct dirent* entry = dir ? readdir(dir) : nullptr) {
         const std::string name = entry->d_name;
-        if (name[0] == '.' || name.find(".tmp") != std::string::npos)
-            continue;
-        const std::string text = kes_test::ReadFile(folder + "/" + name);
-        // Dated copies by the length of their date: 2015_12_31, 2015_12, 2015.
-        const size_t level = name == "d" || name.size() == 10  ? 0
-                             : name == "m" || name.size() == 7 ? 1
-                             : name == "y" || name.size() == 4 ? 2
-                             : name == "b"                     ? 3
-                                                               : 4;
-        std::string problem = "unexpected file";
-        if (level < 4)
-            problem = Whole(text, 1 + 3 * PER_CLASS, "HDMY"[level]);
-        else if (name.compare(0, 7, "offset_") == 0) // a line per total, the energy's after the day
-            problem =
-                !text.empty() && text.back() == '\n' && std::count(text.begin(), text.end(), '\n') >= long(PER_CLASS)
-                    ? ""
-                    : "cut";
-        EXPECT_EQ("", problem) << name;
-        ++checked;
+        if (name[0] != '.' && name.find(".tmp") == std::string::npos && ++checked) {
+            EXPECT_EQ("", Problem(name, kes_test::ReadFile(folder + "/" + name))) << name;
+        }
     }
     if (dir)
         closedir(dir);
