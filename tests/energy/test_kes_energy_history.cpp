@@ -1,10 +1,17 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <memory>
+#include <random>
 #include <set>
 #include <sstream>
 #include <string>
@@ -41,17 +48,17 @@ struct When {
     }
 };
 
-// Sets TZ for a case and puts the old one back.
+// Sets TZ for a case, if it has one, and puts the old one back.
 struct Zone {
     const char* tz;
-    const bool had = getenv("TZ") != nullptr;
-    const std::string old = had ? getenv("TZ") : "";
-    explicit Zone(const char* i_tz) : tz(i_tz) { Set(tz, tz != nullptr); }
-    ~Zone() { Set(had ? old.c_str() : nullptr, tz != nullptr); }
-    static void Set(const char* value, bool wanted = true)
+    const char* old = getenv("TZ");
+    const std::string kept = old ? old : "";
+    explicit Zone(const char* i_tz) : tz(i_tz) { Set(tz); }
+    ~Zone() { Set(tz ? (old ? kept.c_str() : "") : nullptr); }
+    static void Set(const char* value)
     {
-        if (wanted)
-            value ? setenv("TZ", value, 1) : unsetenv("TZ");
+        if (value)
+            *value ? setenv("TZ", value, 1) : unsetenv("TZ");
         tzset();
     }
 };
@@ -75,13 +82,11 @@ std::vector<Param> EveryFid()
     return params;
 }
 
-enum Act {
-    START,     // a new store; its samples come before Start and are dropped
-    TICK,      // samples, then the tick
-    STOPSTART, // Stop and Start again, at the same time
-    LOST       // a tick while the folder is missing
-};
+// START: a new store, whose samples come before Start and are dropped; TICK:
+// samples, then the tick; STOPSTART: Stop and Start again at the same time;
+// LOST: a tick while the folder is missing.
 // clang-format off
+enum Act { START, TICK, STOPSTART, LOST };
 // A sample msBefore the tick, or at the start of the interval for 0.
 struct Sample { unsigned int uid; double value; unsigned int msBefore = 0; };
 // One or more file names, apart by blanks, that hold the same text; nullptr: no such file.
@@ -197,15 +202,12 @@ TEST_F(HistorySystem, InitRoundsUpToADivisorOfTheHour)
 TEST_F(HistorySystem, AlarmStatusLinesAreAppended)
 {
     // The folder gets one separator however many it came with.
-    const struct {
-        const char* suffix;
-        When at;
-        unsigned int uid, status;
-        const char* expected;
-    } cases[] = {
+    // clang-format off
+    const struct { const char* suffix; When at; unsigned int uid, status; const char* expected; } cases[] = {
         {"", {201503070905, 0, 59}, 17, 3, "201503070905|17|3\n"},
         {"//", 201512312300, 4000000000u, 255, "201503070905|17|3\n201512312300|4000000000|255\n"},
     };
+    // clang-format on
     for (const auto& c : cases) {
         FakeClockHistory history;
         history.SetClock(c.at.Ms());
@@ -289,13 +291,6 @@ TEST_F(HistorySystem, TicksWriteTheFilesOfEveryLevel)
               {"d 2016_01_01", "H|0\n101|600|600|600|0|1200|1200|1200|100\n201|30|30|30|40|40|40\n301|2|3\n"},
               {"m 2016_01", yearEnd.c_str()}, {"y 2016", firstMonth.c_str()},
               {"b", "Y|2015\n101|50\n201|20|20|20\n301|1\nY|2016\n101|100\n201|35|30|40\n301|3\n"}}}}},
-        {"month end begins a new year block", nullptr, 60, EXAMPLE, {}, {{START, 201503312200, {}, {}},
-            {TICK, 201503312300, {}, {}}, {TICK, 201504010000, {{ENERGY, 600}}, {}},
-            {TICK, 201504010100, {{ENERGY, 600}},
-             {{"2015_03_31", "H|23\n101|f|f|f|0\n201|f|f|f\n301|0\n"}, {"2015_03", "D|31\n101|0\n201|0|0|0\n301|0\n"},
-              {"m", "D|1\n101|600\n201|0|0|0\n301|0\n"},
-              {"y 2015", "M|3\n101|0\n201|0|0|0\n301|0\nM|4\n101|600\n201|0|0|0\n301|0\n"},
-              {"b", "Y|2015\n101|600\n201|0|0|0\n301|0\n"}}}}},
         // The empty piece behind the last line feed reads back as UID 0.
         {"restart on the same day continues the totals", nullptr, 5, EXAMPLE, {}, {{START, 201503141000, {}, {}},
             {TICK, 201503141005, {{ENERGY, 1200}, {PULSE, 5000}}, {}}, {START, 201503141007, {}, {}},
@@ -334,10 +329,6 @@ TEST_F(HistorySystem, TicksWriteTheFilesOfEveryLevel)
         {"offsets of another day", nullptr, 5, EXAMPLE, {{"offset_energy_day", "13\n101|12.50\n"},
             {"offset_pulse", "301|7000\n"}}, {{START, 201503141000, {}, {}}, {TICK, 201503141005, {{PULSE, 5000}},
             {{"d", "H|10\n101|f|f|f|0\n201|f|f|f\n301|12\n"}, {"offset_energy_day", noOffsets}}}}},
-        {"empty offset files", nullptr, 5, EXAMPLE, {{"offset_energy_day", ""}, {"offset_pulse", ""}}, {
-            {START, 201503141000, {}, {}}, {TICK, 201503141005, {}, {{"offset_energy_day", noOffsets},
-                                                                     {"offset_pulse", "301|0.00\n"}}}},
-         nullptr, "Can not read offset file"},
         // Without the energy offsets the pulse offsets are not read at all.
         {"no energy offsets", nullptr, 5, EXAMPLE, {{"offset_pulse", "301|1000000.00\n"}}, {
             {START, 201503141000, {}, {}}, {TICK, 201503141005, {{PULSE, 5000}},
@@ -432,24 +423,23 @@ TEST_F(HistorySystem, ReplacementKeepsWhatTheUserSetUp)
         kes_test::WriteFile(m_dir->File(name), "x");
     kes_test::WriteFile(disk.File("b.tmp"), "x");
 
-    Run({"month end",
-         nullptr,
-         5,
-         EXAMPLE,
-         {},
-         {{START, 201503312350, {}, {}},
-          {TICK, 201503312355, {{ENERGY, 600}}, {}},
-          {TICK, 201504010000, {{ENERGY, 600}}, {}}}},
-        false);
-    // The links stay and lead to the new text; the linked month was copied to
-    // its dated name at the rollover.
+    // A month end: the year file begins a new block, the begin file keeps its
+    // year's; the linked month was copied to its dated name at the rollover.
+    const std::string rest = "201|0|0|0\n301|0\n", april = "D|1\n101|0\n" + rest,
+                      march = "D|30\n101|1\nD|31\n101|50\n" + rest,
+                      year = "M|3\n101|51\n" + rest + "M|4\n101|0\n" + rest,
+                      begin = "Y|2014\n101|7\nY|2015\n101|51\n" + rest;
+    // clang-format off
+    Run({"month end", nullptr, 5, EXAMPLE, {}, {{START, 201503312350, {}, {}},
+         {TICK, 201503312355, {{ENERGY, 600}}, {}}, {TICK, 201504010000, {{ENERGY, 600}},
+          {{"m", april.c_str()}, {"2015_03", march.c_str()}, {"y 2015", year.c_str()}, {"b", begin.c_str()}}}}}, false);
+    // clang-format on
+    // The links stay and lead to the new text.
     for (const char* name : {"b", "m"}) {
         char target[512] = {};
         ASSERT_LT(0, readlink(m_dir->File(name).c_str(), target, sizeof(target) - 1));
         EXPECT_EQ(disk.File(name), target);
     }
-    EXPECT_EQ(0u, kes_test::ReadFile(disk.File("b")).find("Y|2014\n101|7\nY|2015\n"));
-    EXPECT_TRUE(Read("m").find("D|1\n") == 0 && Read("2015_03").find("D|30\n101|1\nD|31\n") == 0);
     // The day file keeps its bits and owner, also as the new file after its rollover.
     for (const char* name : {"d", "2015_03_31"}) {
         struct stat info;
@@ -477,8 +467,6 @@ TEST(HistoryIntruder, IsNamedInARecordAndLeftAsItWas)
                 kes_test::WriteFile(dir.File("offset_energy_day"), "14\n101|1.00\n");
             FakeClockHistory history;
             history.RegisterParameterDouble(ENERGY, kesEnergyDeviceString, 2);
-            history.SetLocal(2015, 3, 14, 10, 0);
-            history.Init(5);
             history.SetHistoryFolder(dir.Path());
             // False for root, who reads every file.
             kes_test::RefusesIntruder(dir.File(name), intruder, [&history] {
@@ -488,4 +476,111 @@ TEST(HistoryIntruder, IsNamedInARecordAndLeftAsItWas)
                 history.UpdateAlarmStatusFile(17, 3);
             });
         }
+}
+
+namespace {
+
+const unsigned int PER_CLASS = 100;
+const unsigned int BASES[] = {10000, 20000, 30000}; // energy, value, pulse
+
+// Ticks every 5 minutes of its clock, as fast as the disk lets it, until killed;
+// a byte on 'ticked' after each tick.
+[[noreturn]] void RunWriter(const std::string& folder, unsigned long long start, unsigned int seed, int ticked)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    kes::kesError::Level = 0;
+    FakeClockHistory history;
+    for (unsigned int i = 0; i < PER_CLASS; ++i) {
+        history.RegisterParameterDouble(BASES[0] + i, kes::kesEnergyDeviceString, 2);
+        history.RegisterParameterDouble(BASES[1] + i, kes::kesEnergyDevicePanel, 0);
+        history.RegisterParameterDouble(BASES[2] + i, kes::kesEnergyDevicePulseCounter, 1);
+    }
+    history.SetClock(start);
+    history.Init(5);
+    history.SetHistoryFolder(folder);
+    history.Start();
+    std::mt19937 random(seed);
+    // Bounded: the test kills the writer long before.
+    for (int tick = 1; tick < 2000; ++tick) {
+        for (unsigned int i = 0; i < PER_CLASS; ++i) {
+            if (random() % 10 != 0)
+                history.SetValueAsDouble(BASES[0] + i, random() % 3000);
+            if (random() % 10 != 0)
+                history.SetValueAsDouble(BASES[1] + i, (random() % 4000) / 10.0);
+            history.SetValueAsDouble(BASES[2] + i, 1000.0 * tick + i);
+        }
+        history.SetClock(start + tick * 300000ull);
+        history.Tick();
+        if (write(ticked, "t", 1) != 1)
+            break;
+    }
+    _exit(0);
+}
+
+// Empty when the file is whole: it ends with a line feed, and blocks of a
+// header (the level's letter) and 3 * PER_CLASS rows fill it exactly; the offset
+// files hold a line per total.
+std::string Problem(const std::string& name, const std::string& text)
+{
+    if (text.empty() || text.back() != '\n')
+        return "cut at the end";
+    if (name.compare(0, 7, "offset_") == 0)
+        return std::count(text.begin(), text.end(), '\n') >= long(PER_CLASS) ? "" : "lines missing";
+    // Dated copies by the length of their date: 2015_12_31, 2015_12, 2015.
+    const size_t n = name.size(), level = n == 10 ? 0 : n == 7 ? 1 : n == 4 ? 2 : std::string("dmyb").find(name);
+    if (level > 3)
+        return "unexpected file";
+    const size_t lines = 1 + 3 * PER_CLASS;
+    size_t count = 0;
+    for (size_t at = 0; at < text.size(); at = text.find('\n', at) + 1, ++count)
+        if ((count % lines == 0) != (text[at] == "HDMY"[level]))
+            return "line " + std::to_string(count) + " begins wrong";
+    return count % lines == 0 ? "" : "a block is cut";
+}
+
+// Checks every file of the folder; the count of files checked.
+int CheckFolder(const std::string& folder)
+{
+    int checked = 0;
+    for (const std::string& name : Names(folder))
+        if (name.find(".tmp") == std::string::npos && ++checked) {
+            EXPECT_EQ("", Problem(name, kes_test::ReadFile(folder + "/" + name))) << name;
+        }
+    return checked;
+}
+
+} // namespace
+
+TEST(HistoryCrash, AWriterKilledAtAnyMomentLeavesWholeFiles)
+{
+    kes_test::TempDir folder;
+    std::mt19937 random(20151231);
+    // Each writer starts later on the clock, so the rounds cross a midnight, a
+    // month end and a year end.
+    const unsigned long long first = LocalMs(2015, 12, 31, 23, 0);
+    const int ROUNDS = 16;
+    int checked = 0;
+    for (int round = 0; round < ROUNDS && !HasFailure(); ++round) {
+        int ticked[2];
+        ASSERT_EQ(0, pipe(ticked));
+        const pid_t child = fork();
+        ASSERT_NE(-1, child);
+        if (child == 0)
+            RunWriter(folder.Path(), first + round * 25 * 60000ull, random(), ticked[1]);
+        // The kill lands within the ticks, not in the registration before them.
+        pollfd first_tick = {ticked[0], POLLIN, 0};
+        EXPECT_EQ(1, poll(&first_tick, 1, 10000));
+        std::this_thread::sleep_for(std::chrono::milliseconds(random() % 40));
+        kill(child, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(child, waitpid(child, &status, 0));
+        close(ticked[0]);
+        close(ticked[1]);
+        ASSERT_TRUE(WIFSIGNALED(status)) << "the writer ended by itself";
+        checked += CheckFolder(folder.Path());
+    }
+    // The writers got far enough to leave the files of every level.
+    EXPECT_GT(checked, ROUNDS * 4);
+    for (const char* name : {"d", "m", "y", "b", "offset_energy_day", "offset_pulse"})
+        EXPECT_EQ(0, access((folder.Path() + "/" + name).c_str(), F_OK)) << name;
 }

@@ -2,7 +2,6 @@
 
 namespace kes_test {
 
-using kes::kesArray;
 using kes::kesString;
 
 namespace {
@@ -28,7 +27,7 @@ void GenerateHistory(unsigned int perClass, unsigned int hours, unsigned int gro
 {
     GeneratedHistory& h = *o_history;
     h = GeneratedHistory();
-    kesArray<kesString>* uids[] = {&h.energyUids, &h.valueUids, &h.pulseUids};
+    kes::kesArray<kesString>* uids[] = {&h.energyUids, &h.valueUids, &h.pulseUids};
     for (unsigned int i = 0; i < perClass; ++i)
         for (unsigned int kind = 0; kind < 3; ++kind)
             uids[kind]->AddBack(kesString::FromULong(100000 * (kind + 1) + i));
