@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -10,6 +9,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <random>
 #include <set>
@@ -98,11 +98,12 @@ struct Scenario {
 };
 // clang-format on
 
-std::vector<Sample> Held(unsigned int value)
+// Every parameter of EveryFid held at UID * 100 through the interval.
+std::vector<Sample> Held()
 {
     std::vector<Sample> samples;
     for (const Param& p : EveryFid())
-        samples.push_back({p.uid, p.uid * 100.0 + value, 0});
+        samples.push_back({p.uid, p.uid * 100.0});
     return samples;
 }
 
@@ -343,7 +344,7 @@ TEST_F(HistorySystem, TicksWriteTheFilesOfEveryLevel)
             {STOPSTART, 201503141000, {}, {}}, {TICK, 201503141005, {{ENERGY, 1200}}, {{"d", "H|10\n"}}}}},
         // Which row each fid of each device type gets, and which totals are kept.
         {"every fid of every device type", nullptr, 60, EveryFid(), {}, {{START, 201503140900, {}, {}},
-            {TICK, 201503141000, Held(0),
+            {TICK, 201503141000, Held(),
              {{"d", "H|10\n202|20200|20200|20200|20200\n302|30200|30200|30200|30200\n602|60200|60200|60200|60200\n"
                     "604|60400|60400|60400|60400\n702|70200|70200|70200|70200\n704|70400|70400|70400|70400\n"
                     "706|70600|70600|70600|70600\n708|70800|70800|70800|70800\n"
@@ -397,12 +398,8 @@ TEST_F(HistorySystem, TheTimerTicksAtTheBoundary)
 static std::set<std::string> Names(const std::string& folder)
 {
     std::set<std::string> found;
-    DIR* dir = opendir(folder.c_str());
-    while (dirent* entry = dir ? readdir(dir) : nullptr)
-        if (entry->d_name[0] != '.')
-            found.insert(entry->d_name);
-    if (dir)
-        closedir(dir);
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        found.insert(entry.path().filename().string());
     return found;
 }
 

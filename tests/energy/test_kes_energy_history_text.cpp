@@ -14,17 +14,10 @@ using namespace kes::Energy;
 
 namespace {
 
-// Times in ms from an arbitrary origin that is not 0, which would mean "no sample".
-unsigned int At(double seconds)
-{
-    return 5000000 + static_cast<unsigned int>(static_cast<long long>(seconds * 1000));
-}
-
 kesArray<kesString> List(std::initializer_list<const char*> items)
 {
     kesArray<kesString> list;
-    for (const char* item : items)
-        list.AddBack(item);
+    list.assign(items.begin(), items.end());
     return list;
 }
 
@@ -139,11 +132,14 @@ TEST(HistoryDouble, ClosesTheIntervalWithTheTimeWeightedAverage)
         {"clock stepped back", {{100, 10}, {50, 30}}, 60, 300000, "20", 10, 30},
     };
     // clang-format on
+    // Times in ms from an origin that is not 0, which would mean "no sample".
+    const unsigned int ORIGIN = 5000000;
     for (const auto& c : cases) {
         kesEnegyHistoryDouble parameter(2, kes::kesEnergyDeviceString);
         for (const auto& sample : c.samples)
-            parameter.Add(sample.second, At(sample.first));
-        const kesEnegyHistoryFigures figures = parameter.Close(At(c.tick), c.intervalMs);
+            parameter.Add(sample.second, ORIGIN + static_cast<unsigned int>(sample.first * 1000));
+        const kesEnegyHistoryFigures figures =
+            parameter.Close(ORIGIN + static_cast<unsigned int>(c.tick * 1000), c.intervalMs);
         EXPECT_FALSE(figures.noData) << c.name;
         EXPECT_EQ(kesString(c.average), kesString::FromDouble(figures.average, 1)) << c.name;
         EXPECT_EQ(c.minimum, figures.minimum) << c.name;
@@ -170,7 +166,6 @@ TEST(HistoryPulse, CountsOnFromTheBaseAfterAMeterReset)
         for (size_t i = 0; i < c.counts.size(); ++i) {
             storage.SetPower(c.counts[i]);
             EXPECT_DOUBLE_EQ(c.totals[i], storage.m_dTotal) << c.name << " step " << i;
-            EXPECT_EQ(c.counts[i], storage.m_dPower) << c.name;
         }
         EXPECT_DOUBLE_EQ(c.finalBase, storage.m_dBase) << c.name;
     }
