@@ -416,7 +416,7 @@ TEST_F(HistorySystem, ReplacementKeepsWhatTheUserSetUp)
     ASSERT_EQ(0, chmod(m_dir->File("d").c_str(), 0640));
     const bool root = geteuid() == 0;
     ASSERT_TRUE(!root || chown(m_dir->File("d").c_str(), 1234, 5678) == 0);
-    for (const char* name : {"d.tmp", "y.tmp", "2015_03_31.tmp", "offset_pulse.tmp", "notes.tmp"})
+    for (const char* name : {"d.tmp", "y.tmp", "2015_03_31.tmp", "2014.tmp", "offset_pulse.tmp", "notes.tmp"})
         kes_test::WriteFile(m_dir->File(name), "x");
     kes_test::WriteFile(disk.File("b.tmp"), "x");
 

@@ -98,7 +98,7 @@ TEST(HistoryLevelRows, CondenseTheRowsBelow)
          "5|10|8|12\n"},
         {"value without rows has none, energy and pulse have 0", "D|1\n", &MONTH_RULES, {"1"}, {"2"}, {"3"},
          "1|0\n3|0\n"},
-        {"latest total, a missing one keeps it", "D|1\n1|5|5|5|10|f|f|f|f\n", &MONTH_RULES, {"1"}, {}, {}, "1|10\n"},
+        {"latest total, a missing one keeps it", "D|1\n1|5|5|5|10|f|f|f|F\n", &MONTH_RULES, {"1"}, {}, {}, "1|10\n"},
         {"a blank last piece reads as 0, not as the next line", "D|1\n2|10|9|\n11\n1|1|1| \n7\n", &MONTH_RULES,
          {"1"}, {"2"}, {}, "1|0\n2|10|9|0\n"},
         {"a blank row reads as 0 in the year", "D|1\n1| \n5\n", &YEAR_RULES, {"1"}, {}, {}, "1|0\n"},
@@ -153,7 +153,7 @@ TEST(HistoryPulse, CountsOnFromTheBaseAfterAMeterReset)
     // clang-format off
     const struct { const char* name; double base, total; std::vector<double> counts, totals; double finalBase; } cases[] = {
         {"restart, meter went on counting", 1000, 0, {1010}, {1010}, 1000},
-        {"restart, count at the base within the tolerance", 1000, 0, {1000.005}, {1000.005}, 1000},
+        {"restart, count just below the base, within the tolerance", 1000, 0, {999.995}, {999.995}, 1000},
         {"restart, meter was reset", 1000, 0, {5, 7}, {1005, 1007}, 1000},
         {"reset in a running system", 0, 600, {3, 4}, {600, 604}, 600},
         {"count passes the base again", 0, 600, {3, 700, 5}, {600, 700, 700}, 700},
