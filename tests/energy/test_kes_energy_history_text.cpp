@@ -102,6 +102,7 @@ TEST(HistoryLevelRows, CondenseTheRowsBelow)
         {"a blank last piece reads as 0, not as the next line", "D|1\n2|10|9|\n11\n1|1|1| \n7\n", &MONTH_RULES,
          {"1"}, {"2"}, {}, "1|0\n2|10|9|0\n"},
         {"a blank row reads as 0 in the year", "D|1\n1| \n5\n", &YEAR_RULES, {"1"}, {}, {}, "1|0\n"},
+        {"a last row without its line feed reads empty", "D|1\n1|5", &YEAR_RULES, {"1"}, {}, {}, "1|0\n"},
         {"energy total on a cut row is not read", "D|1\n1|5|5|5\n", &MONTH_RULES, {"1"}, {}, {}, "1|0\n"},
         {"missing pulse takes the storage", "D|1\n301|f\n302|7|f\n", &MONTH_RULES, {}, {}, {"301", "302"},
          "301|1205300\n302|0\n"},
