@@ -14,17 +14,12 @@
 namespace kes_test {
 
 // Milliseconds since the epoch of a local date and time.
-inline unsigned long long LocalMs(int year, int month, int day, int hour, int minute, int second = 0, int ms = 0)
+inline unsigned long long LocalMs(int year, int month, int day, int hour, int minute, int second = 0)
 {
     struct tm local = {};
-    local.tm_year = year - 1900;
-    local.tm_mon = month - 1;
-    local.tm_mday = day;
-    local.tm_hour = hour;
-    local.tm_min = minute;
-    local.tm_sec = second;
-    local.tm_isdst = -1;
-    return static_cast<unsigned long long>(mktime(&local)) * 1000ull + static_cast<unsigned long long>(ms);
+    local.tm_year = year - 1900, local.tm_mon = month - 1, local.tm_mday = day;
+    local.tm_hour = hour, local.tm_min = minute, local.tm_sec = second, local.tm_isdst = -1;
+    return static_cast<unsigned long long>(mktime(&local)) * 1000ull;
 }
 
 // A folder in memory where there is one: every file the store replaces is
@@ -39,9 +34,8 @@ public:
     }
     ~MemoryDir()
     {
-        nftw(
-            m_path.c_str(), [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); }, 8,
-            FTW_DEPTH | FTW_PHYS);
+        auto remove_one = [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); };
+        nftw(m_path.c_str(), remove_one, 8, FTW_DEPTH | FTW_PHYS);
     }
     const std::string& Path() const { return m_path; }
     std::string File(const std::string& name) const { return m_path + "/" + name; }
@@ -51,33 +45,28 @@ private:
 };
 
 // The history store on a clock the test sets. Its timer thread runs but does
-// nothing: the test drives each tick through Tick() at the time it chose.
+// nothing unless let: the test drives each tick through Tick().
 class FakeClockHistory : public kes::Energy::kesEnergyHistorySystem {
 public:
     FakeClockHistory() : m_ms(LocalMs(2015, 3, 14, 9, 0)) {}
+    // Stopped while still of this class, so the thread never reaches the real tick.
     ~FakeClockHistory() override
     {
-        // Stopped while the object is still of this class, so the thread never
-        // reaches the real tick during destruction.
         Stop();
         kes::kesTimer::Stop();
     }
-
     void SetClock(unsigned long long ms) { m_ms = ms; }
-    void SetLocal(int year, int month, int day, int hour, int minute, int second = 0, int ms = 0)
+    void SetLocal(int year, int month, int day, int hour, int minute, int second = 0)
     {
-        m_ms = LocalMs(year, month, day, hour, minute, second, ms);
+        m_ms = LocalMs(year, month, day, hour, minute, second);
     }
-
     void Tick() { kes::Energy::kesEnergyHistorySystem::OnTimer(); }
-    // Lets the timer's own thread run the real tick too.
     void LetTimerTick(bool allowed) { m_timerTicks = allowed; }
     void OnTimer() override
     {
         if (m_timerTicks)
             Tick();
     }
-
     unsigned int ComputeTime()
     {
         unsigned int ms = 0;
