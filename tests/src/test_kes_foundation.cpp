@@ -71,10 +71,8 @@ struct Gateway {
     {
         server.Serve([this, i_first, i_second, i_closes](int fd, int) {
             WriteAll(fd, i_first);
-            if (!i_second.empty()) {
-                pause_ms(10);
-                WriteAll(fd, i_second);
-            }
+            pause_ms(i_second.empty() ? 0 : 10);
+            WriteAll(fd, i_second);
             done.Wait(i_closes ? 0 : 5000);
         });
     }
@@ -104,26 +102,20 @@ struct RecordingTimer : kesTimer {
     void OnTimerStart() override { ++starts; }
     void OnTimerStop() override { ++stops; }
     unsigned int get_loop_time() override { return kesTime::GetTime() + ((++calls & 1) ? jitter : 0); }
-    std::atomic<int> ticks{0}, starts{0}, stops{0};
-    std::atomic<unsigned int> calls{0};
+    std::atomic<unsigned int> ticks{0}, starts{0}, stops{0}, calls{0};
     unsigned int jitter = 0;
 };
 
 // Routes the log to a file of a temporary folder for the length of a test.
-class LogToFile : public ::testing::Test {
-protected:
-    void SetUp() override
+struct LogToFile : ::testing::Test {
+    static void Route(unsigned int i_level, const kesString& i_file, unsigned int i_size)
     {
-        kesError::Level = kesErrorOutFile, kesError::LogFile = m_dir.File("kes.log");
+        kesError::Level = i_level, kesError::LogFile = i_file, kesError::LogFileSize = i_size;
         kesError::_current_log_filesize = 0;
     }
-    void TearDown() override
-    {
-        kesError::Level = m_level, kesError::LogFile = m_file, kesError::LogFileSize = m_size;
-        kesError::_current_log_filesize = 0;
-    }
+    LogToFile() { Route(kesErrorOutFile, m_dir.File("kes.log"), m_size); }
+    ~LogToFile() override { Route(m_level, m_file, m_size); }
     std::string Log() { return ReadFile(m_dir.File("kes.log")); }
-
     TempDir m_dir;
     unsigned int m_level = kesError::Level, m_size = kesError::LogFileSize;
     kesString m_file = kesError::LogFile;
@@ -158,7 +150,7 @@ TEST(OsTcpSocket, AddressFormsAndFailedConnections)
     }
 }
 
-TEST(OsTcpSocket, ReplyShapes)
+TEST(OsTcpSocket, ReplyShapesAndAVanishedPeer)
 {
     // the reply at once or in two goes, whether the peer closes; the result, the count, whether it stays open
     const Bytes reply = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
@@ -177,10 +169,7 @@ TEST(OsTcpSocket, ReplyShapes)
         // neither a time-out nor a closing peer is a failure to log
         expect_records(errors, {}, seen);
     }
-}
-
-TEST(OsTcpSocket, SendToAVanishedPeerIsEpipeWithoutSignal)
-{
+    // a send to a vanished peer is an EPIPE, without a signal
     struct sigaction counting = {}, saved = {};
     counting.sa_handler = [](int) { ++g_sigpipes; };
     sigaction(SIGPIPE, &counting, &saved);
@@ -204,8 +193,7 @@ TEST(OsTcpSocket, LifeOfAConnection)
     // the first connection notes its end, the second sends five bytes, the third takes a big send
     std::atomic<bool> firstSawEnd{false};
     Bytes got, big(100000);
-    for (size_t i = 0; i < big.size(); ++i)
-        big[i] = (unsigned char)(i * 7);
+    std::iota(big.begin(), big.end(), 0);
     LoopbackServer server;
     server.Serve(
         [&](int fd, int index) {
@@ -265,11 +253,10 @@ TEST(UdpSocket, WholeDatagramsThenRefusalsOnceClosed)
               SEEN(socket.SetTo("127.0.0.1:" + std::to_string(receiver.Port()), receiver.Port() ^ 1),
                    socket.Send(big.data(), 1400), socket.Send("", 0), receiver.Receive(&first),
                    receiver.Receive(&second), first == big, second.size()));
-    EXPECT_TRUE(socket.SetReceiveTimeOut(250) && socket.SetSendTimeOut(1500));
+    EXPECT_EQ("1 1 1 1 0", SEEN(socket.SetReceiveTimeOut(250), socket.SetSendTimeOut(1500),
+                                socket.GetMaxMessageSize() > 0, socket.IsReadyToSend(0), socket.IsReadyToReceive(5)));
     EXPECT_NEAR(250u, socket.GetReceiveTimeOut(), 20u);
     EXPECT_NEAR(1500u, socket.GetSendTimeOut(), 20u);
-    EXPECT_EQ(SEEN(kesOsSocketTypeUdp, 1, 1, 0), SEEN(socket.GetType(), socket.GetMaxMessageSize() > 0,
-                                                      socket.IsReadyToSend(0), socket.IsReadyToReceive(5)));
     ErrorCapture errors;
     // an unknown host leaves the all-ones address: refused, never a crash
     EXPECT_EQ(SEEN(kesErrorNetwork, 1, 1), SEEN(socket.SetTo("no-such-host.invalid", 9), socket.Send("x", 1) <= 1,
@@ -325,9 +312,8 @@ TEST(OsSerialCom, ReceiveGivesWhatCameWithinTheTime)
     kesOsSerialCom port(false);
     ASSERT_EQ(kesErrorOk, open_8n1(port, pty.LinkPath()));
     ErrorCapture errors;
+    const Bytes bytes = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
     for (const auto& [first, second, length, timeOut, expected] : cases) {
-        Bytes bytes(first + second);
-        std::iota(bytes.begin(), bytes.end(), 1);
         WriteAll(pty.Master(), bytes.data(), first);
         ASSERT_TRUE(first == 0 || port.IsReadyToReceive(1000));
         PeerThread peer([&, first = first, second = second] {
@@ -378,7 +364,7 @@ TEST(OsSerialCom, OpenPortReadsFlushesAndHasNoModemLines)
               SEEN(port.Close(), port.Close(), port.calls));
 }
 
-TEST(OsSerialCom, AdapterPulledOutOrMissing)
+TEST(OsSerialCom, AdapterPulledOutMissingOrBack)
 {
     PtyPair pty;
     kesOsSerialCom port(false);
@@ -392,8 +378,7 @@ TEST(OsSerialCom, AdapterPulledOutOrMissing)
               SEEN(port.Receive(buffer, sizeof(buffer), 5, 20), port.Flush(), port.Send(buffer, 8), port.IsValid(),
                    port.Close(), port.IsValid()));
     expect_records(errors, {"Can not flush serial\nStd Error 5 ", "write(...) == -1\nStd Error 5 "});
-    TempDir dir;
-    std::string missing = dir.Path() + "/dev/ttyUSB7";
+    const std::string missing = pty.LinkPath() + "7";
     errors.Clear();
     EXPECT_EQ("0 0", SEEN(open_8n1(port, missing) == kesErrorOk, port.IsValid()));
     expect_records(errors, {"open(...) == -1 at " + missing + "\nStd Error 2 "});
@@ -405,24 +390,21 @@ TEST(OsSerialCom, AdapterPulledOutOrMissing)
     Clock::time_point start = Clock::now();
     EXPECT_NE(kesErrorOk, open_8n1(*std::make_unique<kesOsSerialCom>(true), missing));
     EXPECT_LT(elapsed_ms(start), 300);
-}
-
-TEST(OsSerialCom, AutoReconnectRetriesUntilTheAdapterReturns)
-{
-    PtyPair pty;
-    kesOsSerialCom port(true);
-    ASSERT_EQ(SEEN(1, kesErrorOk), SEEN(port.GetAutoReconnect(), open_8n1(port, pty.LinkPath())));
-    ErrorCapture errors;
-    pty.CloseMaster();
-    // the port closes itself; a thread retries every 500 ms, and goes on after a failure
-    EXPECT_EQ("-3 0", SEEN(port.Send(REQUEST.data(), 8), port.IsValid()));
-    Clock::time_point start = Clock::now();
-    while (errors.CountContaining("open(...) == -1 at " + pty.LinkPath()) == 0 && elapsed_ms(start) < 3000)
+    // an adapter that comes back
+    PtyPair replugged;
+    kesOsSerialCom back(true);
+    ASSERT_EQ(kesErrorOk, open_8n1(back, replugged.LinkPath()));
+    errors.Clear();
+    replugged.CloseMaster();
+    // with auto-reconnect the port closes itself; a thread retries every 500 ms, and goes on after a failure
+    EXPECT_EQ("-3 0", SEEN(back.Send(REQUEST.data(), 8), back.IsValid()));
+    start = Clock::now();
+    while (errors.CountContaining("open(...) == -1 at " + replugged.LinkPath()) == 0 && elapsed_ms(start) < 3000)
         pause_ms(10);
-    ASSERT_TRUE(pty.Replug());
-    while (!port.IsValid() && elapsed_ms(start) < 5000)
+    ASSERT_TRUE(replugged.Replug());
+    while (!back.IsValid() && elapsed_ms(start) < 5000)
         pause_ms(10);
-    EXPECT_EQ(SEEN(8, 1), SEEN(port.Send(REQUEST.data(), 8), REQUEST == ReadFor(pty.Master(), 8, 1000)));
+    EXPECT_EQ(SEEN(8, 1), SEEN(back.Send(REQUEST.data(), 8), REQUEST == ReadFor(replugged.Master(), 8, 1000)));
 }
 
 TEST(EnergySocket, AddressPicksTheChannel)
@@ -453,7 +435,7 @@ TEST(EnergySocket, AddressPicksTheChannel)
                    errors.Count()));
 }
 
-TEST(EnergySocket, SerialEchoShapes)
+TEST(EnergySocket, SerialEchoShapesAndLostLines)
 {
     // one channel all through: the echo of one exchange must not pass for that of the next. What the
     // peer echoes (then the reply if the echo was whole), the send's result, its record
@@ -468,6 +450,7 @@ TEST(EnergySocket, SerialEchoShapes)
     PtyPair pty;
     kesEnergySocket channel;
     ASSERT_EQ(kesErrorOk, channel.Open(pty.LinkPath(), 0));
+    unsigned char reply[9] = {0};
     for (const auto& [echo, result, record] : cases) {
         ASSERT_TRUE(channel.SetReceiveTimeOut(echo.size() == 8 ? 300 : 40));
         PeerThread peer([&, echo = echo] {
@@ -480,35 +463,25 @@ TEST(EnergySocket, SerialEchoShapes)
         expect_records(errors, record ? Texts{"Echo not equal\n" + std::string(record)} : Texts{},
                        std::to_string(result));
         peer.Join();
-        unsigned char reply[9] = {0};
         int count = echo == REQUEST ? -1 : 9;
         EXPECT_EQ("9 9 1", SEEN(echo == REQUEST ? channel.Receive(reply, 9, &count) : 9, count, channel.IsOpen()));
         EXPECT_TRUE(echo != REQUEST || REPLY == Bytes(reply, reply + 9));
     }
-}
-
-TEST(EnergySocket, LostLinesCloseTheChannel)
-{
     // serial: a frame longer than the echo buffer is refused before it reaches the line; an adapter
     // pulled out closes the channel
-    PtyPair pty;
-    kesEnergySocket serial;
-    ASSERT_EQ(kesErrorOk, serial.Open(pty.LinkPath(), 0));
-    serial.SetReceiveTimeOut(50);
+    channel.SetReceiveTimeOut(50);
     ErrorCapture errors;
     Bytes huge(kesEnergySocket::ECHO_BUFFER_SIZE + 1, 0);
     EXPECT_EQ(SEEN(-1, 1),
-              SEEN(serial.Send(huge.data(), (unsigned int)huge.size()), ReadFor(pty.Master(), 1, 20).empty()));
+              SEEN(channel.Send(huge.data(), (unsigned int)huge.size()), ReadFor(pty.Master(), 1, 20).empty()));
     expect_records(errors, {"Frame of 265 bytes refused"});
     pty.CloseMaster();
-    EXPECT_EQ("-1 0 1", SEEN(serial.Send(REQUEST.data(), 8), serial.IsOpen(),
+    EXPECT_EQ("-1 0 1", SEEN(channel.Send(REQUEST.data(), 8), channel.IsOpen(),
                              errors.CountContaining("write(...) == -1\nStd Error 5 ")));
     // TCP: the first connection notes its end, the gateway closes the others
     std::atomic<bool> firstSawEnd{false};
     LoopbackServer server;
     server.ServeNotingFirstEnd(&firstSawEnd, 3);
-    kesEnergySocket channel;
-    unsigned char reply[9] = {0};
     // opening again drops the first connection; once closed, later transfers fail at once
     EXPECT_EQ(SEEN(kesErrorOk, kesErrorOk, 1, -3, 0, 0, -1, kesErrorOk, 1),
               SEEN(channel.Open(server.Address(), 0), channel.Open(server.Address(), 0),
@@ -530,9 +503,9 @@ TEST(EnergySocket, Helpers)
     for (const auto& [answer, closed, result, record] : purges) {
         Gateway gateway(answer);
         kesEnergySocket channel;
-        ASSERT_EQ(SEEN(kesErrorOk, 1), SEEN(channel.Open(gateway.Address(), 0), channel.SetReceiveTimeOut(40)));
-        if (closed)
-            channel.Close();
+        ASSERT_EQ(SEEN(kesErrorOk, 1, kesErrorOk),
+                  SEEN(channel.Open(gateway.Address(), 0), channel.SetReceiveTimeOut(40),
+                       closed ? channel.Close() : kesErrorOk));
         ErrorCapture errors;
         EXPECT_EQ(SEEN(result, *record ? 1 : 0),
                   SEEN(__SEND_PURGE_ECHO__(&channel, REQUEST.data(), 8), errors.CountContaining(record)));
@@ -541,8 +514,7 @@ TEST(EnergySocket, Helpers)
     Gateway gateway({9, 8, 7, 6});
     kesEnergySocket channel;
     ASSERT_EQ(SEEN(kesErrorOk, 1), SEEN(channel.Open(gateway.Address(), 0), channel.SetReceiveTimeOut(40)));
-    unsigned char data[4] = {0};
-    unsigned char frame[8] = {0x01, 0x03, 0x00, 0x64, 0x00, 0x02, 0, 0};
+    unsigned char data[4] = {0}, frame[8] = {0x01, 0x03, 0x00, 0x64, 0x00, 0x02, 0, 0};
     EXPECT_EQ(SEEN(kesErrorOk, 1, 1),
               SEEN(__RECV_LESS_BYTE__(&channel, data, 8, frame), Bytes{9, 8, 7, 6} == Bytes(data, data + 4),
                    REQUEST == Bytes(frame, frame + 8)));
@@ -552,24 +524,19 @@ TEST(EnergySocket, Helpers)
                    __SEND_PURGE_ECHO__(nullptr, REQUEST.data(), 8), __FLUSH_DATA_SOCKET__(nullptr, 8)));
     expect_records(errors, {"Timeout response not received...\n", "pSocket, pData or pFrame == 0 or size < 4",
                             "pSocket == 0", "pSocket == 0"});
-}
-
-TEST(EnergySocket, FlushDataSocketRestoresTheTimeOut)
-{
-    Gateway gateway(Bytes(10, 0x33));
+    // a flush drops what waits and gives the time-out back
+    Gateway talker(Bytes(10, 0x33));
     PtyPair pty;
     for (bool serial : {false, true}) {
-        kesEnergySocket channel;
         ASSERT_EQ(SEEN(kesErrorOk, 1),
-                  SEEN(channel.Open(serial ? pty.LinkPath() : gateway.Address(), 0), channel.SetReceiveTimeOut(1000)));
+                  SEEN(channel.Open(serial ? pty.LinkPath() : talker.Address(), 0), channel.SetReceiveTimeOut(1000)));
         WriteAll(pty.Master(), Bytes(serial ? 10 : 0, 0x33));
         // 0 is taken as the shortest pause, not as no time-out
         EXPECT_EQ(SEEN(kesErrorOk, kesErrorOk),
                   SEEN(__FLUSH_DATA_SOCKET__(&channel, serial ? 20 : 0), __FLUSH_DATA_SOCKET__(&channel, 20)));
         // the kernel keeps a TCP time-out in clock ticks
         EXPECT_NEAR(1000, (int)channel.GetReceiveTimeOut(), serial ? 0 : 10);
-        unsigned char byte = 0;
-        EXPECT_EQ(SEEN(1, serial ? 0 : -2), SEEN(channel.SetReceiveTimeOut(10), channel.Receive(&byte, 1, nullptr)));
+        EXPECT_EQ(SEEN(1, serial ? 0 : -2), SEEN(channel.SetReceiveTimeOut(10), channel.Receive(data, 1, nullptr)));
     }
 }
 
@@ -643,8 +610,23 @@ TEST(KesOsFile, WholeFileReadsAndFailures)
                    kesOsUtility::FolderExist(dir.File("missing").c_str())));
 }
 
-TEST_F(LogToFile, RecordFormsAndTrims)
+TEST_F(LogToFile, RecordTextsFormsAndTrims)
 {
+    EXPECT_EQ("The operation completed succefully.", kesErrorToString(kesErrorOk));
+    EXPECT_EQ("kesError description not found. Update kesErrorToString function.!", kesErrorToString(kesErrorWarning));
+    EXPECT_EQ(kesErrorToString(kesErrorWarning), kesErrorToString(static_cast<kesEError>(11)));
+    errno = 0;
+    EXPECT_EQ("0 No error 0 No error 2 No such file or directory",
+              SEEN(kesErrorStdToString(0), kesErrorStdToString(-1), kesErrorStdToString(2)));
+    // the record's date has no line end; the fields of a date count from 1
+    kesTime::kesDateTime now;
+    int month = -1, yearDay = -1, weekDay = -1;
+    kesTime::GetDateTime(&now);
+    kesTime::GetDateTime(nullptr, &yearDay, &month, nullptr, &weekDay, nullptr, nullptr, nullptr);
+    kesTime::GetDateTime(static_cast<kesTime::kesDateTime*>(nullptr));
+    EXPECT_EQ(SEEN(24, 1, month + 1, yearDay + 1, weekDay + 1, 1),
+              SEEN(kesTime::GetDateTime().size(), kesTime::GetDateTime().back() != '\n', now.month, now.day_of_year,
+                   now.day_of_week, now.year >= 2020));
     EXPECT_EQ(kesErrorNetwork,
               kesErrorLog(kesBuildErrorLocation(kesErrorNetwork, "connect failed", "src/x.cpp", "Open", 42)));
     kesErrorLog(kesBuildErrorLocation(kesErrorOk, "History Time changed to 10 minutes", "energy/e.cpp", "Init", 7));
@@ -668,8 +650,8 @@ TEST_F(LogToFile, RecordFormsAndTrims)
         // what an earlier run left does not count: the counter starts at 0
         {512000, old, 512000 - 10, old.substr(old.size() - 256000), 256000},
         {512000, "short", 600000, "short", 5}, // a file cut short by someone else
-        {0, x, 4000000, x, -1},                // no limit
         {32000, x, 4000000, x, -1},            // half of it at most 16000
+        {0, x, 4000000, x, -1},                // no limit, kept for the loggers below
     };
     for (const auto& [limit, before, counted, kept, counter] : cases) {
         kesError::LogFileSize = limit;
@@ -682,9 +664,7 @@ TEST_F(LogToFile, RecordFormsAndTrims)
                   kesError::_current_log_filesize);
     }
     // loggers on several threads lose no record, nor a byte of the count
-    kesError::LogFileSize = 0;
-    WriteFile(m_dir.File("kes.log"), "");
-    kesError::_current_log_filesize = 0;
+    WriteFile(m_dir.File("kes.log"), ""), kesError::_current_log_filesize = 0;
     auto log100 = [] {
         for (int i = 0; i < 100; ++i)
             kesErrorLog(kesError(kesErrorOk, "r"));
@@ -720,26 +700,7 @@ TEST_F(LogToFile, AnIntruderIsToldOnceOnTheConsole)
     }
 }
 
-TEST(KesError, TextsOfCodesAndTheDate)
-{
-    EXPECT_EQ("The operation completed succefully.", kesErrorToString(kesErrorOk));
-    EXPECT_EQ("kesError description not found. Update kesErrorToString function.!", kesErrorToString(kesErrorWarning));
-    EXPECT_EQ(kesErrorToString(kesErrorWarning), kesErrorToString(static_cast<kesEError>(11)));
-    errno = 0;
-    EXPECT_EQ("0 No error 0 No error 2 No such file or directory",
-              SEEN(kesErrorStdToString(0), kesErrorStdToString(-1), kesErrorStdToString(2)));
-    // the record's date has no line end; the fields of a date count from 1
-    kesTime::kesDateTime date;
-    int month = -1, yearDay = -1, weekDay = -1;
-    kesTime::GetDateTime(&date);
-    kesTime::GetDateTime(nullptr, &yearDay, &month, nullptr, &weekDay, nullptr, nullptr, nullptr);
-    kesTime::GetDateTime(static_cast<kesTime::kesDateTime*>(nullptr));
-    EXPECT_EQ(SEEN(24, 1, month + 1, yearDay + 1, weekDay + 1, 1),
-              SEEN(kesTime::GetDateTime().size(), kesTime::GetDateTime().back() != '\n', date.month, date.day_of_year,
-                   date.day_of_week, date.year >= 2020));
-}
-
-TEST(KesString, NumbersToTextAndBack)
+TEST(KesString, NumbersSplitsEditsAndCommandLines)
 {
     // whole numbers in the 32-bit range without a point; beyond it the zeros of the point only
     const std::tuple<double, int, const char*> cases[] = {
@@ -754,10 +715,6 @@ TEST(KesString, NumbersToTextAndBack)
         EXPECT_EQ(value, kesString::AsULong(text, 10)) << text;
     EXPECT_EQ(SEEN("0.1", 0, INT32_MIN),
               SEEN(kesString::FromFloat(0.1f, 3), kesString::AsInt("abc", 10), kesString::AsInt("-99999999999", 10)));
-}
-
-TEST(KesString, SplitShrinkFindReplaceFormat)
-{
     const std::tuple<const char*, const char*, std::vector<std::string>> splits[] = {
         {"a,b", ",", {"a", "b"}}, {"a,,b", ",", {"a", "b"}}, {",a", ",", {"a"}},    {"a,", ",", {"a", ""}},
         {"", ",", {""}},          {",,", ",", {""}},         {"abc", ",", {"abc"}}, {"1||2|3", "||", {"1", "2|3"}},
@@ -788,10 +745,7 @@ TEST(KesString, SplitShrinkFindReplaceFormat)
     EXPECT_EQ("0 1 0 0",
               SEEN(kesString(static_cast<const char*>(nullptr)).GetLength(), kesString("ABC").IsEqualNoCase("abc"),
                    kesString("abc").IsEqualNoCase("abcd"), kesString("\xC4").IsEqualNoCase("\xE4")));
-}
-
-TEST(CommandLineParser, MatchesWithoutCaseAndTakesTheNextWord)
-{
+    // options match without case and take the next word
     const char* argv[] = {"prog", "-log", "-conf", "x", "-CONF", "y", "-dir"};
     kesCommandLineParser parser(const_cast<char* const*>(argv), 7);
     kesString conf("stale"), log, dir, help("stale");
