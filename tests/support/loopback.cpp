@@ -189,6 +189,9 @@ void PtyPair::CloseMaster()
         close(m_master);
         m_master = -1;
     }
+    // as the device node of a pulled adapter: another test's new pair may
+    // take the freed terminal number
+    unlink(m_linkPath.c_str());
 }
 
 bool PtyPair::Replug()
