@@ -216,8 +216,6 @@ TEST_F(EngineTest, EveryReadDecodesItsRegisters)
                   ToHex(m_gateway.GetRequests()[0]));
     }
     EXPECT_EQ(0u, m_log.Count()) << m_log.Dump();
-    EXPECT_EQ(kesErrorInvalidArgument, m_engine.ReadMeasurement(kesEnergyDeviceAmbient, 300, nullptr));
-    EXPECT_TRUE(m_log.Contains("Unknown type 4"));
 }
 
 #undef KES_READ
@@ -346,9 +344,34 @@ TEST_F(EngineTest, EveryOperationReportsItsLastFailureAndNeedsAnOpenChannel)
         EXPECT_EQ(faults == 3 ? 4u : 2u, m_log.Count()) << m_log.Dump();
     }
 
-    // Closed, nothing goes out and every operation says why, once.
-    Devices devices;
+    // Refused before anything goes out; lists whose numbers would pass a byte too.
+    Devices devices, many;
     kesEnergyDevice device;
+    auto list = [&](size_t i_count) { return many.resize(i_count, make_device(kesEnergyDeviceString, 50, 7)), &many; };
+    // clang-format off
+    const struct { std::function<kesEError(Engine&)> call; const char* text; } refused[] = {
+        {KES_CALL(ReadMeasurement(kesEnergyDeviceAmbient, 300, nullptr)), "Unknown type 4"},
+        {KES_CALL(ReadAlarmModel(300, nullptr)), "o_data == 0"}, {KES_CALL(FindAllDevices(nullptr)), "o_devices == 0"},
+        {KES_CALL(ControlAlarmDevice(400, 100, 1, 2, 3, nullptr, nullptr, nullptr)), "o_pCycle == 0"},
+        {KES_CALL(FindDeviceBySerial(1, nullptr) ? kesErrorOk : kesErrorInvalidArgument), "io_pDevice == 0"},
+        {KES_CALL(GetDeviceInfo(&device, nullptr)), "o_strData == 0"},
+        {KES_CALL(GetDeviceInfo(nullptr, &text)), "i_pDevice == 0"},
+        {KES_CALL(SetDevicesAddresses(1, nullptr)), "io_devices == 0"},
+        {KES_CALL(SetDevicesAddresses(253, list(4))), "Can not number 4 devices from 253: module numbers end at 255"},
+        {KES_CALL(SetDevicesAddresses(0, list(300))), "Can not number 300 devices from 1"},
+        {KES_CALL(SetDevicesAddresses(1, list(25500))), "Offset + i_devices->GetCount() > 25500"},
+    };
+    // clang-format on
+    for (const auto& row : refused) {
+        Clear();
+        EXPECT_EQ(kesErrorInvalidArgument, row.call(m_engine)) << row.text;
+        EXPECT_TRUE(m_log.Contains(row.text)) << m_log.Dump();
+        EXPECT_EQ(0u, Requests()) << row.text;
+    }
+    EXPECT_EQ(many.size(), size_t(std::count_if(many.begin(), many.end(),
+                                                [](const kesEnergyDevice& d) { return d.Address == 50; })));
+
+    // Closed, nothing goes out and every operation says why, once.
     unsigned char cycle = 0;
     std::vector<std::function<kesEError(Engine&)>> failed = {
         KES_CALL(EnableAllDeviceFind()),         KES_CALL(MuteDeviceBySerial(1)),
@@ -388,14 +411,7 @@ TEST_F(EngineTest, IdentityTextsPanelDataSheetAndAlarmStatus)
     EXPECT_EQ(std::string("ALARM1").append(4, '\0'), model);
     EXPECT_EQ(std::string("SN-77").append(25, '\0'), serial);
     EXPECT_EQ(std::string("2024-05-06").append(10, '\0'), date);
-    // the model read refuses a null output before the bus; the others read and drop the text
-    Clear();
-    EXPECT_NE(kesErrorOk, m_engine.ReadAlarmModel(300, nullptr));
-    EXPECT_TRUE(m_log.Contains("o_data == 0"));
-    EXPECT_TRUE(m_log.Contains("Can not get Model at address:300"));
-    EXPECT_EQ(0u, Requests());
-    EXPECT_EQ(kesErrorOk, m_engine.ReadAlarmSerial(300, nullptr));
-    EXPECT_EQ(1u, Requests());
+    EXPECT_EQ(kesErrorOk, m_engine.ReadAlarmSerial(300, nullptr)); // reads and drops the text
 
     // the data sheet in full is pinned by the device report
     unsigned int panels = 0;
@@ -460,8 +476,6 @@ TEST_F(EngineTest, ControlAlarmDeviceWaitsForTheEndOfTheCycle)
         ASSERT_TRUE(m_gateway.GetDevice(9, &device));
         EXPECT_EQ(row.address == 400, device.tuning == std::vector<uint16_t>({1, 10, 20, 30}));
     }
-    EXPECT_EQ(kesErrorInvalidArgument, m_engine.ControlAlarmDevice(400, 100, 1, 2, 3, nullptr, nullptr, nullptr));
-    EXPECT_TRUE(m_log.Contains("o_pCycle == 0"));
 }
 
 // ---------------------------------------------------------------- frames of the bus, mute and addressing
@@ -575,23 +589,7 @@ TEST_F(EngineTest, NumberingAList)
         }
         EXPECT_EQ(row.refusals > 0, m_log.Contains("Type 0x06 with Address 0x09 and UniqueID 303")) << m_log.Dump();
     }
-    // lists whose numbers would pass a byte are refused before anything is sent
-    Clear();
     Devices devices;
-    devices.resize(4, make_device(kesEnergyDeviceString, 50, 7));
-    EXPECT_EQ(kesErrorInvalidArgument, m_engine.SetDevicesAddresses(253, &devices));
-    EXPECT_TRUE(m_log.Contains("Can not number 4 devices from 253: module numbers end at 255"));
-    devices.resize(300, devices.front());
-    EXPECT_EQ(kesErrorInvalidArgument, m_engine.SetDevicesAddresses(0, &devices));
-    EXPECT_TRUE(m_log.Contains("Can not number 300 devices from 1"));
-    devices.resize(25500, devices.front());
-    EXPECT_EQ(kesErrorInvalidArgument, m_engine.SetDevicesAddresses(1, &devices));
-    EXPECT_TRUE(m_log.Contains("Offset + i_devices->GetCount() > 25500"));
-    EXPECT_EQ(0u, Requests());
-    EXPECT_EQ(devices.size(), size_t(std::count_if(devices.begin(), devices.end(),
-                                                   [](const kesEnergyDevice& d) { return d.Address == 50; })));
-    EXPECT_EQ(kesErrorInvalidArgument, m_engine.SetDevicesAddresses(1, nullptr));
-    EXPECT_TRUE(m_log.Contains("io_devices == 0"));
     devices.clear();
     EXPECT_EQ(kesErrorOk, m_engine.SetDevicesAddresses(9, &devices));
 }
@@ -673,8 +671,6 @@ TEST_F(EngineTest, FindAllDevices)
     EXPECT_EQ(kesEnergyDeviceStringFour, device.Type);
     EXPECT_EQ(9, device.Address);
     EXPECT_FALSE(m_engine.FindDeviceBySerial(0x00054321, &device));
-    EXPECT_FALSE(m_engine.FindDeviceBySerial(16909060, nullptr));
-    EXPECT_TRUE(m_log.Contains("io_pDevice == 0"));
 
     m_engine.found.clear();
     m_log.Clear();
@@ -705,7 +701,6 @@ TEST_F(EngineTest, FindAllDevices)
     ASSERT_EQ(kesErrorOk, m_engine.FindAllDevices(&devices));
     EXPECT_TRUE(devices.empty());
     EXPECT_EQ(101u, Requests());
-    EXPECT_EQ(kesErrorInvalidArgument, m_engine.FindAllDevices(nullptr));
 }
 
 TEST_F(EngineTest, SearchesWithoutMuteAndByFineKeysSortTheirResult)
@@ -833,11 +828,6 @@ TEST_F(EngineTest, DeviceReports)
         EXPECT_TRUE(nothing.empty());
         EXPECT_EQ(0u, Requests());
     }
-    kesEnergyDevice device;
-    EXPECT_EQ(kesErrorInvalidArgument, m_engine.GetDeviceInfo(&device, nullptr));
-    EXPECT_TRUE(m_log.Contains("o_strData == 0"));
-    EXPECT_EQ(kesErrorInvalidArgument, m_engine.GetDeviceInfo(nullptr, &all));
-    EXPECT_TRUE(m_log.Contains("i_pDevice == 0"));
 }
 
 } // namespace
