@@ -357,6 +357,8 @@ TEST_F(EngineTest, EveryOperationReportsItsLastFailureAndNeedsAnOpenChannel)
         {KES_CALL(GetDeviceInfo(&device, nullptr)), "o_strData == 0"},
         {KES_CALL(GetDeviceInfo(nullptr, &text)), "i_pDevice == 0"},
         {KES_CALL(SetDevicesAddresses(1, nullptr)), "io_devices == 0"},
+        {KES_CALL(SetDeviceAddress(1, 0)), "Can not set address outside range [1 -- 100]"},
+        {KES_CALL(SetDeviceAddress(1, 101)), "Can not set address outside range [1 -- 100]"},
         {KES_CALL(SetDevicesAddresses(253, list(4))), "Can not number 4 devices from 253: module numbers end at 255"},
         {KES_CALL(SetDevicesAddresses(0, list(300))), "Can not number 300 devices from 1"},
         {KES_CALL(SetDevicesAddresses(1, list(25500))), "Offset + i_devices->GetCount() > 25500"},
@@ -480,35 +482,9 @@ TEST_F(EngineTest, ControlAlarmDeviceWaitsForTheEndOfTheCycle)
 
 // ---------------------------------------------------------------- frames of the bus, mute and addressing
 
-// The bus's own frames; the register reads are pinned with their failures above.
-TEST_F(EngineTest, FramesOfTheBus)
-{
-    Devices devices;
-    kesEnergyDevice device;
-    // clang-format off
-    const struct { std::function<void(Engine&)> call; std::string expected; } rows[] = {
-        {KES_CALL(EnableAllDeviceFind()), "FF 0E 4F 4B 25 F4"},
-        {KES_CALL(MuteDeviceBySerial(16909060)), "FF 0C 01 02 03 04 A5 1A"},
-        {KES_CALL(SetDeviceAddress(16909060, 5)), "FF 07 01 02 03 04 05 1B 03"},
-        {KES_CALL(Search(false, 7, &devices)), "FF 03 00 07 81 F2"},
-        {KES_CALL(Search(true, 1015, &devices)), "FF 04 03 F7 30 87"},
-        {KES_CALL(FindDeviceBySerial(0x00012345, &device)), ToHex(WithCrc(Hex("FF 04 23 45")))},
-    };
-    // clang-format on
-    m_gateway.AddDevice(kesEnergyDevicePanel, 16909060, 1);
-    m_gateway.quick = true;
-    Open();
-    for (const auto& row : rows) {
-        m_gateway.ClearRequests();
-        row.call(m_engine);
-        ASSERT_TRUE(m_gateway.WaitForRequests(1, 1000)) << row.expected;
-        EXPECT_EQ(row.expected, ToHex(m_gateway.GetRequests().front()));
-    }
-}
-
 TEST_F(EngineTest, MuteAndSetAddressReplies)
 {
-    m_gateway.AddDevice(kesEnergyDeviceString, 42, 9);
+    m_gateway.AddDevice(kesEnergyDeviceString, 16909060, 9);
     Open();
     m_engine.real = true; // the pauses slept for real
     // clang-format off
@@ -524,36 +500,29 @@ TEST_F(EngineTest, MuteAndSetAddressReplies)
         SCOPED_TRACE(row.name);
         Clear();
         m_gateway.PushFault(G::MakeFault(G::FaultRaw, row.crc, Hex(row.raw)));
-        EXPECT_EQ(row.expected, m_engine.MuteDeviceBySerial(1));
+        EXPECT_EQ(row.expected, m_engine.MuteDeviceBySerial(16909060));
+        EXPECT_EQ("FF 0C 01 02 03 04 A5 1A", ToHex(m_gateway.GetRequests().front()));
         EXPECT_EQ(row.pauses, m_engine.pauses);
         EXPECT_TRUE(!*row.text || m_log.Contains(row.text)) << m_log.Dump();
         EXPECT_EQ(*row.text != 0, m_log.Contains("Can not mute device by serial"));
     }
 
-    // clang-format off
-    const struct { unsigned char address; bool sent; } addresses[] = {
-        {0, false}, {101, false}, {1, true}, {100, true}, {255, false}
-    };
-    // clang-format on
-    for (const auto& row : addresses) {
-        Clear();
-        EXPECT_EQ(row.sent ? kesErrorOk : kesErrorInvalidArgument, m_engine.SetDeviceAddress(42, row.address));
-        EXPECT_EQ(row.sent ? 1u : 0u, Requests()) << int(row.address);
-        EXPECT_EQ(!row.sent, m_log.Contains("Can not set address outside range [1 -- 100]"));
-    }
+    for (unsigned char address : {1, 100})
+        EXPECT_EQ(kesErrorOk, m_engine.SetDeviceAddress(16909060, address)); // the ends of the range
     TestBusGateway::Device device;
-    m_gateway.GetDevice(42, &device);
+    m_gateway.GetDevice(16909060, &device);
     EXPECT_EQ(100, device.module);
     EXPECT_TRUE(m_engine.changed.empty());
     // a refusal is tried again quietly; the last one is told
     kesEnergySystem::EXECUTION_COUNT = 2;
-    m_gateway.SetRefusals(42, 1);
+    m_gateway.SetRefusals(16909060, 1);
     Clear();
-    EXPECT_EQ(kesErrorOk, m_engine.SetDeviceAddress(42, 7));
+    EXPECT_EQ(kesErrorOk, m_engine.SetDeviceAddress(16909060, 5));
     EXPECT_EQ("aa", m_engine.pauses);
+    EXPECT_EQ("FF 07 01 02 03 04 05 1B 03", ToHex(m_gateway.GetRequests().front()));
     EXPECT_EQ(0u, m_log.Count()) << m_log.Dump();
-    m_gateway.SetRefusals(42, 2);
-    EXPECT_NE(kesErrorOk, m_engine.SetDeviceAddress(42, 8));
+    m_gateway.SetRefusals(16909060, 2);
+    EXPECT_NE(kesErrorOk, m_engine.SetDeviceAddress(16909060, 8));
     EXPECT_EQ(1u, m_log.CountContaining("Can not set address"));
     EXPECT_EQ(1u, m_log.Count()) << m_log.Dump();
 }
@@ -590,7 +559,6 @@ TEST_F(EngineTest, NumberingAList)
         EXPECT_EQ(row.refusals > 0, m_log.Contains("Type 0x06 with Address 0x09 and UniqueID 303")) << m_log.Dump();
     }
     Devices devices;
-    devices.clear();
     EXPECT_EQ(kesErrorOk, m_engine.SetDevicesAddresses(9, &devices));
 }
 
@@ -602,19 +570,19 @@ TEST_F(EngineTest, SearchExchangeResults)
     // raw: pushed as often as the key is asked, twice for a short answer;
     // serial: of the device recorded, 0 for none; requests: with the mute of
     // a device found.
-    const struct { const char* name; bool fine; const char* raw; bool crc; int retries, result; unsigned int serial;
+    const struct { const char* name; bool fine; const char* raw; bool crc; int result; unsigned int serial;
         unsigned int type; unsigned char address; const char* text; unsigned int requests; } rows[] = {
-        {"current form", false, "FF 05 07 00 00 00 00 03 E9 0C", true, 0, 12, 1001, 7, 0x0C, "", 2},
-        {"short form is a panel", false, "FF 05 09 00 00 00 03 EA 0D", true, 0, 11, 1002, 1, 0x0D, "", 3},
-        {"fine current form", true, "FF 06 02 00 00 00 00 03 EB 0E", true, 0, 12, 1003, 2, 0x0E, "", 2},
-        {"type 0", false, "FF 05 00 00 00 00 00 03 EC 0E", true, 0, 12, 0, 0, 0, "", 1},
-        {"type 12", false, "FF 05 0C 00 00 00 00 03 ED 0E", true, 0, 12, 0, 0, 0, "", 1},
-        {"other length", false, "FF 05 07 00 00", true, 0, -3, 0, 0, 0, "Can not receive 11 bytes:(7 at module:7)", 2},
-        {"not a reply", false, "FF 06 07 00 00 00 00 03 E9 0C", true, 0, -1, 0, 0, 0, "", 1},
-        {"coarse collision", false, "FF 05 07 00 00 00 00 03 E9 0C 00 00", false, 0, -2, 0, 0, 0, "", 1},
-        {"fine collision", true, "FF 06 07 00 00 00 00 03 E9 0C 00 00", false, 0, -2, 0, 0, 0,
+        {"current form", false, "FF 05 07 00 00 00 00 03 E9 0C", true, 12, 1001, 7, 0x0C, "", 2},
+        {"short form is a panel", false, "FF 05 09 00 00 00 03 EA 0D", true, 11, 1002, 1, 0x0D, "", 3},
+        {"fine current form", true, "FF 06 02 00 00 00 00 03 EB 0E", true, 12, 1003, 2, 0x0E, "", 2},
+        {"type 0", false, "FF 05 00 00 00 00 00 03 EC 0E", true, 12, 0, 0, 0, "", 1},
+        {"type 12", false, "FF 05 0C 00 00 00 00 03 ED 0E", true, 12, 0, 0, 0, "", 1},
+        {"other length", false, "FF 05 07 00 00", true, -3, 0, 0, 0, "Can not receive 11 bytes:(7 at module:7)", 2},
+        {"not a reply", false, "FF 06 07 00 00 00 00 03 E9 0C", true, -1, 0, 0, 0, "", 1},
+        {"coarse collision", false, "FF 05 07 00 00 00 00 03 E9 0C 00 00", false, -2, 0, 0, 0, "", 1},
+        {"fine collision", true, "FF 06 07 00 00 00 00 03 E9 0C 00 00", false, -2, 0, 0, 0,
          "COLLISION [FF 06 07 00 00 00 00 03 E9 0C 00 00 ]", 1},
-        {"silent key", false, "", false, 0, -1, 0, 0, 0, "", 2},
+        {"silent key", false, "", false, -1, 0, 0, 0, "", 2},
     };
     // clang-format on
     for (unsigned int serial = 1001; serial <= 1003; ++serial)
@@ -635,7 +603,8 @@ TEST_F(EngineTest, SearchExchangeResults)
             m_gateway.PushFault(G::MakeFault(G::FaultRaw, row.crc, raw));
         m_engine.SetTimeOut(raw.empty() ? 50 : 25);
         Devices devices;
-        EXPECT_EQ(row.result, m_engine.Search(row.fine, 7, &devices, row.retries));
+        EXPECT_EQ(row.result, m_engine.Search(row.fine, row.fine ? 1015 : 7, &devices));
+        EXPECT_EQ(row.fine ? "FF 04 03 F7 30 87" : "FF 03 00 07 81 F2", ToHex(m_gateway.GetRequests().front()));
         ASSERT_EQ(row.serial ? 1u : 0u, devices.size());
         EXPECT_EQ(devices.size(), m_engine.found.size());
         if (row.serial) {
@@ -671,6 +640,7 @@ TEST_F(EngineTest, FindAllDevices)
     EXPECT_EQ(kesEnergyDeviceStringFour, device.Type);
     EXPECT_EQ(9, device.Address);
     EXPECT_FALSE(m_engine.FindDeviceBySerial(0x00054321, &device));
+    EXPECT_EQ(ToHex(WithCrc(Hex("FF 04 43 21"))), ToHex(m_gateway.GetRequests().back()));
 
     m_engine.found.clear();
     m_log.Clear();
@@ -701,6 +671,7 @@ TEST_F(EngineTest, FindAllDevices)
     ASSERT_EQ(kesErrorOk, m_engine.FindAllDevices(&devices));
     EXPECT_TRUE(devices.empty());
     EXPECT_EQ(101u, Requests());
+    EXPECT_EQ("FF 0E 4F 4B 25 F4", ToHex(m_gateway.GetRequests().front()));
 }
 
 TEST_F(EngineTest, SearchesWithoutMuteAndByFineKeysSortTheirResult)
