@@ -7,6 +7,7 @@
 #include <atomic>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "error_capture.h"
@@ -162,15 +163,6 @@ struct Out {
 
 TEST_F(EngineTest, EveryReadDecodesItsRegisters)
 {
-    // five channels: count (c+1) * 65536 + 10 + c high register first, period, second count
-    std::vector<uint16_t> five;
-    std::vector<unsigned int> counts;
-    std::vector<unsigned short> periods;
-    for (uint16_t c = 0; c < 5; ++c) {
-        five.insert(five.end(), {uint16_t(c + 1), uint16_t(10 + c), uint16_t(100 + c), 0, uint16_t(1000 * c + 1007)});
-        counts.insert(counts.end(), {(c + 1) * 65536u + 10 + c, 1000u * c + 1007});
-        periods.push_back(static_cast<unsigned short>(100 + c));
-    }
     // clang-format off
     // All 0xFFFF: registers are unsigned, and every scale shows at its top.
     const struct { const char* name; unsigned char unit; unsigned short address; std::vector<uint16_t> registers;
@@ -191,8 +183,11 @@ TEST_F(EngineTest, EveryReadDecodesItsRegisters)
          {}, {4294967295u}, {65535}},
         {"pulse counter two", 8, 1100, {0, 7, 70, 0x0100, 0, 5},
          KES_READ(ReadPulseCounterTwoData(a, o.u, o.w, o.u + 1, o.w + 1)), {}, {7, 16777216}, {70, 5}},
-        {"pulse counter five", 9, 200, five, KES_READ(ReadPulseCounterFiveData(a, o.u, o.w, o.u + 1, o.u + 2, o.w + 1,
-         o.u + 3, o.u + 4, o.w + 2, o.u + 5, o.u + 6, o.w + 3, o.u + 7, o.u + 8, o.w + 4, o.u + 9)), {}, counts, periods},
+        // five channels: count high register first, period, second count
+        {"pulse counter five", 9, 200, {1, 10, 100, 0, 1007, 2, 11, 101, 0, 2007, 3, 12, 102, 0, 3007, 4, 13, 103, 0,
+         4007, 5, 14, 104, 0, 5007}, KES_READ(ReadPulseCounterFiveData(a, o.u, o.w, o.u + 1, o.u + 2, o.w + 1, o.u + 3,
+         o.u + 4, o.w + 2, o.u + 5, o.u + 6, o.w + 3, o.u + 7, o.u + 8, o.w + 4, o.u + 9)), {},
+         {65546, 1007, 131083, 2007, 196620, 3007, 262157, 4007, 327694, 5007}, {100, 101, 102, 103, 104}},
     };
     // clang-format on
     Open();
@@ -431,9 +426,7 @@ TEST_F(EngineTest, IdentityTextsPanelDataSheetAndAlarmStatus)
         unsigned char cycle = 5, status = 9;
         unsigned short power = 99;
         ASSERT_EQ(kesErrorOk, m_engine.ReadAlarmStatus(300, &cycle, &status, &power));
-        EXPECT_EQ(row.cycle, cycle);
-        EXPECT_EQ(row.status, status);
-        EXPECT_EQ(row.power, power);
+        EXPECT_EQ(std::make_tuple(row.cycle, row.status, row.power), std::make_tuple(cycle, status, power));
     }
     // the reply of the tuning write tells how many registers were written
     m_gateway.PushFault(G::MakeFault(G::FaultRaw, 1, Hex("03 10 01 2C 00 03")));
@@ -469,9 +462,7 @@ TEST_F(EngineTest, ControlAlarmDeviceWaitsForTheEndOfTheCycle)
         unsigned short power = 99;
         EXPECT_EQ(row.result,
                   m_engine.ControlAlarmDevice(row.address, row.timeOut, 10, 20, 30, &cycle, &status, &power));
-        EXPECT_EQ(row.cycle, cycle);
-        EXPECT_EQ(row.status, status);
-        EXPECT_EQ(row.power, power);
+        EXPECT_EQ(std::make_tuple(row.cycle, row.status, row.power), std::make_tuple(cycle, status, power));
         EXPECT_EQ(row.requests ? row.requests : std::max<size_t>(3, Requests()), Requests());
         EXPECT_EQ(row.times, row.text ? m_log.CountContaining(row.text) : m_log.Count()) << m_log.Dump();
         TestBusGateway::Device device;
@@ -607,11 +598,9 @@ TEST_F(EngineTest, SearchExchangeResults)
         EXPECT_EQ(row.fine ? "FF 04 03 F7 30 87" : "FF 03 00 07 81 F2", ToHex(m_gateway.GetRequests().front()));
         ASSERT_EQ(row.serial ? 1u : 0u, devices.size());
         EXPECT_EQ(devices.size(), m_engine.found.size());
-        if (row.serial) {
-            EXPECT_EQ(row.serial, devices[0].UniqueID);
-            EXPECT_EQ(row.type, devices[0].Type);
-            EXPECT_EQ(row.address, devices[0].Address);
-        }
+        if (row.serial)
+            EXPECT_EQ(std::make_tuple(row.serial, row.type, row.address),
+                      std::make_tuple(devices[0].UniqueID, unsigned(devices[0].Type), devices[0].Address));
         EXPECT_EQ(row.requests, Requests());
         EXPECT_EQ(text.empty() ? 0u : 1u, m_log.Count()) << m_log.Dump();
         EXPECT_TRUE(text.empty() || m_log.Contains(text)) << m_log.Dump();
@@ -791,14 +780,15 @@ TEST_F(EngineTest, DeviceReports)
     EXPECT_TRUE(m_log.Contains("Can not get Model at address:200"));
     EXPECT_TRUE(m_log.Contains("Can not voltage and ampere at address:200"));
 
-    for (unsigned int type : {0u, 12u}) {
-        kesString nothing;
-        kesEnergyDevice device = make_device(static_cast<kesEEnergyDeviceType>(type), 2, 99);
-        m_gateway.ClearRequests();
+    // no report for a type outside the known ones, and nothing asked
+    kesString nothing;
+    m_gateway.ClearRequests();
+    for (kesEEnergyDeviceType type : {kesEEnergyDeviceType(0), kesEEnergyDeviceType(12)}) {
+        kesEnergyDevice device = make_device(type, 2, 99);
         EXPECT_EQ(kesErrorOk, m_engine.GetDeviceInfo(&device, &nothing));
-        EXPECT_TRUE(nothing.empty());
-        EXPECT_EQ(0u, Requests());
     }
+    EXPECT_EQ("", nothing);
+    EXPECT_EQ(0u, Requests());
 }
 
 } // namespace
