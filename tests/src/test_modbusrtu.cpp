@@ -125,11 +125,10 @@ TEST(ModbusRtuFrame, ReceivedFrames)
         Bytes source = row.bytes;
         kesModbusRtuFrame frame(source.data(), static_cast<unsigned int>(source.size()));
         std::fill(source.begin(), source.end(), 0x55); // the frame keeps a copy of its own
-        std::string dump;
+        kesString text("old"), dump;
+        kesModbusRtuFrame::DumpFrame(&frame, &text);
         for (unsigned char b : row.bytes)
             dump += "[0x" + ToHex(Bytes{b}) + "]";
-        kesString text("old");
-        kesModbusRtuFrame::DumpFrame(&frame, &text);
         EXPECT_EQ(dump, text);
         EXPECT_EQ(row.crc, frame.HasValidCrc());
         EXPECT_EQ(row.exception >= 0, frame.IsException());
