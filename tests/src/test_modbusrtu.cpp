@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -24,14 +23,13 @@ Bytes frame_bytes(const kesIModbusRtuFrame& i_frame)
 
 const unsigned char DATA4[] = {0xDE, 0xAD, 0xBE, 0xEF};
 
-template <class FRAME>
-Bytes built(std::function<void(FRAME&)> i_setup = nullptr)
-{
-    FRAME frame;
-    if (i_setup)
-        i_setup(frame);
-    return frame_bytes(*frame.GetModbusRtuFramePtr());
-}
+// The bytes of a new FRAME after the statements that follow it, on f.
+#define BUILT(FRAME, ...)                              \
+    [] {                                               \
+        FRAME f;                                       \
+        __VA_ARGS__;                                   \
+        return frame_bytes(*f.GetModbusRtuFramePtr()); \
+    }()
 
 typedef kesModbusRtuFrame Plain;
 typedef kesModbusRtuReadHoldingRegistersFrame Holding;
@@ -48,35 +46,28 @@ TEST(ModbusRtuFrame, BytesOnTheWire)
     // from the test gateway's own CRC. Each setter must seal the frame anew.
     // clang-format off
     const struct { const char* name; Bytes expected, built; } rows[] = {
-        {"new read holding registers", Hex("00 03 00 00 00 00 44 1B"), built<Holding>()},
-        {"unit 1, registers 100 and 2", Hex("01 03 00 64 00 02 85 D4"), built<Holding>([](Holding& f) { f.SetUnitID(1),
-         f.SetRegisters(100, 2); })},
+        {"new read holding registers", Hex("00 03 00 00 00 00 44 1B"), BUILT(Holding)},
+        {"unit 1, registers 100 and 2", Hex("01 03 00 64 00 02 85 D4"),
+         BUILT(Holding, f.SetUnitID(1), f.SetRegisters(100, 2))},
         {"panel read at bus address 300", Hex("01 03 01 2C 00 02 04 3E"),
-         built<Holding>([](Holding& f) { f.SetRegisters(300, 2), f.SetUnitID(1); })},
-        {"new read coils", Hex("00 01 00 00 00 00 3D DB"), built<kesModbusRtuReadCoilsFrame>()},
-        {"new read discrete inputs", Hex("00 02 00 00 00 00 79 DB"), built<kesModbusRtuReadDiscreteInputsFrame>()},
-        {"new read input registers", Hex("00 04 00 00 00 00 F1 DB"), built<kesModbusRtuReadInputRegistersFrame>()},
-        {"new write single coil", Hex("00 05 00 00 00 00 CC 1B"), built<SingleCoil>()},
-        {"single coil on 1", Hex("00 05 00 05 FF 00 9D EA"), built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5,
-         1); })},
-        {"single coil on 2 counts as on", Hex("00 05 00 05 FF 00 9D EA"),
-         built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 2); })},
-        {"single coil off", Hex("00 05 00 05 00 00 DC 1A"), built<SingleCoil>([](SingleCoil& f) { f.SetRegister(5, 1),
-         f.SetRegister(5, 0); })},
-        {"new write single register", Hex("00 06 00 00 00 00 88 1B"), built<SingleRegister>()},
-        {"single register 5 = 0x1234", Hex("00 06 00 05 12 34 95 6D"),
-         built<SingleRegister>([](SingleRegister& f) { f.SetRegister(5, 0x1234); })},
-        {"new write multiple coils is 8 bytes", Hex("00 0F 00 00 00 00 54 1A"),
-         built<kesModbusRtuWriteMultipleCoilsFrame>()},
-        {"new write multiple registers", Hex("00 10 00 00 00 00 C1 D8"), built<MultipleRegisters>()},
+         BUILT(Holding, f.SetRegisters(300, 2), f.SetUnitID(1))},
+        {"new read coils", Hex("00 01 00 00 00 00 3D DB"), BUILT(kesModbusRtuReadCoilsFrame)},
+        {"new read discrete inputs", Hex("00 02 00 00 00 00 79 DB"), BUILT(kesModbusRtuReadDiscreteInputsFrame)},
+        {"new read input registers", Hex("00 04 00 00 00 00 F1 DB"), BUILT(kesModbusRtuReadInputRegistersFrame)},
+        {"new write single coil", Hex("00 05 00 00 00 00 CC 1B"), BUILT(SingleCoil)},
+        {"single coil on 1", Hex("00 05 00 05 FF 00 9D EA"), BUILT(SingleCoil, f.SetRegister(5, 1))},
+        {"single coil on 2 counts as on", Hex("00 05 00 05 FF 00 9D EA"), BUILT(SingleCoil, f.SetRegister(5, 2))},
+        {"single coil off", Hex("00 05 00 05 00 00 DC 1A"), BUILT(SingleCoil, f.SetRegister(5, 1), f.SetRegister(5, 0))},
+        {"new write single register", Hex("00 06 00 00 00 00 88 1B"), BUILT(SingleRegister)},
+        {"single register 5 = 0x1234", Hex("00 06 00 05 12 34 95 6D"), BUILT(SingleRegister, f.SetRegister(5, 0x1234))},
+        {"new write multiple coils is 8 bytes", Hex("00 0F 00 00 00 00 54 1A"), BUILT(kesModbusRtuWriteMultipleCoilsFrame)},
+        {"new write multiple registers", Hex("00 10 00 00 00 00 C1 D8"), BUILT(MultipleRegisters)},
         {"header before data", Hex("01 10 00 0A 00 02 04 DE AD BE EF E8 35"),
-         built<MultipleRegisters>( [](MultipleRegisters& f) { f.SetUnitID(1), f.SetRegisters(10, 2), f.SetData(DATA4,
-         4); })},
+         BUILT(MultipleRegisters, f.SetUnitID(1), f.SetRegisters(10, 2), f.SetData(DATA4, 4))},
         {"header after data", Hex("01 10 00 0A 00 02 04 DE AD BE EF E8 35"),
-         built<MultipleRegisters>( [](MultipleRegisters& f) { f.SetData(DATA4, 4), f.SetRegisters(10, 2),
-         f.SetUnitID(1); })},
-        {"plain frame, code last", WithCrc(Hex("00 04 12 34 00 09")), built<Plain>([](Plain& f) { f.SetRegisters(0x1234,
-         9), f.SetFunctionCodeID(kesModbusFunctionReadInputRegisters); })},
+         BUILT(MultipleRegisters, f.SetData(DATA4, 4), f.SetRegisters(10, 2), f.SetUnitID(1))},
+        {"plain frame, code last", WithCrc(Hex("00 04 12 34 00 09")),
+         BUILT(Plain, f.SetRegisters(0x1234, 9), f.SetFunctionCodeID(kesModbusFunctionReadInputRegisters))},
     };
     // clang-format on
     for (const auto& row : rows)
