@@ -24,12 +24,9 @@ Bytes frame_bytes(const kesIModbusRtuFrame& i_frame)
 const unsigned char DATA4[] = {0xDE, 0xAD, 0xBE, 0xEF};
 
 // The bytes of a new FRAME after the statements that follow it, on f.
-#define BUILT(FRAME, ...)                              \
-    [] {                                               \
-        FRAME f;                                       \
-        __VA_ARGS__;                                   \
-        return frame_bytes(*f.GetModbusRtuFramePtr()); \
-    }()
+// clang-format off
+#define BUILT(FRAME, ...) [] { FRAME f; __VA_ARGS__; return frame_bytes(*f.GetModbusRtuFramePtr()); }()
+// clang-format on
 
 typedef kesModbusRtuFrame Plain;
 typedef kesModbusRtuReadHoldingRegistersFrame Holding;
