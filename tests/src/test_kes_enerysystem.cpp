@@ -179,8 +179,6 @@ TEST_F(EngineTest, EveryReadDecodesItsRegisters)
          {-1, 0.01f, -1, 0.03f, 0.04f}, {}, {}},
         {"pulse counter", 5, 100, {0xFFFF, 0xFFFF, 0xFFFF}, KES_READ(ReadPulseCounterData(a, o.u, o.w)),
          {}, {4294967295u}, {65535}},
-        {"pulse counter two", 8, 1100, {0, 7, 70, 0x0100, 0, 5},
-         KES_READ(ReadPulseCounterTwoData(a, o.u, o.w, o.u + 1, o.w + 1)), {}, {7, 16777216}, {70, 5}},
         // five channels: count high register first, period, second count
         {"pulse counter five", 9, 200, {1, 10, 100, 0, 1007, 2, 11, 101, 0, 2007, 3, 12, 102, 0, 3007, 4, 13, 103, 0,
          4007, 5, 14, 104, 0, 5007}, KES_READ(ReadPulseCounterFiveData(a, o.u, o.w, o.u + 1, o.u + 2, o.w + 1, o.u + 3,
@@ -727,6 +725,8 @@ TEST_F(EngineTest, DeviceReports)
         {"PulseCounterTwo", kesEnergyDevicePulseCounterTwo, 8, {0, 1500, 3600, 0, 2000, 18}, false, true,
          none + "OA Pulse Count:1500|OA Last Time:3600 ms|OA Instantaneous Power:1.00 kW|OA Production:1.50 kWh|" "OR Pulse Count:2000|OR Last Time:18 ms|OR Instantaneous Power:200.00 kVAR|OR Production:2.00 kVARh"},
         {"Ambient", kesEnergyDeviceAmbient, 9, {}, true, true, "Model:M1|Serial:S1|Test Date:2024-01-02"},
+        {"StringThree", kesEnergyDeviceStringThree, 11, {2300, 100, 250, 0}, true, true,
+         texts + "Voltage:230.00 V|1 Ampere:1.00 A|1 Instantaneous Power:230.00 W|2 Ampere:2.50 A|" "2 Instantaneous Power:575.00 W|3 Ampere:0.00 A|3 Instantaneous Power:0.00 W"},
         {"StringOne", kesEnergyDeviceStringOne, 10, {2300, 200}, true, true,
          texts + "Voltage:230.00 V|Ampere:2.00 A|Instantaneous Power:460.00 W"},
         {"String", kesEnergyDeviceString, 2, {}, false, false,
