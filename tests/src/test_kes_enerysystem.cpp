@@ -127,7 +127,7 @@ protected:
     const unsigned char m_mode = kesEnergySystem::MODE;
 };
 
-// ---------------------------------------------------------------- names and opening
+// ---------------------------------------------------------------- opening
 
 TEST_F(EngineTest, TimingIsRaisedToItsFloorsAndKeptByAFailedOpen)
 {
