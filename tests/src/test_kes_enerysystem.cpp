@@ -83,12 +83,13 @@ kesEnergyDevice make_device(kesEEnergyDeviceType i_type, unsigned char i_address
     return device;
 }
 
-std::vector<unsigned int> serials_of(const Devices& i_devices)
+// "serial:type " for each device, in the order of the list
+std::string listed(const Devices& i_devices)
 {
-    std::vector<unsigned int> serials;
+    std::string text;
     for (const kesEnergyDevice& device : i_devices)
-        serials.push_back(device.UniqueID);
-    return serials;
+        text += std::to_string(device.UniqueID) + ":" + std::to_string(device.Type) + " ";
+    return text;
 }
 
 class EngineTest : public ::testing::Test {
@@ -131,23 +132,21 @@ protected:
 
 TEST_F(EngineTest, TimingIsRaisedToItsFloorsAndKeptByAFailedOpen)
 {
-    const unsigned int rows[][6] = {{49, 4, 29, 50, 5, 30}, {50, 5, 30, 50, 5, 30}, {500, 100, 100, 500, 100, 100}};
-    auto timing = [&] {
-        return std::vector<unsigned int>{m_engine.GetReceiveTimeOut(), m_engine.GetAnswerPause(),
-                                         m_engine.GetFailurePause()};
-    };
-    EXPECT_FALSE(m_engine.IsConnected());
+    // the last opening fails: the gateway is gone
+    const unsigned int rows[][6] = {
+        {49, 4, 29, 50, 5, 30}, {50, 5, 30, 50, 5, 30}, {500, 100, 100, 500, 100, 100}, {10, 1, 1, 500, 100, 100}};
+    const std::string address = m_gateway.GetAddress();
     for (const auto& row : rows) {
-        ASSERT_EQ(kesErrorOk, m_engine.OpenCommunication(m_gateway.GetAddress().c_str(), 0, row[0], row[1], row[2]));
-        EXPECT_TRUE(m_engine.IsConnected());
-        EXPECT_EQ(std::vector<unsigned int>(row + 3, row + 6), timing());
+        const bool opens = &row != &rows[3];
+        if (!opens)
+            m_gateway.Stop();
+        EXPECT_EQ(opens, m_engine.OpenCommunication(address.c_str(), 0, row[0], row[1], row[2]) == kesErrorOk);
+        EXPECT_EQ(opens, m_engine.IsConnected());
+        EXPECT_EQ(std::vector<unsigned int>(row + 3, row + 6),
+                  std::vector<unsigned int>(
+                      {m_engine.GetReceiveTimeOut(), m_engine.GetAnswerPause(), m_engine.GetFailurePause()}));
     }
-    std::string address = m_gateway.GetAddress();
-    m_gateway.Stop();
-    EXPECT_NE(kesErrorOk, m_engine.OpenCommunication(address.c_str(), 0, 10, 1, 1));
     EXPECT_TRUE(m_log.Contains("Can not open the communication"));
-    EXPECT_FALSE(m_engine.IsConnected());
-    EXPECT_EQ(std::vector<unsigned int>({500, 100, 100}), timing());
 }
 
 // ---------------------------------------------------------------- measurement reads
@@ -177,6 +176,10 @@ TEST_F(EngineTest, EveryReadDecodesItsRegisters)
         {"string four, null outputs left alone", 7, 700, {3003, 1, 2, 3, 4},
          KES_READ(ReadStringFourVoltAmpere(a, nullptr, o.f + 1, nullptr, o.f + 3, o.f + 4)),
          {-1, 0.01f, -1, 0.03f, 0.04f}, {}, {}},
+        {"string one", 10, 400, {3000, 99}, KES_READ(ReadStringOneVoltAmpere(a, o.f, o.f + 1)), {300.0f, 0.99f}, {}, {}},
+        {"alarm", 3, 800, {2300, 150}, KES_READ(ReadAlarmVoltAmpere(a, o.f, o.f + 1)), {230.0f, 1.5f}, {}, {}},
+        {"pulse counter two", 8, 1100, {0, 7, 70, 0x0100, 0, 5},
+         KES_READ(ReadPulseCounterTwoData(a, o.u, o.w, o.u + 1, o.w + 1)), {}, {7, 16777216}, {70, 5}},
         {"pulse counter", 5, 100, {0xFFFF, 0xFFFF, 0xFFFF}, KES_READ(ReadPulseCounterData(a, o.u, o.w)),
          {}, {4294967295u}, {65535}},
         // five channels: count high register first, period, second count
@@ -611,11 +614,7 @@ TEST_F(EngineTest, FindAllDevices)
     devices.AddBack(make_device(kesEnergyDevicePanel, 1, 1)); // emptied first
     ASSERT_EQ(kesErrorOk, m_engine.FindAllDevices(&devices));
     const std::vector<unsigned int> serials = {111, 333, 20000160, 16909060, 12345678};
-    EXPECT_EQ(serials, serials_of(devices));
-    std::string types;
-    for (const kesEnergyDevice& found : devices)
-        types += char('0' + found.Type);
-    EXPECT_EQ("21173", types);            // String, Panel twice, StringFour, Alarm
+    EXPECT_EQ("111:2 333:1 20000160:1 16909060:7 12345678:3 ", listed(devices));
     EXPECT_EQ(6u, m_engine.found.size()); // 111 twice
     EXPECT_TRUE(m_log.Contains("Device 111 answers the coarse key 11 again: it was not muted"));
     EXPECT_TRUE(m_log.Contains("An answer to the coarse key 22 named no known device type"));
@@ -647,10 +646,10 @@ TEST_F(EngineTest, SearchesWithoutMuteAndByFineKeysSortTheirResult)
     Open(50);
     Devices devices;
     ASSERT_EQ(kesErrorOk, m_engine.old_find_all_devices(&devices, 0, 2));
-    EXPECT_EQ((std::vector<unsigned int>{9, 1203, 5003}), serials_of(devices));
+    EXPECT_EQ("9:2 1203:2 5003:2 ", listed(devices));
     // where devices can not be muted the whole search is this one
     ASSERT_EQ(kesErrorOk, m_engine.FindAllDevices(&devices));
-    EXPECT_EQ((std::vector<unsigned int>{9, 1203, 5003}), serials_of(devices));
+    EXPECT_EQ("9:2 1203:2 5003:2 ", listed(devices));
     TestBusGateway::Device device;
     m_gateway.GetDevice(9, &device);
     EXPECT_EQ(0u, device.mutes);
@@ -660,7 +659,7 @@ TEST_F(EngineTest, SearchesWithoutMuteAndByFineKeysSortTheirResult)
     m_gateway.AddDevice(kesEnergyDeviceString, 20004, 2);
     m_gateway.AddDevice(kesEnergyDeviceString, 30040, 3);
     ASSERT_EQ(kesErrorOk, m_engine.find_all_devices_10000(&devices, 20));
-    EXPECT_EQ((std::vector<unsigned int>{10012, 20004}), serials_of(devices));
+    EXPECT_EQ("10012:2 20004:2 ", listed(devices));
 
     // a gateway that went away ends each of the searches
     kesEnergySystem::MODE = 2;
@@ -765,6 +764,12 @@ TEST_F(EngineTest, DeviceReports)
     }
     EXPECT_EQ("", nothing);
     EXPECT_EQ(0u, Requests());
+    // names past the ends of their tables, and the running cycle
+    EXPECT_EQ("Unknown type 12|Unknown type 6|In Progress|Unknown type 2",
+              kesEnergySystem::DeviceTypeToTypeName(kesEEnergyDeviceType(12)) + "|" +
+                  kesEnergySystem::AlarmStatusTypeToTypeName(kesEEnergyAlarmStatus(6)) + "|" +
+                  kesEnergySystem::AlarmCycleStatusTypeToTypeName(kesEnergyAlarmCycleInProgress) + "|" +
+                  kesEnergySystem::AlarmCycleStatusTypeToTypeName(kesEEnergyAlarmCycleStatus(2)));
 }
 
 } // namespace
