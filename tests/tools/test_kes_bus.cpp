@@ -9,9 +9,7 @@
 #include <iterator>
 #include <regex>
 #include <sstream>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "error_capture.h"
 #include "kes_bus_conf.h"

@@ -12,10 +12,8 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <iterator>
 #include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "loopback.h"
 #include "test_gateway.h"
@@ -44,6 +42,7 @@ uint16_t reg(const Bytes& i_reply, size_t i_index)
 // Every refusal of an option comes with the help.
 TEST(BusSimCommandLine, RefusesWhatItCanNotServe)
 {
+    // clang-format off
     const std::pair<const char*, const char*> rows[] = {
         {"-fault bogus:1", "kes_bus_sim: bad fault \"bogus:1\": KIND:LINE[:MID[:PERCENT[:VALUE]]]\n"},
         {"-fault late:1:3:50:20000", "kes_bus_sim: a late reply waits at most 10000 ms\n"},
@@ -57,11 +56,11 @@ TEST(BusSimCommandLine, RefusesWhatItCanNotServe)
         {"-conf /nonexistent/conf.xml", "kes_bus_sim: Failed to open file in file: /nonexistent/conf.xml"},
         {"-h", "-fault KIND:LINE"},
     };
+    // clang-format on
     for (const auto& row : rows) {
         std::istringstream words(row.first);
         std::vector<std::string> argv = {kes_test::BinPath("kes_bus_sim")};
-        for (std::string word; words >> word;)
-            argv.push_back(word);
+        argv.insert(argv.end(), std::istream_iterator<std::string>(words), {});
         kes_test::ChildProcess sim;
         ASSERT_TRUE(sim.Start(argv));
         SCOPED_TRACE(row.first);
@@ -75,15 +74,11 @@ TEST(BusSimCommandLine, RefusesWhatItCanNotServe)
 // PulseCounter mid 4; line 2 (serial) a clean String mid 3.
 TEST(BusSim, ServesItsLinesWithTheirFaults)
 {
-    struct Row {
-        unsigned int mid;
-        const char* fault;
-        size_t length;    // of the reply, 0 for none
-        const char* head; // its unit and function when its CRC is valid
-    };
-    const Row rows[] = {{3, "silent:1:3", 0, ""},          {5, "crc:1:5", 9, ""},
-                        {6, "unit:1:6", 9, "03 03"},       {7, "exception:1:7", 5, "02 83"},
+    // length: of the reply, 0 for none; head: its unit and function when its CRC is valid
+    // clang-format off
+    const struct Row { unsigned int mid; const char* fault; size_t length; const char* head; } rows[] = {{3, "silent:1:3", 0, ""}, {5, "crc:1:5", 9, ""}, {6, "unit:1:6", 9, "03 03"}, {7, "exception:1:7", 5, "02 83"},
                         {8, "garbage:1:8:100:17", 17, ""}, {9, "late:1:9:100:200", 9, "02 03"}};
+    // clang-format on
     kes_test::TempDir dir;
     mkdir(dir.File("dev").c_str(), 0755);
     const uint16_t port = kes_test::FreePort();
@@ -119,11 +114,8 @@ TEST(BusSim, ServesItsLinesWithTheirFaults)
         << kes_test::ToHex(answer);
 
     fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    const sockaddr_in address = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    ASSERT_EQ(connect(fd, (const sockaddr*)&address, sizeof(address)), 0);
     for (const Row& row : rows) {
         const auto sent = std::chrono::steady_clock::now();
         ASSERT_TRUE(kes_test::WriteAll(fd, read_request(2, static_cast<uint16_t>(row.mid * 100), 2)));

@@ -10,8 +10,6 @@
 #include <cstdio>
 #include <map>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "kes_history_reference.h"
 #include "test_process.h"
@@ -174,14 +172,11 @@ TEST(KesChart, RefusesWhatItCanNotUse)
 {
     kes_test::TempDir dir;
     const std::string out = dir.File("out"), data = dir.Path();
-    const std::vector<std::string> rows[] = {
-        {"-dir", data},
-        {"-out", out},
-        {"-out", out, "-dir", data, "-colour", "red"},
-        {"-out", out, "-dir", data, "-history", "soon"},
-        {"-out", out, "-dir", data, "-conf", dir.File("none.xml")},
-        {"-out", dir.File("none/out"), "-dir", data},
-    };
+    // clang-format off
+    const std::vector<std::string> rows[] = {{"-dir", data}, {"-out", out}, {"-out", out, "-dir", data, "-colour", "red"},
+        {"-out", out, "-dir", data, "-history", "soon"}, {"-out", out, "-dir", data, "-conf", dir.File("none.xml")},
+        {"-out", dir.File("none/out"), "-dir", data}};
+    // clang-format on
     for (const std::vector<std::string>& row : rows)
         EXPECT_EQ(2, run_chart(row).first) << row.back();
     // Before the daemon's first tick there are no files: the pictures say so.
