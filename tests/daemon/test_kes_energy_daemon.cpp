@@ -11,10 +11,11 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
-#include <memory>
+#include <regex>
 #include <set>
 
 #include "kes_net_test_support.h"
+#include "loopback.h"
 #include "test_gateway.h"
 #include "test_process.h"
 
@@ -63,17 +64,14 @@ protected:
         ASSERT_TRUE(mkdir(m_dir.File("dev").c_str(), 0755) == 0 && mkdir(m_dir.File("data").c_str(), 0755) == 0);
     }
 
-    // On the fake clock given ("@2026-06-15 10:00:55 x10"), or "" for the real one.
-    void Start(const std::string& i_conf, const std::string& i_fake = "")
+    // On a clock faked five seconds before a minute tick.
+    void Start(const std::string& i_conf)
     {
         kes_test::WriteFile(m_dir.File("conf.xml"), i_conf);
-        std::vector<std::string> argv = {"/usr/bin/env"};
-        if (!i_fake.empty())
-            argv.insert(argv.end(), {"LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1",
-                                     "FAKETIME=" + i_fake, "ASAN_OPTIONS=verify_asan_link_order=0"});
-        argv.insert(argv.end(), {kes_test::BinPath("kes_energy"), "-conf", m_dir.File("conf.xml"), "-dir",
-                                 m_dir.File("data/"), "-history", "1"});
-        ASSERT_TRUE(m_daemon.Start(argv));
+        ASSERT_TRUE(m_daemon.Start({"/usr/bin/env", "LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1",
+                                    "FAKETIME=@2026-06-15 10:00:55", "ASAN_OPTIONS=verify_asan_link_order=0",
+                                    kes_test::BinPath("kes_energy"), "-conf", m_dir.File("conf.xml"), "-dir",
+                                    m_dir.File("data/"), "-history", "1"}));
     }
 
     // Takes datagrams until the condition holds or the time is up.
@@ -154,7 +152,7 @@ TEST_F(Daemon, ConfigurationInDatagramsAndFilesOutThroughDropsAndFaults)
          "2:1.5:0.4", "-fault",     "garbage:1:4:30", "-fault",     "late:1:5:20:200", "-fault",          "unit:1:6:30",
          "-fault",    "silent:1:9", "-fault",         "crc:2:2:30", "-fault",          "exception:2:3:30"});
     m_start = Clock::now();
-    Start("<energy>" + lines + line(4, gateway.GetAddress(), known) + "</energy>", "@2026-06-15 10:00:55");
+    Start("<energy>" + lines + line(4, gateway.GetAddress(), known) + "</energy>");
     std::vector<double> back[2]; // when each line came back, in seconds
     std::vector<long> descriptors;
     while (since(m_start) < 4.8) {
@@ -162,11 +160,10 @@ TEST_F(Daemon, ConfigurationInDatagramsAndFilesOutThroughDropsAndFaults)
         ASSERT_EQ(m_daemon.Wait(0), -1) << "the daemon ended\n" << m_daemon.Output();
         descriptors.push_back(open_descriptors(m_daemon.Pid()));
         const std::string events = m_sim.Output();
-        for (unsigned int l = 0, n = 0; l < 2; ++l, n = 0) {
-            for (size_t at = 0;
-                 (at = events.find("line " + std::to_string(l + 1) + " back (", at)) != std::string::npos; ++at)
-                ++n;
-            back[l].resize(n, since(m_start));
+        for (unsigned int l = 0; l < 2; ++l) {
+            const std::regex event("line " + std::to_string(l + 1) + " back \\(");
+            back[l].resize(std::distance(std::sregex_iterator(events.begin(), events.end(), event), {}),
+                           since(m_start));
         }
     }
     const std::string before = kes_test::ReadFile(m_dir.File("data/d"));
@@ -213,30 +210,6 @@ TEST_F(Daemon, ConfigurationInDatagramsAndFilesOutThroughDropsAndFaults)
     EXPECT_NE(lstat(serial.c_str(), &link), 0) << "the simulator left its link";
 }
 
-// A port whose connection attempts go unanswered, as behind a gateway with
-// its power cut: a listener that accepts nothing and a full backlog.
-struct Blackhole {
-    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), on = 1;
-    std::vector<int> queued;
-    explicit Blackhole(uint16_t i_port)
-    {
-        sockaddr_in address = {AF_INET, htons(i_port), {htonl(INADDR_LOOPBACK)}, {}};
-        setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-        const bool listening = bind(listener, (sockaddr*)&address, sizeof(address)) == 0 && listen(listener, 0) == 0;
-        for (int i = 0; listening && i < 3; ++i) {
-            queued.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-            connect(queued.back(), (sockaddr*)&address, sizeof(address));
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    ~Blackhole()
-    {
-        for (int fd : queued)
-            close(fd);
-        close(listener);
-    }
-};
-
 // SIGTERM while a large configuration is read, while a line waits to
 // reconnect to its gateway, and while connection attempts go unanswered
 // (the reconnection takes the same way): the daemon ends in order within 2 s.
@@ -244,9 +217,15 @@ struct Blackhole {
 TEST_P(Daemon, EndsInOrderOnSigterm)
 {
     const Phase phase = GetParam();
-    const uint16_t port = kes_test::FreePort();
-    std::string lines = line(1, local(port), value(2, 3, 1301, 0));
-    std::unique_ptr<Blackhole> blackhole;
+    std::string lines = line(1, local(kes_test::FreePort()), value(2, 3, 1301, 0));
+    // A gateway with its power cut: a listener that accepts nothing, its backlog full.
+    kes_test::LoopbackServer blackhole;
+    std::vector<int> queued(phase == StartUnanswered ? 12 : 0);
+    for (int& fd : queued) {
+        const sockaddr_in address = {AF_INET, htons(blackhole.Port()), {htonl(INADDR_LOOPBACK)}, {}};
+        fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        connect(fd, (const sockaddr*)&address, sizeof(address));
+    }
     if (phase == BadConfiguration) {
         Start("<ENERGY/>");
         EXPECT_EQ(m_daemon.Wait(3000), 2);
@@ -261,8 +240,8 @@ TEST_P(Daemon, EndsInOrderOnSigterm)
         lines += line(id, local(kes_test::FreePort()), values);
     }
     if (phase == StartUnanswered) {
-        blackhole.reset(new Blackhole(port));
-        lines += line(2, local(port), value(2, 3, 2301, 0));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100)); // for the queue to fill
+        lines = line(1, blackhole.Address(), value(2, 3, 1301, 0)) + line(2, blackhole.Address(), value(2, 3, 2301, 0));
     }
     if (phase == Refused) {
         // a line that can not start is told and the daemon runs on
@@ -278,6 +257,8 @@ TEST_P(Daemon, EndsInOrderOnSigterm)
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(phase == Reading ? 0 : 300));
     Stop();
+    for (int fd : queued)
+        close(fd);
 }
 
 INSTANTIATE_TEST_SUITE_P(Phases, Daemon, ::testing::Values(Reading, Refused, StartUnanswered, BadConfiguration));
