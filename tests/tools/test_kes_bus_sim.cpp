@@ -1,14 +1,11 @@
 // kes_bus_sim as a process: its command line, its replies and faults on a
-// TCP line, the echo of its serial line, and counts that match their period.
+// TCP line, and counts that match their period. Its serial line serves the
+// daemon's tests.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -71,7 +68,7 @@ TEST(BusSimCommandLine, RefusesWhatItCanNotServe)
 }
 
 // One simulator: line 1 (TCP) has a String module for each fault and a clean
-// PulseCounter mid 4; line 2 (serial) a clean String mid 3.
+// PulseCounter mid 4.
 TEST(BusSim, ServesItsLinesWithTheirFaults)
 {
     // length: of the reply, 0 for none; head: its unit and function when its CRC is valid
@@ -80,9 +77,7 @@ TEST(BusSim, ServesItsLinesWithTheirFaults)
                         {8, "garbage:1:8:100:17", 17, ""}, {9, "late:1:9:100:200", 9, "02 03"}};
     // clang-format on
     kes_test::TempDir dir;
-    mkdir(dir.File("dev").c_str(), 0755);
     const uint16_t port = kes_test::FreePort();
-    const std::string serial = dir.File("dev/ttyUSB0");
     std::string conf = "<energy><line id=\"1\" adr=\"127.0.0.1:" + std::to_string(port) +
                        "\"><v type=\"5\" mid=\"4\" iid=\"2\" fid=\"0\"/>";
     std::vector<std::string> argv = {
@@ -91,29 +86,11 @@ TEST(BusSim, ServesItsLinesWithTheirFaults)
         conf += "<v type=\"2\" mid=\"" + std::to_string(row.mid) + "\" iid=\"1\" fid=\"0\"/>";
         argv.insert(argv.end(), {"-fault", row.fault});
     }
-    kes_test::WriteFile(dir.File("conf.xml"), conf + "</line><line id=\"2\" adr=\"" + serial +
-                                                  "\"><v type=\"2\" mid=\"3\" iid=\"3\" fid=\"0\"/></line></energy>");
+    kes_test::WriteFile(dir.File("conf.xml"), conf + "</line></energy>");
     kes_test::ChildProcess sim;
     ASSERT_TRUE(sim.Start(argv) && sim.WaitForOutput("ready", 5000)) << sim.Output();
 
-    // The serial line echoes the request before the reply: at noon a string of
-    // some 600 V carrying current.
-    int fd = open(serial.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    termios settings;
-    ASSERT_TRUE(fd >= 0 && tcgetattr(fd, &settings) == 0) << serial;
-    cfmakeraw(&settings);
-    tcsetattr(fd, TCSANOW, &settings);
-    const Bytes request = read_request(2, 300, 2);
-    ASSERT_TRUE(kes_test::WriteAll(fd, request));
-    const Bytes got = kes_test::ReadFor(fd, 8 + 9, 2000);
-    close(fd);
-    ASSERT_EQ(got.size(), 17u) << kes_test::ToHex(got);
-    const Bytes answer(got.begin() + 8, got.end());
-    EXPECT_EQ(Bytes(got.begin(), got.begin() + 8), request);
-    EXPECT_TRUE(crc_ok(answer) && answer[0] == 2 && reg(answer, 0) > 5000 && reg(answer, 1) > 100)
-        << kes_test::ToHex(answer);
-
-    fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const sockaddr_in address = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
     ASSERT_EQ(connect(fd, (const sockaddr*)&address, sizeof(address)), 0);
     for (const Row& row : rows) {
@@ -149,8 +126,6 @@ TEST(BusSim, ServesItsLinesWithTheirFaults)
     EXPECT_EQ(bus.Output(), "found [PulseCounter] serial 10105004 module 4\n[PulseCounter] serial 10105004 module 4\n");
     sim.Signal(SIGTERM);
     EXPECT_EQ(sim.Wait(5000), 0);
-    struct stat link;
-    EXPECT_NE(lstat(serial.c_str(), &link), 0);
 }
 
 } // namespace
