@@ -45,12 +45,6 @@ std::string local(uint16_t i_port)
     return "127.0.0.1:" + std::to_string(i_port);
 }
 
-long open_descriptors(pid_t i_pid)
-{
-    std::error_code error;
-    return std::distance(std::filesystem::directory_iterator("/proc/" + std::to_string(i_pid) + "/fd", error), {});
-}
-
 // A phase of the daemon's life for SIGTERM to come in.
 enum Phase { Reading, Refused, StartUnanswered, BadConfiguration };
 
@@ -155,10 +149,12 @@ TEST_F(Daemon, ConfigurationInDatagramsAndFilesOutThroughDropsAndFaults)
     Start("<energy>" + lines + line(4, gateway.GetAddress(), known) + "</energy>");
     std::vector<double> back[2]; // when each line came back, in seconds
     std::vector<long> descriptors;
+    const std::string fds = "/proc/" + std::to_string(m_daemon.Pid()) + "/fd";
+    std::error_code error;
     while (since(m_start) < 4.8) {
         Receive(0.25, [] { return false; });
         ASSERT_EQ(m_daemon.Wait(0), -1) << "the daemon ended\n" << m_daemon.Output();
-        descriptors.push_back(open_descriptors(m_daemon.Pid()));
+        descriptors.push_back(std::distance(std::filesystem::directory_iterator(fds, error), {}));
         const std::string events = m_sim.Output();
         for (unsigned int l = 0; l < 2; ++l) {
             const std::regex event("line " + std::to_string(l + 1) + " back \\(");

@@ -237,21 +237,19 @@ TEST(KesBusConf, WritesTheLineOfTheBusAndKeepsTheRest)
         {"a write that fails half way", ELSEWHERE, 1, plant, "File too large; it is as it was"},
     };
     // clang-format on
+    rlimit before;
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit small = {200, before.rlim_max};
+    signal(SIGXFSZ, SIG_IGN); // a write past the limit fails instead of ending the tests
     for (const auto& [name, existing, id, found, result] : rows) {
         kes_test::TempDir dir;
         const std::string path = dir.File("conf.xml");
         if (existing)
             kes_test::WriteFile(path, existing);
-        rlimit before, small;
-        getrlimit(RLIMIT_FSIZE, &before);
-        small = {200, before.rlim_max};
-        sighandler_t handler = signal(SIGXFSZ, SIG_IGN); // a write past the limit fails instead
-        if (contains(name, "fails"))
-            setrlimit(RLIMIT_FSIZE, &small);
+        setrlimit(RLIMIT_FSIZE, contains(name, "fails") ? &small : &before);
         std::string text;
         bool written = kes::kesBusWriteConfiguration(path, "10.0.0.5:502", id, found, &text);
         setrlimit(RLIMIT_FSIZE, &before);
-        signal(SIGXFSZ, handler);
         EXPECT_EQ(result[0] == '<', written) << name << ": " << text;
         EXPECT_TRUE(written ? result == kes_test::ReadFile(path) : contains(text, result)) << name << text;
         EXPECT_TRUE(written || kes_test::ReadFile(path) == (existing ? existing : "")) << name;
