@@ -183,9 +183,7 @@ TEST_F(Daemon, ConfigurationInDatagramsAndFilesOutThroughDropsAndFaults)
     EXPECT_EQ(silent, std::set<unsigned int>());
     EXPECT_NE(m_daemon.Output().find("[Communication Error]"), std::string::npos);
     const std::string day = kes_test::ReadFile(m_dir.File("data/d"));
-    EXPECT_EQ(day.rfind("H|10\n", 0), 0u) << day;
-    EXPECT_NE(day.find("\n4203|"), std::string::npos) << day;
-    EXPECT_NE(day.find("\n4402|123.5\n"), std::string::npos) << day;
+    EXPECT_TRUE(std::regex_search(day, std::regex("^H\\|10\n[^]*\n4203\\|[^]*\n4402\\|123.5\n"))) << day;
     EXPECT_NE(kes_test::ReadFile(m_dir.File("data/meteo")), "");
     // Publishing came back soon after every return.
     EXPECT_GE(back[0].size() + back[1].size(), 3u) << m_sim.Output();
@@ -229,12 +227,10 @@ TEST_P(Daemon, EndsInOrderOnSigterm)
         EXPECT_NE(out.find("Energy Execute", out.find("Configuration failed")), std::string::npos) << out;
         return;
     }
-    for (unsigned int id = 2; phase == Reading && id <= 5; ++id) { // ports that refuse: the start does not wait
-        std::string values;
-        for (unsigned int i = 0; i < 150; ++i)
-            values += value(2, i / 3 + 1, id * 100000 + i, i % 3);
-        lines += line(id, local(kes_test::FreePort()), values);
-    }
+    std::string values; // many, on ports that refuse: the start does not wait
+    for (unsigned int i = 0; phase == Reading && i < 600; ++i)
+        values += value(2, i / 3 + 1, 200000 + i, i % 3);
+    lines += line(2, local(kes_test::FreePort()), values);
     if (phase == StartUnanswered) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100)); // for the queue to fill
         lines = line(1, blackhole.Address(), value(2, 3, 1301, 0)) + line(2, blackhole.Address(), value(2, 3, 2301, 0));

@@ -107,8 +107,7 @@ TEST(KesBusTool, CommandLineAndCommandsOnTheBus)
         std::vector<std::string> argv = words(fill(std::get<0>(row), address));
         argv.insert(argv.begin(), kes_test::BinPath("kes_bus"));
         kes_test::ChildProcess child;
-        ASSERT_TRUE(child.Start(argv));
-        const int status = child.Wait(10000);
+        const int status = child.Start(argv) ? child.Wait(10000) : -1;
         const std::string output = child.Output(), expected = fill(std::get<2>(row), address);
         SCOPED_TRACE(std::string(std::get<0>(row)) + "\n" + output);
         EXPECT_EQ(std::get<1>(row), status);
@@ -191,11 +190,11 @@ TEST(KesBusTool, CommandLineAndCommandsOnTheBus)
 kes::kesArray<kes::kesEnergyDevice> devices(std::initializer_list<std::array<unsigned int, 3>> i_rows)
 {
     kes::kesArray<kes::kesEnergyDevice> array;
-    array.resize(i_rows.size());
-    for (size_t i = 0; i < i_rows.size(); ++i) {
-        array[i].Type = static_cast<kes::kesEEnergyDeviceType>(i_rows.begin()[i][0]);
-        array[i].Address = static_cast<unsigned char>(i_rows.begin()[i][1]);
-        array[i].UniqueID = i_rows.begin()[i][2];
+    for (const auto& row : i_rows) {
+        array.emplace_back();
+        array.back().Type = static_cast<kes::kesEEnergyDeviceType>(row[0]);
+        array.back().Address = static_cast<unsigned char>(row[1]);
+        array.back().UniqueID = row[2];
     }
     return array;
 }
