@@ -179,8 +179,6 @@ TEST(KesBusTool, CommandLineAndCommandsOnTheBus)
     }
     // the searches leave the engine's mode as they found it
     EXPECT_EQ(2, kes::kesEnergySystem::MODE);
-    kes::kesEnergySystem::EXECUTION_COUNT = 1;
-    kes::kesEnergySystem::MODE = 2;
     kes_test::TestBusGateway::Device alarm;
     ASSERT_TRUE(gateway.GetDevice(3003, &alarm));
     EXPECT_EQ((std::vector<uint16_t>{1, 10, 20, 30}), alarm.tuning);

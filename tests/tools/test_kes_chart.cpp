@@ -25,10 +25,8 @@ std::string text(const Runs& i_runs)
     std::ostringstream out;
     for (const auto& run : i_runs)
         for (size_t i = 0; i < run.size(); ++i)
-            out << (i                 ? " "
-                    : out.tellp() > 0 ? " | "
-                                      : "")
-                << std::round(run[i].first * 10) / 10 + 0.0 << "," << std::round(run[i].second * 10) / 10 + 0.0;
+            out << (out.tellp() > 0 ? i ? " " : " | " : "") << std::round(run[i].first * 10) / 10 + 0.0 << ","
+                << std::round(run[i].second * 10) / 10 + 0.0;
     return out.str();
 }
 
