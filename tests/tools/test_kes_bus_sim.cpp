@@ -113,7 +113,7 @@ TEST(BusSim, ServesItsLinesWithTheirFaults)
     }
     const double rise = (reg(counts[1], 0) << 16 | reg(counts[1], 1)) - (reg(counts[0], 0) << 16 | reg(counts[0], 1));
     const double expected = std::chrono::duration<double>(at[1] - at[0]).count() * 2 * 3600000.0 / reg(counts[1], 2);
-    EXPECT_NEAR(rise, expected, expected * 0.2) << "period " << reg(counts[1], 2) << " ms";
+    EXPECT_NEAR(rise, expected, expected * 0.1) << "period " << reg(counts[1], 2) << " ms";
     close(fd);
     // Its devices answer the bus's own frames under serials made of line, type and module.
     kes_test::ChildProcess bus;
