@@ -7,9 +7,9 @@
 
 #include <array>
 #include <iterator>
+#include <regex>
 #include <sstream>
-#include <string>
-#include <vector>
+#include <tuple>
 
 #include "error_capture.h"
 #include "kes_bus_conf.h"
@@ -25,13 +25,9 @@ bool contains(const std::string& i_text, const std::string& i_part)
 }
 
 // The text with each ADR and CONF put in place.
-std::string fill(std::string i_text, const std::string& i_address, const std::string& i_conf = "")
+std::string fill(const std::string& i_text, const std::string& i_address, const std::string& i_conf = "")
 {
-    for (size_t at; (at = i_text.find("ADR")) != std::string::npos;)
-        i_text.replace(at, 3, i_address);
-    for (size_t at; (at = i_text.find("CONF")) != std::string::npos;)
-        i_text.replace(at, 4, i_conf);
-    return i_text;
+    return std::regex_replace(std::regex_replace(i_text, std::regex("ADR"), i_address), std::regex("CONF"), i_conf);
 }
 
 std::vector<std::string> words(const std::string& i_text)
@@ -70,42 +66,6 @@ protected:
     }
 };
 
-// What the program itself reads: options, the help, the exit status.
-TEST(KesBusTool, CommandLine)
-{
-    QuickGateway gateway;
-    struct Row {
-        const char* arguments;
-        int status;
-        const char* output; // a part of it; all of it for a success; "kes_bus: " comes with the help
-    };
-    const Row rows[] = {
-        {"-h", 0, "\nKes. Bus Command Help\nkes_bus -adr ADDRESS [options] COMMAND [ARGUMENTS]\n"},
-        {"scan", 2, "kes_bus: -adr ADDRESS is required\n"},
-        {"-adr ADR read 1", 2, "kes_bus: Wrong number of arguments for read\n"},
-        {"-adr ADR find -5", 2, "kes_bus: Option -5 needs a value\n"},
-        {"-adr ADR -speed 9600 scan", 2, "kes_bus: Unknown option -speed\n"},
-        {"-adr ADR -timeout soon scan", 2, "kes_bus: Option -timeout takes a number from 1 to 3600000: \"soon\"\n"},
-        {"-adr ADR -id 42950 number 1", 2, "kes_bus: Option -id takes a number from 0 to 42949: \"42950\"\n"},
-        {"-adr 127.0.0.1:1 enable", 2, "Can not open the bus at 127.0.0.1:1\n"},
-        // a check that outlasts its wait is no failure
-        {"-adr ADR -wait 0 alarm 5 1 2 3", 0,
-         "Alarm Cycle Check: In Progress\nThe check did not end within 0 ms; ask again with alarm-status\n"},
-    };
-    for (const Row& row : rows) {
-        std::vector<std::string> argv = words(fill(row.arguments, gateway.GetAddress()));
-        argv.insert(argv.begin(), kes_test::BinPath("kes_bus"));
-        kes_test::ChildProcess child;
-        ASSERT_TRUE(child.Start(argv));
-        const int status = child.Wait(10000);
-        const std::string output = child.Output(), expected = fill(row.output, gateway.GetAddress());
-        SCOPED_TRACE(std::string(row.arguments) + "\n" + output);
-        EXPECT_EQ(row.status, status);
-        EXPECT_TRUE(row.status == 0 && argv[1] != "-h" ? output == expected : contains(output, expected));
-        EXPECT_EQ(argv[1] == "-h" || expected.rfind("kes_bus: ", 0) == 0, contains(output, "Kes. Bus Command Help"));
-    }
-}
-
 // The engine of the tool without its pauses: the gateway's replies are all
 // there when they are read.
 class QuickTool : public kes::kesBusTool {
@@ -121,26 +81,51 @@ protected:
     }
 };
 
-// One gateway through all the rows: each finds the bus as the rows before it
-// left it.
-TEST(KesBusTool, CommandsOnTheBus)
+// The program's own reading of options, the help and the exit status; then
+// its commands in-process on one gateway: each row finds the bus as the rows
+// before it left it.
+TEST(KesBusTool, CommandLineAndCommandsOnTheBus)
 {
     QuickGateway gateway;
+    const std::string address = gateway.GetAddress();
+    // output: a part of it; all of it for a success; "kes_bus: " comes with the help
+    // clang-format off
+    const std::tuple<const char*, int, const char*> processes[] = {
+        {"-h", 0, "\nKes. Bus Command Help\nkes_bus -adr ADDRESS [options] COMMAND [ARGUMENTS]\n"},
+        {"scan", 2, "kes_bus: -adr ADDRESS is required\n"},
+        {"-adr ADR read 1", 2, "kes_bus: Wrong number of arguments for read\n"},
+        {"-adr ADR find -5", 2, "kes_bus: Option -5 needs a value\n"},
+        {"-adr ADR -speed 9600 scan", 2, "kes_bus: Unknown option -speed\n"},
+        {"-adr ADR -timeout soon scan", 2, "kes_bus: Option -timeout takes a number from 1 to 3600000: \"soon\"\n"},
+        {"-adr ADR -id 42950 number 1", 2, "kes_bus: Option -id takes a number from 0 to 42949: \"42950\"\n"},
+        {"-adr 127.0.0.1:1 enable", 2, "Can not open the bus at 127.0.0.1:1\n"},
+        // a check that outlasts its wait is no failure
+        {"-adr ADR -wait 0 alarm 5 1 2 3", 0, "Alarm Cycle Check: In Progress\nThe check did not end within 0 ms; ask again with alarm-status\n"},
+    };
+    // clang-format on
+    for (const auto& row : processes) {
+        std::vector<std::string> argv = words(fill(std::get<0>(row), address));
+        argv.insert(argv.begin(), kes_test::BinPath("kes_bus"));
+        kes_test::ChildProcess child;
+        const int status = child.Start(argv) ? child.Wait(10000) : -1;
+        const std::string output = child.Output(), expected = fill(std::get<2>(row), address);
+        SCOPED_TRACE(std::string(std::get<0>(row)) + "\n" + output);
+        EXPECT_EQ(std::get<1>(row), status);
+        EXPECT_TRUE(status == 0 && argv[1] != "-h" ? output == expected : contains(output, expected));
+        EXPECT_EQ(argv[1] == "-h" || expected.rfind("kes_bus: ", 0) == 0, contains(output, "Kes. Bus Command Help"));
+    }
+
     kes_test::TempDir dir;
     const std::string status = "Alarm Cycle Check: Terminated\nAlarm Status: Returned power greater than maximun, "
                                "possible manumission\nAlarm Returned Power: 321\n";
     const std::string scan = "[String] serial 1001 module 9\n[PulseCounterTwo] serial 2002 module 4\n[Alarm] serial "
                              "3003 module 5\n[Panel] serial 20007 module 9\n";
-    const std::string found = "Searching the bus at ADR...\nfound [String] serial 1001 module 9\nfound "
-                              "[PulseCounterTwo] serial 2002 module 4\nfound [Alarm] serial 3003 module 5\nfound "
-                              "[Panel] serial 20007 module 9\n4 device(s) found\n";
+    const std::string found = "Searching the bus at ADR...\n" + std::regex_replace(scan, std::regex("\\["), "found [") +
+                              "4 device(s) found\n";
     const std::string string = "Voltage 230.00 V\nAmpere 1.50 A\n";
-    struct Row {
-        const char* command;
-        int outcome;
-        std::string out, err; // err: the error of bad arguments
-    };
-    const Row rows[] = {
+    // out, err: the standard output and error, or the error of bad arguments
+    // clang-format off
+    const std::tuple<const char*, int, std::string, std::string> commands[] = {
         {"", 3, "", "No command given"},
         {"sing", 3, "", "Unknown command \"sing\""},
         {"read Lamp 3", 3, "", "TYPE must be a number from 1 to 11 or a device type name: \"Lamp\""},
@@ -153,64 +138,47 @@ TEST(KesBusTool, CommandsOnTheBus)
         {"scan-fine 10001", 3, "", "COUNT must be a number from 1 to 10000: \"10001\""},
         {"-conf read 1 3", 3, "", "-conf goes with scan, scan-nomute, scan-fine and number"},
         {"read string 3", 0, "[String][3]\n" + string, ""},
-        {"read 8 4", 0,
-         "[PulseCounterTwo][4]\nOA Pulse Count 1500\nOA Last Time 3600 ms\nOR Pulse Count 65536\nOR Last Time 0 ms\n",
-         ""},
-        {"info String 3", 0,
-         "[String][3]\n\tHardware Serial ------------:0\n\tModbus Address -------------:300\n\tModel "
-         "----------------------:STR-1\n\tSerial ---------------------:SN-1001\n\tTest Date ------------------:2024-02-"
-         "03\n\tVoltage --------------------:230.00 V\n\tAmpere ---------------------:1.50 A\n\tInstantaneous Power "
-         "--------:345.00 W\n",
-         ""},
+        {"read 8 4", 0, "[PulseCounterTwo][4]\nOA Pulse Count 1500\nOA Last Time 3600 ms\nOR Pulse Count 65536\nOR Last Time 0 ms\n", ""},
+        {"info String 3", 0, "[String][3]\n\tHardware Serial ------------:0\n\tModbus Address -------------:300\n\tModel ----------------------:STR-1\n"
+                             "\tSerial ---------------------:SN-1001\n\tTest Date ------------------:2024-02-03\n\tVoltage --------------------:230.00 V\n"
+                             "\tAmpere ---------------------:1.50 A\n\tInstantaneous Power --------:345.00 W\n", ""},
         {"alarm 5 10 20 30", 0, status, ""},
         {"alarm-status 5", 0, status, ""},
         {"set-address 2002 9", 2, "", "Set address failed\n"},  // refused once
         {"set-address 0x7D1 9", 2, "", "Set address failed\n"}, // nobody has 2001: a second in vain
         {"set-address 0x3E9 9", 0, "Device 1001 has the module number 9\n", ""},
-        {"read String 9", 0, "[String][9]\n" + string, ""},
         {"read String 3", 2, "", "Read failed\n"},
         {"mute 1001", 0, "Device 1001 muted\n", ""},
         {"find 1001", 2, "", "No device answers for serial 1001\n"},
         {"enable", 0, "All devices answer searches\n", ""},
         {"scan-nomute", 0, scan, found}, // it neither enables nor mutes
         {"find 1001", 0, "[String] serial 1001 module 9\n", "found [String] serial 1001 module 9\n"},
-        {"scan-fine 10", 0, "[Panel] serial 20007 module 9\n",
-         "Searching the bus at ADR...\nfound [Panel] serial 20007 module 9\n1 device(s) found\n"},
+        {"scan-fine 10", 0, "[Panel] serial 20007 module 9\n", "Searching the bus at ADR...\nfound [Panel] serial 20007 module 9\n1 device(s) found\n"},
         {"scan", 0, scan, found},
-        {"-conf number 5", 0,
-         "[String] serial 1001 module 9 -> 5\n[PulseCounterTwo] serial 2002 module 4 -> 6\n[Alarm] serial 3003 module "
-         "5 "
-         "-> 7\n[Panel] serial 20007 module 9 -> 8\n",
-         found + "Line 1 at ADR written to CONF: 4 device(s), 13 value(s)\n"},
+        {"-conf number 5", 0, "[String] serial 1001 module 9 -> 5\n[PulseCounterTwo] serial 2002 module 4 -> 6\n[Alarm] serial 3003 module 5 -> 7\n"
+                              "[Panel] serial 20007 module 9 -> 8\n", found + "Line 1 at ADR written to CONF: 4 device(s), 13 value(s)\n"},
         {"read string 5", 0, "[String][5]\n" + string, ""},
     };
+    // clang-format on
     kes_test::ErrorCapture records;
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.command);
-        std::vector<std::string> command = words(row.command);
-        kes::kesBusOptions options;
-        options.address = gateway.GetAddress();
-        options.receiveTimeOut = 50;
-        options.attempts = 1;
-        options.wait = 3000;
-        if (!command.empty() && command[0] == "-conf") {
-            options.conf = dir.File("conf.xml");
-            command.erase(command.begin());
-        }
+    for (const auto& row : commands) {
+        SCOPED_TRACE(std::get<0>(row));
+        std::vector<std::string> command = words(std::get<0>(row));
+        const bool conf = !command.empty() && command[0] == "-conf";
+        kes::kesBusOptions options{address, 50, 100, 100, 1, 3000, conf ? dir.File("conf.xml") : ""};
+        command.erase(command.begin(), command.begin() + conf);
         QuickTool tool;
         std::string error;
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
         const kes::kesEBusOutcome outcome = kes::kesBusRun(options, command, &error, tool);
         const std::string out = testing::internal::GetCapturedStdout(), err = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(row.outcome, outcome);
-        EXPECT_EQ(fill(row.out, options.address), out);
-        EXPECT_EQ(fill(row.err, options.address, options.conf), outcome == kes::kesBusBadArguments ? error : err);
+        EXPECT_EQ(std::get<1>(row), outcome);
+        EXPECT_EQ(fill(std::get<2>(row), address), out);
+        EXPECT_EQ(fill(std::get<3>(row), address, options.conf), outcome == kes::kesBusBadArguments ? error : err);
     }
     // the searches leave the engine's mode as they found it
     EXPECT_EQ(2, kes::kesEnergySystem::MODE);
-    kes::kesEnergySystem::EXECUTION_COUNT = 1;
-    kes::kesEnergySystem::MODE = 2;
     kes_test::TestBusGateway::Device alarm;
     ASSERT_TRUE(gateway.GetDevice(3003, &alarm));
     EXPECT_EQ((std::vector<uint16_t>{1, 10, 20, 30}), alarm.tuning);
@@ -220,11 +188,11 @@ TEST(KesBusTool, CommandsOnTheBus)
 kes::kesArray<kes::kesEnergyDevice> devices(std::initializer_list<std::array<unsigned int, 3>> i_rows)
 {
     kes::kesArray<kes::kesEnergyDevice> array;
-    array.resize(i_rows.size());
-    for (size_t i = 0; i < i_rows.size(); ++i) {
-        array[i].Type = static_cast<kes::kesEEnergyDeviceType>(i_rows.begin()[i][0]);
-        array[i].Address = static_cast<unsigned char>(i_rows.begin()[i][1]);
-        array[i].UniqueID = i_rows.begin()[i][2];
+    for (const auto& row : i_rows) {
+        array.emplace_back();
+        array.back().Type = static_cast<kes::kesEEnergyDeviceType>(row[0]);
+        array.back().Address = static_cast<unsigned char>(row[1]);
+        array.back().UniqueID = row[2];
     }
     return array;
 }
@@ -239,64 +207,49 @@ TEST(KesBusConf, WritesTheLineOfTheBusAndKeepsTheRest)
     const kes::kesArray<kes::kesEnergyDevice> plant = devices({{1, 2, 11}, {4, 0, 44}}), none,
                                               meter = devices({{8, 3, 88}}), shared = devices({{1, 9, 11}, {2, 9, 22}});
     const std::string note = "        <!-- written by kes_bus: iid = 100000 x id + 100 x mid + fid -->\n";
-    struct Row {
-        const char* name;
-        const char* existing; // null: no file
-        unsigned int id;
-        const kes::kesArray<kes::kesEnergyDevice>& devices;
-        std::string result; // the file written, or a part of the refusal
-    };
-    const Row rows[] = {
+    // existing: null for no file; result: the file written, or a part of the refusal
+    // clang-format off
+    const std::tuple<const char*, const char*, unsigned int, const kes::kesArray<kes::kesEnergyDevice>&, std::string> rows[] = {
         {"a whole file", nullptr, kes::KES_BUS_LINE_ID_OF_FILE, plant,
-         "<energy v=\"1\">\n    <line id=\"1\" adr=\"10.0.0.5:502\">\n" + note +
-             "        <!-- [Panel] serial 11 module 2 -->\n        <!-- voltage, V -->\n"
-             "        <value type=\"1\" mid=\"2\" iid=\"100200\" fid=\"0\" />\n        <!-- temperature, °C -->\n"
-             "        <value type=\"1\" mid=\"2\" iid=\"100201\" fid=\"1\" />\n"
-             "        <!-- [Ambient] serial 44 module 0: never read, no value -->\n    </line>\n</energy>\n"},
+         "<energy v=\"1\">\n    <line id=\"1\" adr=\"10.0.0.5:502\">\n" + note + "        <!-- [Panel] serial 11 module 2 -->\n"
+         "        <!-- voltage, V -->\n        <value type=\"1\" mid=\"2\" iid=\"100200\" fid=\"0\" />\n        <!-- temperature, °C -->\n"
+         "        <value type=\"1\" mid=\"2\" iid=\"100201\" fid=\"1\" />\n        <!-- [Ambient] serial 44 module 0: never read, no value -->\n"
+         "    </line>\n</energy>\n"},
         {"the line of the address in place, with its id", ELSEWHERE, kes::KES_BUS_LINE_ID_OF_FILE, meter,
-         "<?xml version=\"1.0\" ?>\n<!-- plant north -->\n<energy v=\"1\">\n    <line id=\"4\" "
-         "adr=\"10.0.0.5:502\">\n" +
-             note +
-             "        <!-- [PulseCounterTwo] serial 88 module 3 -->\n        <!-- pulse rate 1, pulses/h -->\n"
-             "        <value type=\"8\" mid=\"3\" iid=\"400300\" fid=\"0\" />\n        <!-- pulse count 1, pulses -->\n"
-             "        <value type=\"8\" mid=\"3\" iid=\"400301\" fid=\"1\" />\n        <!-- pulse rate 2, pulses/h "
-             "-->\n"
-             "        <value type=\"8\" mid=\"3\" iid=\"400302\" fid=\"2\" />\n        <!-- pulse count 2, pulses -->\n"
-             "        <value type=\"8\" mid=\"3\" iid=\"400303\" fid=\"3\" />\n    </line>\n"
-             "    <line id=\"2\" adr=\"/dev/ttyUSB0\">\n        <!-- roof -->\n        <v iid=\"400200\" />\n    "
-             "</line>\n"
-             "    <davis adr=\"10.0.0.6:22222\" />\n</energy>\n"},
-        {"a shared module number", nullptr, 1, shared,
-         "[Panel] serial 11 module 9 and [String] serial 22 module 9 share a module number; give each device its own "
-         "with: kes_bus -adr 10.0.0.5:502 number 1 -conf "},
+         "<?xml version=\"1.0\" ?>\n<!-- plant north -->\n<energy v=\"1\">\n    <line id=\"4\" adr=\"10.0.0.5:502\">\n" + note +
+         "        <!-- [PulseCounterTwo] serial 88 module 3 -->\n        <!-- pulse rate 1, pulses/h -->\n"
+         "        <value type=\"8\" mid=\"3\" iid=\"400300\" fid=\"0\" />\n        <!-- pulse count 1, pulses -->\n"
+         "        <value type=\"8\" mid=\"3\" iid=\"400301\" fid=\"1\" />\n        <!-- pulse rate 2, pulses/h -->\n"
+         "        <value type=\"8\" mid=\"3\" iid=\"400302\" fid=\"2\" />\n        <!-- pulse count 2, pulses -->\n"
+         "        <value type=\"8\" mid=\"3\" iid=\"400303\" fid=\"3\" />\n    </line>\n    <line id=\"2\" adr=\"/dev/ttyUSB0\">\n"
+         "        <!-- roof -->\n        <v iid=\"400200\" />\n    </line>\n    <davis adr=\"10.0.0.6:22222\" />\n</energy>\n"},
+        {"a shared module number", nullptr, 1, shared, "[Panel] serial 11 module 9 and [String] serial 22 module 9 share a module number; "
+                                                       "give each device its own with: kes_bus -adr 10.0.0.5:502 number 1 -conf "},
         {"nothing found", ELSEWHERE, 1, none, "No device with a value to read was found"},
         {"an id another line has", ELSEWHERE, 2, plant, "Line id 2 is the id of the line at /dev/ttyUSB0 in "},
         {"an item number another line has", ELSEWHERE, 4, plant, "Item number 400200 is taken by another line"},
-        {"an id past 32-bit item numbers", "<energy><line id=\"50000\" adr=\"10.0.0.5:502\"/></energy>",
-         kes::KES_BUS_LINE_ID_OF_FILE, plant, "Line id 50000 would take item numbers past 32 bits (at most 42949)"},
+        {"an id past 32-bit item numbers", "<energy><line id=\"50000\" adr=\"10.0.0.5:502\"/></energy>", kes::KES_BUS_LINE_ID_OF_FILE, plant,
+         "Line id 50000 would take item numbers past 32 bits (at most 42949)"},
         {"a file that is no XML", "<energy><line", 1, plant, " at row 1"},
         {"a write that fails half way", ELSEWHERE, 1, plant, "File too large; it is as it was"},
     };
-    for (const Row& row : rows) {
+    // clang-format on
+    rlimit before;
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit small = {200, before.rlim_max};
+    signal(SIGXFSZ, SIG_IGN); // a write past the limit fails instead of ending the tests
+    for (const auto& [name, existing, id, found, result] : rows) {
         kes_test::TempDir dir;
         const std::string path = dir.File("conf.xml");
-        if (row.existing)
-            kes_test::WriteFile(path, row.existing);
-        rlimit before, small;
-        getrlimit(RLIMIT_FSIZE, &before);
-        small = {200, before.rlim_max};
-        sighandler_t handler = signal(SIGXFSZ, SIG_IGN); // a write past the limit fails instead
-        if (contains(row.name, "fails"))
-            setrlimit(RLIMIT_FSIZE, &small);
+        if (existing)
+            kes_test::WriteFile(path, existing);
+        setrlimit(RLIMIT_FSIZE, contains(name, "fails") ? &small : &before);
         std::string text;
-        bool written = kes::kesBusWriteConfiguration(path, "10.0.0.5:502", row.id, row.devices, &text);
+        bool written = kes::kesBusWriteConfiguration(path, "10.0.0.5:502", id, found, &text);
         setrlimit(RLIMIT_FSIZE, &before);
-        signal(SIGXFSZ, handler);
-        EXPECT_EQ(row.result[0] == '<', written) << row.name << ": " << text;
-        EXPECT_TRUE(written ? row.result == kes_test::ReadFile(path) : contains(text, row.result)) << row.name << text;
-        if (!written) {
-            EXPECT_EQ(row.existing ? row.existing : "", kes_test::ReadFile(path)) << row.name;
-        }
+        EXPECT_EQ(result[0] == '<', written) << name << ": " << text;
+        EXPECT_TRUE(written ? result == kes_test::ReadFile(path) : contains(text, result)) << name << text;
+        EXPECT_TRUE(written || kes_test::ReadFile(path) == (existing ? existing : "")) << name;
     }
 }
 
