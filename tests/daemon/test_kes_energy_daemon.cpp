@@ -14,7 +14,7 @@
 #include <regex>
 #include <set>
 
-#include "kes_net_test_support.h"
+#include "datagram_receiver.h"
 #include "loopback.h"
 #include "test_gateway.h"
 #include "test_process.h"
