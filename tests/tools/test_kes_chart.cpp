@@ -11,7 +11,6 @@
 #include <map>
 #include <sstream>
 
-#include "kes_history_reference.h"
 #include "test_process.h"
 
 namespace {
@@ -183,11 +182,29 @@ TEST(KesChart, PicturesRenderNotBlank)
     const char* const RSVG = "/usr/bin/rsvg-convert";
     if (access(RSVG, X_OK) != 0)
         GTEST_SKIP() << "rsvg-convert is missing (package librsvg2-bin)";
+    // two items of each class, a figure of each group between m and m + 10
+    auto group = [](int i, bool energy) {
+        const int m = (i * 7919 + 13) % 300;
+        return "|" + std::to_string(m + 5) + "|" + std::to_string(m) + "|" + std::to_string(m + 10) +
+               (energy ? "|" + std::to_string(m * 30) : "");
+    };
+    std::string day, month;
+    for (int h = 0, i = 0; h < 24; ++h) {
+        day += "H|" + std::to_string(h) + "\n";
+        for (int uid : {100000, 100001, 200000, 200001, 300000, 300001}) {
+            day += std::to_string(uid);
+            for (int g = 0; g < 12; ++g, ++i)
+                day += uid < 300000 ? group(i, uid < 200000) : "|" + std::to_string(i * 10);
+            day += "\n";
+        }
+    }
+    for (int d = 1; d <= 28; ++d)
+        month += "D|" + std::to_string(d) + "\n100000|" + std::to_string(d * 900) + "\n100001|" +
+                 std::to_string(9000 - d * 90) + "\n200000" + group(d, false) + "\n200001" + group(d + 7, false) +
+                 "\n300000|" + std::to_string(d * 400) + "\n300001|" + std::to_string(d * 300) + "\n";
     kes_test::TempDir dir;
-    kes_test::GeneratedHistory history;
-    kes_test::GenerateHistory(2, 23, 12, 12, 28, 0, 0, &history);
-    kes_test::WriteFile(dir.File("d"), history.day);
-    kes_test::WriteFile(dir.File("m"), history.month);
+    kes_test::WriteFile(dir.File("d"), day);
+    kes_test::WriteFile(dir.File("m"), month);
     ASSERT_EQ(0, run_chart({"-dir", dir.Path(), "-out", dir.File("out")}).first);
     for (const std::string picture : {"day", "month"}) {
         kes_test::ChildProcess measure;

@@ -1,6 +1,15 @@
-#include "kes_history_reference.h"
+#ifndef KES_BENCH_HISTORY_GENERATOR_H
+#define KES_BENCH_HISTORY_GENERATOR_H
+
+#include "kes_string.h"
 
 namespace kes_test {
+
+// Full history texts for a set of parameters, with plausible figures.
+struct GeneratedHistory {
+    kes::kesArray<kes::kesString> energyUids, valueUids, pulseUids;
+    kes::kesString day, month, year, begin;
+};
 
 using kes::kesString;
 
@@ -22,8 +31,10 @@ struct Figures {
 
 } // namespace
 
-void GenerateHistory(unsigned int perClass, unsigned int hours, unsigned int groups, unsigned int lastGroups,
-                     unsigned int days, unsigned int months, unsigned int years, GeneratedHistory* o_history)
+// 'hours' complete hour blocks of 'groups' groups, then one block of 'lastGroups';
+// 'days' month blocks, 'months' year blocks, 'years' begin blocks.
+inline void GenerateHistory(unsigned int perClass, unsigned int hours, unsigned int groups, unsigned int lastGroups,
+                            unsigned int days, unsigned int months, unsigned int years, GeneratedHistory* o_history)
 {
     GeneratedHistory& h = *o_history;
     h = GeneratedHistory();
@@ -68,3 +79,5 @@ void GenerateHistory(unsigned int perClass, unsigned int hours, unsigned int gro
 }
 
 } // namespace kes_test
+
+#endif
