@@ -20,6 +20,14 @@
 
 namespace {
 
+// A field of /proc/PID/status in kB (VmRSS, VmHWM), -1 when it can not be read.
+long StatusKb(pid_t pid, const char* field)
+{
+    std::string status = kes_test::ReadFile("/proc/" + std::to_string(pid) + "/status");
+    size_t at = status.find(std::string(field) + ":");
+    return at == std::string::npos ? -1 : strtol(status.c_str() + at + strlen(field) + 1, nullptr, 10);
+}
+
 const unsigned int LINES = 4;
 const unsigned int DEVICES = 50;
 // Types with a measurement read, and the registers of that read.
@@ -113,7 +121,7 @@ bool measure(const std::string& i_conf, const std::vector<std::string>& i_argv, 
     }
     double cpuEnd = cpu_seconds(program.Pid());
     double wall = std::chrono::duration<double>(Clock::now() - start).count();
-    o_figures->peakMb = kes_test::StatusKb(program.Pid(), "VmHWM") / 1024.0;
+    o_figures->peakMb = StatusKb(program.Pid(), "VmHWM") / 1024.0;
     o_figures->cpuShare = 100.0 * (cpuEnd - cpuStart) / (wall - settle);
     program.Signal(SIGTERM);
     program.Wait(5000);

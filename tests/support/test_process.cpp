@@ -231,13 +231,6 @@ uint16_t FreePort()
     return port;
 }
 
-long StatusKb(pid_t pid, const char* field)
-{
-    std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
-    size_t at = status.find(std::string(field) + ":");
-    return at == std::string::npos ? -1 : strtol(status.c_str() + at + strlen(field) + 1, nullptr, 10);
-}
-
 bool CatchesSigterm(pid_t pid, unsigned int timeoutMs)
 {
     auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);

@@ -73,8 +73,6 @@ bool RefusesIntruder(const std::string& path, const Intruder& intruder, const st
 
 // A port of 127.0.0.1 that was free a moment ago; 0 when none could be had.
 uint16_t FreePort();
-// A field of /proc/PID/status in kB (VmRSS, VmHWM), -1 when it can not be read.
-long StatusKb(pid_t pid, const char* field);
 // Whether the process has a handler for SIGTERM, polled for at most timeoutMs.
 bool CatchesSigterm(pid_t pid, unsigned int timeoutMs);
 
