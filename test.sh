@@ -10,7 +10,7 @@ kes_install_deps
 
 jobs=${KES_JOBS:-2}
 # Tests whose subject runs threads of its own.
-threaded='Thread|Timer|Event|Mutex|Line|Davis|Sigterm|Concurrent|HistorySystem|Socket|Serial|Gateway'
+threaded='Thread|Timer|Line|Davis|Socket|Serial|Engine|Routing|HistorySystem|KesBusTool'
 
 passed=0
 run_suite() {
