@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "history_generator.h"
 #include "kes_energy_history_file.h"
 #include "kes_error.h"
 #include "kes_history_fake.h"
-#include "history_generator.h"
 // The direct scan lives with the fuzz target that compares against it.
 #include "../fuzz/history_reference.h"
 #include "kes_osfile.h"
