@@ -1,8 +1,8 @@
 # Sourced by test.sh and demo.sh: installs the Debian packages the build and the tests need
 # (systemd-analyze checks the service unit, dpkg-shlibdeps and objcopy make the .deb,
-# rsvg-convert renders the pictures of kes_chart, clang-format checks the style).
+# clang-format checks the style).
 KES_DEBIAN_PACKAGES=(cmake g++ make libgtest-dev libtinyxml-dev python3-pymodbus clang libclang-rt-14-dev faketime
-  systemd dpkg-dev binutils file librsvg2-bin clang-format)
+  systemd dpkg-dev binutils file clang-format)
 
 kes_install_deps() {
   local missing=()

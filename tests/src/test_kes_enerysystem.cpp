@@ -12,6 +12,7 @@
 
 #include "error_capture.h"
 #include "test_gateway_bus.h"
+#include "test_process.h"
 
 using namespace kes;
 using kes_test::Bytes;
@@ -189,20 +190,29 @@ TEST_F(EngineTest, EveryReadDecodesItsRegisters)
          {65546, 1007, 131083, 2007, 196620, 3007, 262157, 4007, 327694, 5007}, {100, 101, 102, 103, 104}},
     };
     // clang-format on
+    auto read = [](const auto& row, kesEnergySystem& engine) {
+        Out out;
+        ASSERT_EQ(kesErrorOk, row.read(engine, row.address, out));
+        for (size_t i = 0; i < row.f.size(); ++i)
+            EXPECT_FLOAT_EQ(row.f[i], out.f[i]) << "float " << i;
+        EXPECT_EQ(row.u, std::vector<unsigned int>(out.u, out.u + row.u.size()));
+        EXPECT_EQ(row.w, std::vector<unsigned short>(out.w, out.w + row.w.size()));
+    };
     Open();
     m_engine.real = true; // the answer pause read for real, as on the bus
+    std::string json;     // every unit's registers, for pymodbus below
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         Clear();
         m_gateway.ClearRegisters();
         m_gateway.SetRegisters(row.unit, row.address, row.registers);
-        Out out;
-        ASSERT_EQ(kesErrorOk, row.read(m_engine, row.address, out)) << m_log.Dump();
-        for (size_t i = 0; i < row.f.size(); ++i)
-            EXPECT_FLOAT_EQ(row.f[i], out.f[i]) << "float " << i;
-        EXPECT_EQ(row.u, std::vector<unsigned int>(out.u, out.u + row.u.size()));
-        EXPECT_EQ(row.w, std::vector<unsigned short>(out.w, out.w + row.w.size()));
-        EXPECT_EQ("A", m_engine.pauses);
+        read(row, m_engine);
+        EXPECT_EQ("A", m_engine.pauses) << m_log.Dump();
+        json += (json.empty() ? "{\"" : ", \"") + std::to_string(row.unit) + "\": {\"" + std::to_string(row.address) +
+                "\": [";
+        for (size_t i = 0; i < row.registers.size(); ++i)
+            json += (i ? ", " : "") + std::to_string(row.registers[i]);
+        json += "]}";
         // one request: the unit is the device type, the block starts at the bus address
         ASSERT_EQ(1u, Requests());
         EXPECT_EQ(ToHex(WithCrc({row.unit, 3, uint8_t(row.address >> 8), uint8_t(row.address & 0xFF), 0,
@@ -210,6 +220,18 @@ TEST_F(EngineTest, EveryReadDecodesItsRegisters)
                   ToHex(m_gateway.GetRequests()[0]));
     }
     EXPECT_EQ(0u, m_log.Count()) << m_log.Dump();
+    // The same reads from pymodbus as an RTU-over-TCP gateway: an independent
+    // reading of the frames, the CRC and the register order.
+    kes_test::ChildProcess peer;
+    ASSERT_TRUE(peer.Start({"/usr/bin/python3", KES_SOURCE_DIR "/tests/support/pymodbus_gateway.py", json + "}"}));
+    ASSERT_TRUE(peer.WaitForOutput("PORT ", 20000)) << "is python3-pymodbus installed?\n" << peer.Output();
+    kesEnergySystem independent;
+    ASSERT_EQ(kesErrorOk,
+              independent.OpenCommunication(("127.0.0.1:" + peer.Output().substr(5)).c_str(), 0, 2000, 5, 30));
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string("pymodbus ") + row.name);
+        read(row, independent);
+    }
 }
 
 // After a request that got no reply of its own (before), a reply is taken

@@ -56,10 +56,6 @@ struct Intruder {
     const char* words;
 };
 extern const Intruder INTRUDERS[6];
-inline std::ostream& operator<<(std::ostream& out, const Intruder& intruder)
-{
-    return out << intruder.name;
-}
 // Puts the intruder at the path; false when this user can not make it what
 // it should be (root reads every file).
 bool PlaceIntruder(const std::string& path, const Intruder& intruder);

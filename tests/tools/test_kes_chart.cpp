@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <tinyxml.h>
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -174,48 +172,6 @@ TEST(KesChart, RefusesWhatItCanNotUse)
     EXPECT_EQ(0, run_chart({"-out", out, "-dir", data}).first);
     EXPECT_NE(std::string::npos, kes_test::ReadFile(dir.File("out/day.svg")).find("No history file"));
     EXPECT_NE(std::string::npos, kes_test::ReadFile(dir.File("out/index.html")).find("month.svg"));
-}
-
-// A full day and month, rendered by Debian's rsvg-convert, leave ink on the picture.
-TEST(KesChart, PicturesRenderNotBlank)
-{
-    const char* const RSVG = "/usr/bin/rsvg-convert";
-    if (access(RSVG, X_OK) != 0)
-        GTEST_SKIP() << "rsvg-convert is missing (package librsvg2-bin)";
-    // two items of each class, a figure of each group between m and m + 10
-    auto group = [](int i, bool energy) {
-        const int m = (i * 7919 + 13) % 300;
-        return "|" + std::to_string(m + 5) + "|" + std::to_string(m) + "|" + std::to_string(m + 10) +
-               (energy ? "|" + std::to_string(m * 30) : "");
-    };
-    std::string day, month;
-    for (int h = 0, i = 0; h < 24; ++h) {
-        day += "H|" + std::to_string(h) + "\n";
-        for (int uid : {100000, 100001, 200000, 200001, 300000, 300001}) {
-            day += std::to_string(uid);
-            for (int g = 0; g < 12; ++g, ++i)
-                day += uid < 300000 ? group(i, uid < 200000) : "|" + std::to_string(i * 10);
-            day += "\n";
-        }
-    }
-    for (int d = 1; d <= 28; ++d)
-        month += "D|" + std::to_string(d) + "\n100000|" + std::to_string(d * 900) + "\n100001|" +
-                 std::to_string(9000 - d * 90) + "\n200000" + group(d, false) + "\n200001" + group(d + 7, false) +
-                 "\n300000|" + std::to_string(d * 400) + "\n300001|" + std::to_string(d * 300) + "\n";
-    kes_test::TempDir dir;
-    kes_test::WriteFile(dir.File("d"), day);
-    kes_test::WriteFile(dir.File("m"), month);
-    ASSERT_EQ(0, run_chart({"-dir", dir.Path(), "-out", dir.File("out")}).first);
-    for (const std::string picture : {"day", "month"}) {
-        kes_test::ChildProcess measure;
-        ASSERT_TRUE(
-            measure.Start({"/bin/sh", "-c",
-                           std::string(RSVG) + " -w 200 '" + dir.File("out/" + picture) +
-                               ".svg' | /usr/bin/python3 '" KES_SOURCE_DIR "/tests/support/png_ink.py' /dev/stdin"}));
-        ASSERT_EQ(0, measure.Wait(60000)) << measure.Output();
-        const double ink = atof(measure.Output().c_str());
-        EXPECT_TRUE(ink > 0.03 && ink < 0.6) << picture << " " << ink;
-    }
 }
 
 } // namespace
